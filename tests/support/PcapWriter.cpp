@@ -220,15 +220,16 @@ std::string makeEthernetLogFrame(const UdpFraming& framing, const Tav::PcapRecHe
 PcapWriter::PcapWriter(std::uint32_t linkType, UdpFraming framing)
     : linkType_(linkType), framing_(framing), bytes_(encodeGlobalHeader(linkType)) {}
 
-PcapWriter PcapWriter::headerless() { return PcapWriter(Headerless{}); }
+PcapWriter PcapWriter::headerless() {
+    return PcapWriter(Headerless{});
+}
 
 PcapWriter& PcapWriter::setFraming(const UdpFraming& framing) {
     framing_ = framing;
     return *this;
 }
 
-PcapWriter& PcapWriter::record(std::uint32_t tsSec, std::uint32_t tsUsec,
-                               const std::string& data) {
+PcapWriter& PcapWriter::record(std::uint32_t tsSec, std::uint32_t tsUsec, const std::string& data) {
     Tav::PcapRecHeader header;
     header.tsSec = tsSec;
     header.tsUsec = tsUsec;

@@ -26,7 +26,7 @@ namespace wexbl_test {
 /// Appends fields to a byte string; every integer is little-endian unless the
 /// appender says otherwise. Bytes are held in a std::string (binary-safe).
 class ByteBuilder {
-public:
+  public:
     ByteBuilder() = default;
     explicit ByteBuilder(std::string initial) : data_(std::move(initial)) {}
 
@@ -57,7 +57,7 @@ public:
     const std::string& str() const { return data_; }
     std::size_t size() const { return data_.size(); }
 
-private:
+  private:
     std::string data_;
 };
 
@@ -121,7 +121,7 @@ std::string makeEthernetLogFrame(const UdpFraming& framing, const Tav::PcapRecHe
 
 /// A capture file built in memory.
 class PcapWriter {
-public:
+  public:
     /// A capture that starts with the standard global header of `linkType`.
     /// Ethernet captures frame their log records with `framing`.
     explicit PcapWriter(std::uint32_t linkType = kLinkTypeBinLog, UdpFraming framing = {});
@@ -162,7 +162,7 @@ public:
     /// Gzip when `path` ends in ".gz", plain otherwise.
     bool write(const std::string& path) const;
 
-private:
+  private:
     struct Headerless {};
     explicit PcapWriter(Headerless) : linkType_(0) {}
 

@@ -41,13 +41,12 @@ std::size_t totalEntries(const Tav::FlexiParams& f) {
 
 std::string subsystem(const std::string& sub, const std::string& subId, const std::string& mod,
                       const std::string& modId, const std::string& version) {
-    return "<LoggingSubSystem subsystem=\"" + sub + "\" subsystemId=\"" + subId +
-           "\" module=\"" + mod + "\" moduleid=\"" + modId + "\" binlogversion=\"" + version +
-           "\"/>";
+    return "<LoggingSubSystem subsystem=\"" + sub + "\" subsystemId=\"" + subId + "\" module=\"" +
+           mod + "\" moduleid=\"" + modId + "\" binlogversion=\"" + version + "\"/>";
 }
 
 class BinlogLoaderTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("a_binlog.xml", kMinimalBinlog);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);
@@ -465,7 +464,8 @@ TEST_F(BinlogLoaderTest, LoggingSubSystemMissingVersionFails) {
 
 TEST_F(BinlogLoaderTest, LoggingSubSystemWithEmptyModuleFailsAtDepthOne) {
     EXPECT_EQ(parseCapturing("<r>" + subsystem("s", "1", "", "2", "1") + "</r>"), -1);
-    EXPECT_EQ(err_, "Mandatory params empty\nError in parseLoggingSubsystemError in parseBinLogXml");
+    EXPECT_EQ(err_,
+              "Mandatory params empty\nError in parseLoggingSubsystemError in parseBinLogXml");
 }
 
 TEST_F(BinlogLoaderTest, LoggingSubSystemAttributeNamesAreCaseSensitive) {
@@ -614,8 +614,7 @@ TEST_F(BinlogLoaderTest, SecondModuleHeaderAppendsAndRecomputes) {
 }
 
 TEST_F(BinlogLoaderTest, ModuleHeaderUnknownTypeAddsNameOnly) {
-    EXPECT_EQ(parseCapturing("<ModuleHeader><h type=\"float\" nameList=\"x\"/></ModuleHeader>"),
-              0);
+    EXPECT_EQ(parseCapturing("<ModuleHeader><h type=\"float\" nameList=\"x\"/></ModuleHeader>"), 0);
     EXPECT_EQ(err_, "");
     EXPECT_EQ(totalEntries(module_), 0u);
     EXPECT_EQ(module_.paramOrder, (Names{"x"}));
@@ -710,11 +709,10 @@ TEST(BinlogLoading, NestedFailureEndsWithTheLoaderMessage) {
 
 TEST(BinlogLoading, BinaryStringWithoutSizeStillLoads) {
     TempDir dir;
-    dir.writeFile("x_binlog.xml",
-                  "<r>" + subsystem("s", "1", "m", "2", "1") +
-                      "<LogId name=\"n\" logString=\"s\" category=\"c\">"
-                      "<p type=\"binarystring\" nameList=\"b\"/>"
-                      "<p type=\"TavUint8_t\" nameList=\"u\"/></LogId></r>");
+    dir.writeFile("x_binlog.xml", "<r>" + subsystem("s", "1", "m", "2", "1") +
+                                      "<LogId name=\"n\" logString=\"s\" category=\"c\">"
+                                      "<p type=\"binarystring\" nameList=\"b\"/>"
+                                      "<p type=\"TavUint8_t\" nameList=\"u\"/></LogId></r>");
     StderrCapture capture;
     Tav::BinaryLogXmlReader reader(dir.slash(), false, 0, 64);
     const std::string err = capture.stop();

@@ -84,7 +84,7 @@ const char kMinimalBinlog[] =
 // Numbers read through the dictionary loader: a reader built on a directory
 // holding one minimal binlog file, then the parse steps called directly.
 class DecimalFieldsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("a_binlog.xml", kMinimalBinlog);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);
@@ -119,8 +119,8 @@ TEST_F(DecimalFieldsTest, CountOfFiveBillionSaturates) {
 
 TEST_F(DecimalFieldsTest, CountOfMinusOneWraps) {
     Tav::LogDetails log;
-    EXPECT_EQ(
-        reader_->tokenizeAndPushToList("a", "TavUint32_t", "-1", "", "", log, log.paramOrder), 0);
+    EXPECT_EQ(reader_->tokenizeAndPushToList("a", "TavUint32_t", "-1", "", "", log, log.paramOrder),
+              0);
     ASSERT_EQ(log.uint32Params.size(), 1u);
     EXPECT_EQ(log.uint32Params[0].length, 4294967295u);
 }
@@ -137,9 +137,9 @@ TEST_F(DecimalFieldsTest, CountBelowLongMinimumSaturatesThenWraps) {
 
 TEST_F(DecimalFieldsTest, SizeOfFiveBillionSaturates) {
     Tav::LogDetails log;
-    EXPECT_EQ(reader_->tokenizeAndPushToList("s", "string", "0", "5000000000", "", log,
-                                             log.paramOrder),
-              0);
+    EXPECT_EQ(
+        reader_->tokenizeAndPushToList("s", "string", "0", "5000000000", "", log, log.paramOrder),
+        0);
     ASSERT_EQ(log.stringParams.size(), 1u);
     EXPECT_EQ(log.stringParams[0].length, 2147483647u);
 }

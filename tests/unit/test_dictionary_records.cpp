@@ -62,15 +62,19 @@ static_assert(std::is_same<decltype(Tav::LogDetails::logIndex), std::uint16_t>::
 static_assert(std::is_same<decltype(Tav::LogDetails::frameTiming), std::uint32_t>::value,
               "frameTiming is unsigned 32-bit");
 
-std::uintptr_t addressOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+std::uintptr_t addressOf(const void* p) {
+    return reinterpret_cast<std::uintptr_t>(p);
+}
 
 TEST(FlexiParamsLayout, ListsAreInPayloadOrder) {
     Tav::FlexiParams f;
     const std::uintptr_t order[] = {
-        addressOf(&f.uint64Params),   addressOf(&f.int64Params),  addressOf(&f.uint32Params),
-        addressOf(&f.int32Params),    addressOf(&f.uint16Params), addressOf(&f.int16Params),
-        addressOf(&f.uint8Params),    addressOf(&f.int8Params),   addressOf(&f.stringParams),
-        addressOf(&f.binaryStringParams), addressOf(&f.varBinaryStringParams)};
+        addressOf(&f.uint64Params),         addressOf(&f.int64Params),
+        addressOf(&f.uint32Params),         addressOf(&f.int32Params),
+        addressOf(&f.uint16Params),         addressOf(&f.int16Params),
+        addressOf(&f.uint8Params),          addressOf(&f.int8Params),
+        addressOf(&f.stringParams),         addressOf(&f.binaryStringParams),
+        addressOf(&f.varBinaryStringParams)};
     for (std::size_t i = 1; i < sizeof order / sizeof order[0]; ++i) {
         EXPECT_LT(order[i - 1], order[i]) << "list " << i;
     }
@@ -347,7 +351,7 @@ const char kMinimalBinlog[] =
     "binlogversion=\"1\"/>";
 
 class RecordsFromDeclarations : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("a_binlog.xml", kMinimalBinlog);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);

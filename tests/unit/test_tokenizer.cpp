@@ -38,7 +38,7 @@ std::size_t totalEntries(const Tav::FlexiParams& f) {
 using Names = std::vector<std::string>;
 
 class TokenizerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("a_binlog.xml", kMinimalBinlog);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);
