@@ -24,7 +24,8 @@ using Files = std::vector<std::pair<std::string, std::string>>;
 const char kNotInitialized[] = "BinaryLogDisplayFormatter not initialized correctly\n";
 
 bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 std::size_t occurrences(const std::string& text, const std::string& word) {
@@ -54,7 +55,7 @@ Lookup lookup(const Tav::BinaryLogDisplayFormatter& fmt, const std::string& form
 }
 
 class DisplayTest : public ::testing::Test {
-protected:
+  protected:
     // Writes the files into a fresh directory and loads them in the given
     // order; the text written to standard error is kept in err_.
     int load(const Files& files) {
@@ -297,11 +298,12 @@ TEST_F(DisplayTest, RepeatedValueInsideOneEnumerationKeepsTheLaterText) {
 }
 
 TEST_F(DisplayTest, SameNameTwiceInOneFileKeepsOnlyTheLater) {
-    ASSERT_EQ(loadOne("<enums>"
-                      "<enum name=\"e\"><v value=\"1\" text=\"a\"/><v value=\"3\" text=\"c\"/></enum>"
-                      "<enum name=\"e\"><v value=\"2\" text=\"b\"/><v value=\"3\" text=\"C\"/></enum>"
-                      "</enums>"),
-              0);
+    ASSERT_EQ(
+        loadOne("<enums>"
+                "<enum name=\"e\"><v value=\"1\" text=\"a\"/><v value=\"3\" text=\"c\"/></enum>"
+                "<enum name=\"e\"><v value=\"2\" text=\"b\"/><v value=\"3\" text=\"C\"/></enum>"
+                "</enums>"),
+        0);
     EXPECT_EQ(table("e"), (Table{{"2", "b"}, {"3", "C"}}));
     const Lookup r = lookup(fmt_, "e", "1");
     EXPECT_EQ(r.rc, -1);
@@ -459,8 +461,9 @@ TEST_F(DisplayTest, EntryParserIgnoresNodesWithoutAttributes) {
 }
 
 TEST_F(DisplayTest, EnumerationParserStoresOneTable) {
-    auto doc = parseXml("<enum name=\"e\"><v value=\"1\" text=\"one\"/>"
-                        "<enum name=\"inner\"/></enum>");
+    auto doc = parseXml(
+        "<enum name=\"e\"><v value=\"1\" text=\"one\"/>"
+        "<enum name=\"inner\"/></enum>");
     ASSERT_NE(doc, nullptr);
     xmlNode* node = xmlDocGetRootElement(doc.get());
     StderrCapture err;
@@ -597,8 +600,9 @@ TEST_F(DisplayTest, FailureKeepsEarlierEnumerationsOfTheFile) {
 TEST_F(DisplayTest, NamelessEnumerationNestedInANamedOne) {
     // The outer table is stored (with the nested element as an entry) before
     // the walk reaches the nested element and fails on it.
-    EXPECT_EQ(loadOne("<enum name=\"outer\"><v value=\"1\" text=\"one\"/><enum value=\"2\"/></enum>"),
-              -1);
+    EXPECT_EQ(
+        loadOne("<enum name=\"outer\"><v value=\"1\" text=\"one\"/><enum value=\"2\"/></enum>"),
+        -1);
     EXPECT_EQ(err_,
               "Mandatory params in the Enum node missing\n"
               "Error in parseEnumNodes"

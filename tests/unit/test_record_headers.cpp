@@ -108,8 +108,8 @@ TEST(RecordHeaders, BinLogHeaderDecodesLittleEndian) {
 
 TEST(RecordHeaders, HeaderCopiedFromAnUnalignedPosition) {
     unsigned char record[1 + 16 + 4] = {};
-    const unsigned char header[16] = {0x01, 0, 0, 0, 0x03, 0x00, 0x02, 0x01, 0x08, 0x00,
-                                      0x01, 0x00, 0x10, 0x00, 0x00, 0x80};
+    const unsigned char header[16] = {0x01, 0,    0,    0,    0x03, 0x00, 0x02, 0x01,
+                                      0x08, 0x00, 0x01, 0x00, 0x10, 0x00, 0x00, 0x80};
     std::memcpy(record + 1, header, sizeof header);
     Tav::BinLogHeader h;
     Tav::memscpy(&h, sizeof h, record + 1, 16);
@@ -171,9 +171,9 @@ TEST(RecordHeadersThroughReader, LowHalfIsNotTheModule) {
     b.logVersion = 3;
     MemoryStream out;
     StderrCapture err;
-    EXPECT_EQ(reader.getLogDetailsForLogId(Tav::PcapRecHeader{}, b, Tav::ByteReader(), 16,
-                                           out.file(), 0),
-              -1);
+    EXPECT_EQ(
+        reader.getLogDetailsForLogId(Tav::PcapRecHeader{}, b, Tav::ByteReader(), 16, out.file(), 0),
+        -1);
     EXPECT_EQ(err.stop(), "Log id :20001 not valid\n");
     EXPECT_EQ(out.text(), "");
 }

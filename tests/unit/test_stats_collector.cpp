@@ -37,7 +37,7 @@ int seq(std::uint32_t wire) {
 }
 
 class StatsTest : public ::testing::Test {
-protected:
+  protected:
     // One record of `module` with the given packet type and number.
     void record(int module, unsigned int packetType, std::uint32_t seqNo, unsigned int length = 20,
                 std::uint32_t usec = 1) {
