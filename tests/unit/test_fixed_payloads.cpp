@@ -61,7 +61,7 @@ Tav::TavLogParam<T> makeParam(const std::string& name, T value = T{}) {
 }
 
 class FixedPayloadsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("core_binlog.xml", kBinlogXml);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);
@@ -87,7 +87,7 @@ protected:
         return reader().decodeSyslogPayLoad(pcap, header, payload, tag, message);
     }
 
-private:
+  private:
     wexbl_test::TempDir dir_;
     std::unique_ptr<Tav::BinaryLogXmlReader> reader_;
 };

@@ -36,7 +36,9 @@ const char* const kEnumXml = R"(<?xml version="1.0"?>
 </Enums>
 )";
 
-Bytes le16(std::uint16_t v) { return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8)}; }
+Bytes le16(std::uint16_t v) {
+    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8)};
+}
 
 Bytes le32(std::uint32_t v) {
     Bytes b;
@@ -115,7 +117,7 @@ IntResult<T> decodeScalar(Tav::BinaryLogXmlReader& reader, const Bytes& bytes,
 
 // A reader over a dictionary directory without any display enumeration.
 class IntParamsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("core_binlog.xml", kBinlogXml);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);
@@ -123,14 +125,14 @@ protected:
     }
     Tav::BinaryLogXmlReader& reader() { return *reader_; }
 
-private:
+  private:
     wexbl_test::TempDir dir_;
     std::unique_ptr<Tav::BinaryLogXmlReader> reader_;
 };
 
 // A reader whose dictionary directory also holds display enumerations.
 class IntParamsEnumTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("core_binlog.xml", kBinlogXml);
         dir_.writeFile("enums_bindisplay.xml", kEnumXml);
@@ -140,7 +142,7 @@ protected:
     }
     Tav::BinaryLogXmlReader& reader() { return *reader_; }
 
-private:
+  private:
     wexbl_test::TempDir dir_;
     std::unique_ptr<Tav::BinaryLogXmlReader> reader_;
 };
@@ -437,7 +439,8 @@ TEST_F(IntParamsTest, ArraysOfSignedAndWideKinds) {
 }
 
 TEST_F(IntParamsTest, ArrayElementsUseTheDisplayFormat) {
-    auto hex = decodeOne<std::int8_t>(reader(), {0xff, 0x10}, makeParam<std::int8_t>("a", 2, "hex"));
+    auto hex =
+        decodeOne<std::int8_t>(reader(), {0xff, 0x10}, makeParam<std::int8_t>("a", 2, "hex"));
     EXPECT_EQ(hex.text, "[a[0]=0xffffffff,a[1]=0x10]");
 
     auto sfn = decodeOne<std::uint32_t>(reader(), concat({le32(12345), le32(10240)}),
@@ -453,7 +456,8 @@ TEST_F(IntParamsTest, ArrayWithUnknownFormatReportsEveryElement) {
 }
 
 TEST_F(IntParamsEnumTest, ArrayElementWithUnknownEnumValueRepeatsThePreviousText) {
-    auto r = decodeOne<std::uint8_t>(reader(), {1, 5, 0, 6}, makeParam<std::uint8_t>("c", 4, "Color"));
+    auto r =
+        decodeOne<std::uint8_t>(reader(), {1, 5, 0, 6}, makeParam<std::uint8_t>("c", 4, "Color"));
     EXPECT_EQ(r.text, "[c[0]=GREEN,c[1]=GREEN,c[2]=RED,c[3]=RED]");
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.offset, 4u);

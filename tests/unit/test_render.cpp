@@ -55,7 +55,8 @@ Tav::LogDetails makeLog(const std::string& name, const std::string& logString,
     return l;
 }
 
-Tav::PcapRecHeader makePcap(std::uint32_t sec, std::uint32_t usec, std::uint32_t storageLength = 0) {
+Tav::PcapRecHeader makePcap(std::uint32_t sec, std::uint32_t usec,
+                            std::uint32_t storageLength = 0) {
     Tav::PcapRecHeader p;
     p.tsSec = sec;
     p.tsUsec = usec;
@@ -75,7 +76,7 @@ Tav::BinLogHeader makeHeader(std::uint32_t type, std::uint16_t level, std::uint3
 }
 
 class RenderTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("core_binlog.xml", kBinlogXml);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 64);
@@ -129,7 +130,7 @@ protected:
         return out.text();
     }
 
-private:
+  private:
     wexbl_test::TempDir dir_;
     std::unique_ptr<Tav::BinaryLogXmlReader> reader_;
 };
@@ -200,9 +201,9 @@ TEST_F(RenderTest, UtcOffsetWrapsAroundIn32Bits) {
 // ---- Plain capture line --------------------------------------------------------------------
 
 TEST_F(RenderTest, CaptureLinePrintsLengthAndSeqNoSigned) {
-    EXPECT_EQ(captureLine(makePcap(0, 0, 0x80000000u), makeHeader(Tav::PcapCapture, 5, 0xFFFFFFFFu),
-                          0),
-              "[1970-01-01T00:00:00.000Z] [wireshark] [length=-2147483648] [seqNo=        -1]\n");
+    EXPECT_EQ(
+        captureLine(makePcap(0, 0, 0x80000000u), makeHeader(Tav::PcapCapture, 5, 0xFFFFFFFFu), 0),
+        "[1970-01-01T00:00:00.000Z] [wireshark] [length=-2147483648] [seqNo=        -1]\n");
     EXPECT_EQ(captureLine(makePcap(0, 2000, 44), makeHeader(Tav::PcapCapture, 5, 1234567890u), 0),
               "[1970-01-01T00:00:00.002Z] [wireshark] [length=44] [seqNo=1234567890]\n");
 }
@@ -344,8 +345,7 @@ TEST_F(RenderTest, BinaryLogLineOfSelfRecreatingPlaceholderIsFinite) {
     auto log = makeLog("Loop", "v {x}", {"x"}, {{"x", "{x}"}});
     EXPECT_EQ(binLogLine(makePcap(0, 0), makeHeader(0, 5, 1), 0, makeModule(), log),
               "[1970-01-01T00:00:00.000Z] [" + pad("SYS:MOD", 10) + "] [" + pad("Loop", 25) +
-                  "] [    INFO] [" + pad("CAT", 10) + "] [1] [v " + repeat("x=", 1000) +
-                  "{x}] \n");
+                  "] [    INFO] [" + pad("CAT", 10) + "] [1] [v " + repeat("x=", 1000) + "{x}] \n");
 }
 
 TEST_F(RenderTest, BinaryLogLineWithUnknownPlaceholderIsPrintedAsItStands) {
@@ -376,7 +376,7 @@ TEST_F(RenderTest, LevelZeroHasTheEmptyNameAlready) {
 // ---- Legacy lines -------------------------------------------------------------------------------
 
 class LegacyRenderTest : public RenderTest {
-protected:
+  protected:
     static Tav::LogDetails legacyLog() {
         Tav::LogDetails log = makeLog("LegacyLog", "Legacy {x} msg");
         log.frameTiming = 10243;
@@ -523,9 +523,9 @@ TEST_F(RenderTest, SyslogLineWithManyLineFeeds) {
 TEST_F(RenderTest, SyslogLineWithUnknownLevelGrowsTheTable) {
     std::string tag = "t";
     std::string message = "m";
-    EXPECT_EQ(syslogLine(makePcap(0, 0), makeHeader(Tav::Syslog, 20, 4294967295u), tag, message),
-              "[1970-01-01T00:00:00.000Z] [syslog] [" + pad("t", 16) +
-                  "] [        ] [4294967295] [m]\n");
+    EXPECT_EQ(
+        syslogLine(makePcap(0, 0), makeHeader(Tav::Syslog, 20, 4294967295u), tag, message),
+        "[1970-01-01T00:00:00.000Z] [syslog] [" + pad("t", 16) + "] [        ] [4294967295] [m]\n");
     EXPECT_EQ(reader().logLevelNames.size(), 10u);
     EXPECT_EQ(reader().logLevelNames.count(20), 1u);
 }

@@ -31,7 +31,9 @@ StringParam makeParam(const std::string& name, std::uint32_t length) {
     return p;
 }
 
-Bytes textBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes textBytes(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
 
 enum class Kind { String, Binary, VarBinary };
 
@@ -44,7 +46,7 @@ struct StringResult {
 };
 
 class StringParamsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dir_.writeFile("core_binlog.xml", kBinlogXml);
         reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dir_.slash(), false, 0, 2);
@@ -74,7 +76,7 @@ protected:
         return r;
     }
 
-private:
+  private:
     wexbl_test::TempDir dir_;
     std::unique_ptr<Tav::BinaryLogXmlReader> reader_;
 };
@@ -141,7 +143,8 @@ TEST_F(StringParamsTest, BinaryStringOfSizeZeroConsumesNothingAndIsEmpty) {
 }
 
 TEST_F(StringParamsTest, BinaryStringsFollowOneAnother) {
-    auto r = decode(Kind::Binary, {0x01, 0x00, 0x7f, 0x80}, {makeParam("one", 1), makeParam("two", 3)});
+    auto r =
+        decode(Kind::Binary, {0x01, 0x00, 0x7f, 0x80}, {makeParam("one", 1), makeParam("two", 3)});
     EXPECT_EQ(r.values, (Values{{"one", "01"}, {"two", "00:7f:80"}}));
     EXPECT_EQ(r.offset, 4u);
 }
@@ -176,7 +179,8 @@ TEST_F(StringParamsTest, VarBinaryStringShorterThanTheLimitShowsAllItsBytes) {
 
 TEST_F(StringParamsTest, VarBinaryStringWithLimitZeroShowsNoBytes) {
     reader().maxVarBinaryBytes = 0;
-    auto r = decode(Kind::VarBinary, {0x05, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05}, {makeParam("v", 16)});
+    auto r =
+        decode(Kind::VarBinary, {0x05, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05}, {makeParam("v", 16)});
     EXPECT_EQ(r.values.at("v"), "payload size:5 ");
     EXPECT_EQ(r.offset, 7u);
 }
@@ -203,8 +207,8 @@ TEST_F(StringParamsTest, BytesStillCoveredByACappedCountAreReadAsTheNextParamete
     // The second parameter's count comes from offset 18: the bytes 0x10 0x11,
     // that is 4368, again above 16.
     auto r = decode(Kind::VarBinary, bytes, {makeParam("v", 16), makeParam("w", 16)});
-    EXPECT_EQ(r.values, (Values{{"v", "payload size:16 00:01:02:03"},
-                                {"w", "payload size:16 12:13:14:15"}}));
+    EXPECT_EQ(r.values,
+              (Values{{"v", "payload size:16 00:01:02:03"}, {"w", "payload size:16 12:13:14:15"}}));
     EXPECT_EQ(r.offset, 36u);
     EXPECT_EQ(r.err,
               "Variable length:300 in payload is greater thanthe definition 16\n"
