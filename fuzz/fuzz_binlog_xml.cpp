@@ -27,8 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     // Decode a record of every loaded log from a fixed payload.
-    static const unsigned char kPayload[64] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0x7b, 0x7d,
-                                               0, 0, 4, 0, 0xaa, 0xbb, 0xcc, 0xdd};
+    static const unsigned char kPayload[64] = {1,  2,    3,    4, 5, 6, 7, 8,    9,    10,   11,
+                                               12, 0x7b, 0x7d, 0, 0, 4, 0, 0xaa, 0xbb, 0xcc, 0xdd};
     const Tav::ByteReader payload(kPayload, sizeof kPayload);
     for (const auto& entry : logs) {
         Tav::LogDetails log(entry.second);

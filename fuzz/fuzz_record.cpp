@@ -28,11 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (payloadSize != 0) {
         memcpy(payload.get(), data + 32, payloadSize);
     }
-    Tav::BinaryLogXmlReader& reader = wexbl_fuzz::exampleReader((pcapHeader.capturedLength & 1) != 0);
-    reader.getLogDetailsForLogId(pcapHeader, binLogHeader,
-                                 Tav::ByteReader(payload.get(), payloadSize),
-                                 static_cast<unsigned>(size), wexbl_fuzz::sink(),
-                                 static_cast<int>(static_cast<int16_t>(pcapHeader.capturedLength >> 16)));
+    Tav::BinaryLogXmlReader& reader =
+        wexbl_fuzz::exampleReader((pcapHeader.capturedLength & 1) != 0);
+    reader.getLogDetailsForLogId(
+        pcapHeader, binLogHeader, Tav::ByteReader(payload.get(), payloadSize),
+        static_cast<unsigned>(size), wexbl_fuzz::sink(),
+        static_cast<int>(static_cast<int16_t>(pcapHeader.capturedLength >> 16)));
     // Rendering unknown levels grows the level table; keep runs independent.
     while (reader.logLevelNames.size() > 9) {
         reader.logLevelNames.erase(std::prev(reader.logLevelNames.end()));

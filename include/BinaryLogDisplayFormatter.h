@@ -14,7 +14,7 @@
 namespace Tav {
 
 class WEXBL_API BinaryLogDisplayFormatter {
-public:
+  public:
     /// True once every file given to readDisplayXml parsed (an empty list too).
     bool initialized = false;
     /// Enumeration name -> (value text -> display text).

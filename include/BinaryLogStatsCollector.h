@@ -12,7 +12,7 @@
 namespace Tav {
 
 class WEXBL_API BinaryLogStatsCollector {
-public:
+  public:
     std::map<std::uint32_t, std::uint32_t> lastSeqNoByModule;
     std::map<std::uint32_t, std::uint32_t> lastSyslogSeqNoByModule;
     std::uint32_t missingRecords = 0;

@@ -36,7 +36,7 @@ namespace Tav {
 constexpr std::uint32_t MAX_BINLOG_LENGTH = 25000;
 
 class WEXBL_API BinaryLogXmlReader {
-public:
+  public:
     bool good = true;
     /// The dictionary directory as given; also the literal prefix of every
     /// dictionary path (no separator is inserted), so pass it with a "/".
@@ -161,9 +161,8 @@ public:
     void formatSyslogPayLoad(const PcapRecHeader& pcapHeader, const BinLogHeader& binLogHeader,
                              const std::string& syslogTag, std::string& syslogMessage, FILE* out,
                              int utcOffsetMinutes);
-    void formatPcapCapturePayLoad(const PcapRecHeader& pcapHeader,
-                                  const BinLogHeader& binLogHeader, FILE* out,
-                                  int utcOffsetMinutes);
+    void formatPcapCapturePayLoad(const PcapRecHeader& pcapHeader, const BinLogHeader& binLogHeader,
+                                  FILE* out, int utcOffsetMinutes);
     void replaceString(std::string& text, const std::string& from, const std::string& to);
 };
 

@@ -24,7 +24,7 @@ inline std::size_t memscpy(void* dst, std::size_t dstSize, const void* src, std:
 /// A read-only window of `size` bytes. Offsets are 64-bit so that no offset
 /// arithmetic of a caller can wrap inside the check.
 class ByteReader {
-public:
+  public:
     ByteReader() = default;
     ByteReader(const unsigned char* data, std::size_t size) : data_(data), size_(data ? size : 0) {}
 
@@ -52,9 +52,7 @@ public:
         return have ? ByteReader(data_ + offset, have) : ByteReader();
     }
 
-    std::uint8_t get_u8(std::uint64_t offset) const {
-        return offset < size_ ? data_[offset] : 0;
-    }
+    std::uint8_t get_u8(std::uint64_t offset) const { return offset < size_ ? data_[offset] : 0; }
     std::uint16_t get_u16le(std::uint64_t offset) const {
         unsigned char b[2];
         copy(offset, b, sizeof b);
@@ -76,7 +74,7 @@ public:
                (static_cast<std::uint64_t>(get_u32le(offset + 4)) << 32);
     }
 
-private:
+  private:
     const unsigned char* data_ = nullptr;
     std::size_t size_ = 0;
 };

@@ -16,8 +16,8 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
                                               FILE* out, int utcOffsetMinutes) {
     if (statsEnabled) {
         statsCollector.processStats(out, pcapHeader, static_cast<int>(binLogHeader.logId >> 16),
-                                    binLogHeader.packetType,
-                                    static_cast<int>(binLogHeader.seqNo), length);
+                                    binLogHeader.packetType, static_cast<int>(binLogHeader.seqNo),
+                                    length);
     }
     if (binLogHeader.packetType == Syslog) {
         std::string syslogTag;
@@ -51,8 +51,7 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
     // The checks read the dictionary entries, which the working copies equal.
     if (binLogHeader.logVersion != module->second.binlogVersion) {
         fprintf(out, "Mismatch in version for log [%s] logVersion [%d] xmlVersion [%d] \n",
-                log->second.logName.c_str(), binLogHeader.logVersion,
-                module->second.binlogVersion);
+                log->second.logName.c_str(), binLogHeader.logVersion, module->second.binlogVersion);
         return 0;
     }
     // The bound is the level table's current entry count, not its largest key.

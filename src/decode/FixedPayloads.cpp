@@ -57,7 +57,8 @@ int BinaryLogXmlReader::decodeSyslogPayLoad(const PcapRecHeader& pcapHeader,
                                             std::string& syslogMessage) {
     constexpr std::uint32_t kHeaderBytes = 32;  // BinLogHeader and tag
     if (pcapHeader.storageLength < kHeaderBytes) {
-        fprintf(stderr, "Syslog record skipped: storageLength %u is shorter than its %u header bytes\n",
+        fprintf(stderr,
+                "Syslog record skipped: storageLength %u is shorter than its %u header bytes\n",
                 pcapHeader.storageLength, kHeaderBytes);
         return -1;
     }

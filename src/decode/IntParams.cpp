@@ -90,9 +90,8 @@ int BinaryLogXmlReader::decodeIntParams(const ByteReader& payload, std::vector<P
         // the map are scratch shared by the whole array, so an element whose
         // enumeration lacks its value repeats the text of the one before.
         const std::uint32_t count = param.length;
-        const std::uint32_t rendered = count < detail::kMaxRenderedElements
-                                           ? count
-                                           : detail::kMaxRenderedElements;
+        const std::uint32_t rendered =
+            count < detail::kMaxRenderedElements ? count : detail::kMaxRenderedElements;
         std::string result = "[";
         std::string scratch;
         std::map<std::string, std::string> scratchMap;
@@ -122,12 +121,12 @@ int BinaryLogXmlReader::decodeIntParams(const ByteReader& payload, std::vector<P
     return 0;
 }
 
-#define WEXBL_INSTANTIATE_INT_DECODER(T)                                                         \
-    template WEXBL_API void BinaryLogXmlReader::convertType<T>(                                  \
-        const std::string&, T, const std::string&, std::string&,                                 \
-        std::map<std::string, std::string>&);                                                    \
-    template WEXBL_API int BinaryLogXmlReader::decodeIntParams<TavLogParam<T>>(                  \
-        const ByteReader&, std::vector<TavLogParam<T>>&, unsigned int&,                          \
+#define WEXBL_INSTANTIATE_INT_DECODER(T)                                        \
+    template WEXBL_API void BinaryLogXmlReader::convertType<T>(                 \
+        const std::string&, T, const std::string&, std::string&,                \
+        std::map<std::string, std::string>&);                                   \
+    template WEXBL_API int BinaryLogXmlReader::decodeIntParams<TavLogParam<T>>( \
+        const ByteReader&, std::vector<TavLogParam<T>>&, unsigned int&,         \
         std::map<std::string, std::string>&);
 
 WEXBL_INSTANTIATE_INT_DECODER(std::uint64_t)

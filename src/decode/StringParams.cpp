@@ -55,10 +55,9 @@ int BinaryLogXmlReader::decodeStringParams(const ByteReader& payload,
     return 0;
 }
 
-int BinaryLogXmlReader::decodeBinaryStringParams(const ByteReader& payload,
-                                                 std::vector<TavLogParam<std::string>>& params,
-                                                 unsigned int& payloadOffset,
-                                                 std::map<std::string, std::string>& decodedValues) {
+int BinaryLogXmlReader::decodeBinaryStringParams(
+    const ByteReader& payload, std::vector<TavLogParam<std::string>>& params,
+    unsigned int& payloadOffset, std::map<std::string, std::string>& decodedValues) {
     for (TavLogParam<std::string>& param : params) {
         detail::appendHexBytes(param.displayValue, payload, payloadOffset, param.length);
         param.value = param.displayValue;
@@ -68,10 +67,9 @@ int BinaryLogXmlReader::decodeBinaryStringParams(const ByteReader& payload,
     return 0;
 }
 
-int BinaryLogXmlReader::decodeVarBinaryStringParam(const ByteReader& payload,
-                                                   std::vector<TavLogParam<std::string>>& params,
-                                                   unsigned int& payloadOffset,
-                                                   std::map<std::string, std::string>& decodedValues) {
+int BinaryLogXmlReader::decodeVarBinaryStringParam(
+    const ByteReader& payload, std::vector<TavLogParam<std::string>>& params,
+    unsigned int& payloadOffset, std::map<std::string, std::string>& decodedValues) {
     for (TavLogParam<std::string>& param : params) {
         std::uint16_t count = payload.get_u16le(payloadOffset);
         payloadOffset += 2;

@@ -19,8 +19,8 @@
 
 namespace Tav {
 
-using detail::attributeValue;
 using detail::asChars;
+using detail::attributeValue;
 using detail::nameIs;
 using detail::XmlCharOwner;
 
@@ -30,8 +30,8 @@ int BinaryLogXmlReader::parseBinLogXml(xmlNode* node, std::uint16_t& moduleKey,
     for (; node != nullptr; node = node->next) {
         if (node->type == XML_ELEMENT_NODE) {
             if (nameIs(node->name, kElemLoggingSubSystem) &&
-                parseLoggingSubsystemNode(node, moduleKey, module.subsystemName,
-                                          module.moduleName, module.binlogVersion) < 0) {
+                parseLoggingSubsystemNode(node, moduleKey, module.subsystemName, module.moduleName,
+                                          module.binlogVersion) < 0) {
                 fprintf(stderr, "Error in parseLoggingSubsystem");
                 return -1;
             }
@@ -45,7 +45,8 @@ int BinaryLogXmlReader::parseBinLogXml(xmlNode* node, std::uint16_t& moduleKey,
                 return -1;
             }
         }
-        if (detail::walkChildren(node) && parseBinLogXml(node->children, moduleKey, module, logs) < 0) {
+        if (detail::walkChildren(node) &&
+            parseBinLogXml(node->children, moduleKey, module, logs) < 0) {
             fprintf(stderr, "Error in parseBinLogXml");
             return -1;
         }
@@ -121,8 +122,10 @@ std::uint32_t byteSize(const List& list) {
 /// 64-bit parameters. Groups whose size is a multiple of the alignment do not
 /// change the remainder and are left out of the sum.
 std::uint32_t computeHeaderPadding(const ModuleDetails& module) {
-    const std::uint32_t strings = byteSize(module.stringParams) + byteSize(module.binaryStringParams);
-    const std::uint32_t bytes16 = 2u * (elementCount(module.uint16Params) + elementCount(module.int16Params));
+    const std::uint32_t strings =
+        byteSize(module.stringParams) + byteSize(module.binaryStringParams);
+    const std::uint32_t bytes16 =
+        2u * (elementCount(module.uint16Params) + elementCount(module.int16Params));
     const std::uint32_t bytes8 = elementCount(module.uint8Params) + elementCount(module.int8Params);
     if (!module.uint64Params.empty() || !module.int64Params.empty()) {
         const std::uint32_t bytes32 =

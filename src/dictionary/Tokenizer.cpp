@@ -49,8 +49,7 @@ std::vector<std::string> splitNames(const std::string& nameList) {
 
 int BinaryLogXmlReader::tokenizeAndPushToList(const std::string& nameList, const std::string& type,
                                               const std::string& count, const std::string& size,
-                                              const std::string& displayFormat,
-                                              FlexiParams& params,
+                                              const std::string& displayFormat, FlexiParams& params,
                                               std::vector<std::string>& paramOrder) {
     const std::string& format = displayFormat.empty() ? kFormatDefault : displayFormat;
 

@@ -23,7 +23,9 @@ struct XmlCharFree {
 };
 using XmlCharOwner = std::unique_ptr<xmlChar, XmlCharFree>;
 
-inline const char* asChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
+inline const char* asChars(const xmlChar* text) {
+    return reinterpret_cast<const char*>(text);
+}
 
 /// True when the node's name equals `name` exactly.
 inline bool nameIs(const xmlChar* nodeName, const std::string& name) {
@@ -39,7 +41,9 @@ inline XmlCharOwner attributeValue(xmlNode* node, const xmlAttr* attr) {
 
 /// Entity references point into the document type declaration, whose sibling
 /// chains can lead back to the same reference; the walks never follow them.
-inline bool walkChildren(const xmlNode* node) { return node->type != XML_ENTITY_REF_NODE; }
+inline bool walkChildren(const xmlNode* node) {
+    return node->type != XML_ENTITY_REF_NODE;
+}
 
 }  // namespace detail
 }  // namespace Tav

@@ -16,8 +16,8 @@
 
 namespace Tav {
 
-using detail::attributeValue;
 using detail::asChars;
+using detail::attributeValue;
 using detail::nameIs;
 using detail::XmlCharOwner;
 using detail::XmlDocOwner;

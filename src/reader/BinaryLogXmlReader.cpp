@@ -8,8 +8,7 @@
 namespace Tav {
 
 BinaryLogXmlReader::BinaryLogXmlReader(const std::string& xmlPath_, bool statsEnabled_,
-                                       unsigned short udpPort_,
-                                       unsigned short maxVarBinaryBytes_)
+                                       unsigned short udpPort_, unsigned short maxVarBinaryBytes_)
     : good(true),
       xmlPath(xmlPath_),
       statsEnabled(statsEnabled_),

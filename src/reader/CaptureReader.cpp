@@ -77,7 +77,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
     }
 
     unsigned char globalBytes[sizeof(PcapGlobalHeader)];
-    if (gzread(file.get(), globalBytes, sizeof globalBytes) < static_cast<int>(sizeof globalBytes)) {
+    if (gzread(file.get(), globalBytes, sizeof globalBytes) <
+        static_cast<int>(sizeof globalBytes)) {
         fprintf(stderr, "No global header found\n");
         return;
     }
@@ -90,7 +91,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
 
     for (;;) {
         unsigned char headerBytes[sizeof(PcapRecHeader)] = {};
-        if (gzread(file.get(), headerBytes, sizeof headerBytes) != static_cast<int>(sizeof headerBytes)) {
+        if (gzread(file.get(), headerBytes, sizeof headerBytes) !=
+            static_cast<int>(sizeof headerBytes)) {
             // No further complete record header: the normal end of the file.
             file.reset();
             if (statsEnabled) {

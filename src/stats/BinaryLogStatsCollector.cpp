@@ -71,8 +71,7 @@ void BinaryLogStatsCollector::printStats(FILE* out) {
         const std::uint32_t generatedRecords = missingRecords + totalRecords;
         const double percent =
             static_cast<double>(missingRecords) * 100.0 / static_cast<double>(generatedRecords);
-        fprintf(out, ">>missingRecords =  %d (%lf%%)\n", static_cast<int>(missingRecords),
-                percent);
+        fprintf(out, ">>missingRecords =  %d (%lf%%)\n", static_cast<int>(missingRecords), percent);
         fprintf(out, ">>outOfOrderRecords =  %d\n", static_cast<int>(outOfOrderRecords));
         if (timestampsUnusable) {
             fprintf(out, ">>per second record stats not provided for this file\n");

@@ -42,7 +42,9 @@ StderrCapture::StderrCapture() {
     dup2(fileno(tmp_), 2);
 }
 
-StderrCapture::~StderrCapture() { stop(); }
+StderrCapture::~StderrCapture() {
+    stop();
+}
 
 std::string StderrCapture::stop() {
     if (stopped_) {
@@ -75,7 +77,9 @@ static int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
     return remove(path);
 }
 
-TempDir::~TempDir() { nftw(path_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
+TempDir::~TempDir() {
+    nftw(path_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
 
 std::string TempDir::writeFile(const std::string& name, const std::string& content) const {
     const std::string full = path_ + "/" + name;
@@ -91,7 +95,8 @@ std::string TempDir::makeDir(const std::string& name) const {
 }
 
 XmlDocPtr parseXml(const std::string& xml) {
-    return XmlDocPtr(xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "test.xml", nullptr, 0));
+    return XmlDocPtr(
+        xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "test.xml", nullptr, 0));
 }
 
 std::string readFile(const std::string& path) {

@@ -15,7 +15,7 @@ namespace wexbl_test {
 
 /// A FILE* that writes into memory; text() flushes and returns what was written.
 class MemoryStream {
-public:
+  public:
     MemoryStream();
     ~MemoryStream();
     MemoryStream(const MemoryStream&) = delete;
@@ -24,7 +24,7 @@ public:
     FILE* file() const { return file_; }
     std::string text();
 
-private:
+  private:
     FILE* file_ = nullptr;
     char* buffer_ = nullptr;
     size_t size_ = 0;
@@ -33,7 +33,7 @@ private:
 /// Captures everything written to standard error (file descriptor 2) between
 /// construction and stop().
 class StderrCapture {
-public:
+  public:
     StderrCapture();
     ~StderrCapture();
     StderrCapture(const StderrCapture&) = delete;
@@ -42,7 +42,7 @@ public:
     /// Stops capturing (once) and returns the captured text.
     std::string stop();
 
-private:
+  private:
     int savedFd_ = -1;
     FILE* tmp_ = nullptr;
     std::string text_;
@@ -51,7 +51,7 @@ private:
 
 /// A fresh temporary directory, removed with its contents on destruction.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -66,7 +66,7 @@ public:
     /// Creates the subdirectory `name`; returns its path.
     std::string makeDir(const std::string& name) const;
 
-private:
+  private:
     std::string path_;
 };
 

@@ -100,7 +100,7 @@ long captureLinkType(const std::string& path) {
 
 /// Standard input copied to a temporary file, removed on destruction.
 class StdinCopy {
-public:
+  public:
     ~StdinCopy() {
         if (!path_.empty()) {
             unlink(path_.c_str());
@@ -129,7 +129,7 @@ public:
     }
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -172,8 +172,7 @@ int main(int argc, char** argv) {
                 break;
             case 'u':
                 if (!parseNumber(optarg, INT_MIN / 60, INT_MAX / 60, utcOffset)) {
-                    message("invalid UTC offset '%s' (expected minutes, e.g. 60 or -300)",
-                            optarg);
+                    message("invalid UTC offset '%s' (expected minutes, e.g. 60 or -300)", optarg);
                     return kExitUsage;
                 }
                 break;
@@ -242,9 +241,10 @@ int main(int argc, char** argv) {
     for (const std::string& capture : captures) {
         const long linkType = captureLinkType(capture);
         if (linkType == 1 && udpPort < 0) {
-            message("'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
-                    "--udp-port",
-                    capture.c_str());
+            message(
+                "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
+                "--udp-port",
+                capture.c_str());
             status = kExitFailure;
             continue;
         }
