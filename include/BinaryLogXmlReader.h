@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -34,6 +35,74 @@ namespace Tav {
 
 /// The largest record (`storageLength`) a capture may hold, in bytes.
 constexpr std::uint32_t MAX_BINLOG_LENGTH = 25000;
+
+namespace detail {
+
+/// One decoded parameter text of the record being dispatched.
+struct DecodedText {
+    const std::string* name = nullptr;
+    std::string text;
+};
+
+/// Texts decoded for one parameter table (a module header or a log), in decode
+/// order; a later entry of the same name overrides an earlier one. The
+/// entries and their buffers are reused from record to record.
+struct DecodedTexts {
+    std::vector<DecodedText> entries;
+    std::size_t count = 0;
+
+    void clear() { count = 0; }
+    /// A fresh entry for `name`, with its text emptied.
+    std::string& add(const std::string& name);
+    /// The text decoded last under `name`, or null.
+    const std::string* find(const char* name, std::size_t size) const;
+};
+
+/// The time text of the last second shown, so that records of the same
+/// second skip the calendar conversion.
+struct TimeTextCache {
+    std::uint32_t second = 0;
+    bool valid = false;
+    char prefix[64] = {};
+};
+
+/// A growable text whose appends stay inline; it keeps its storage.
+class TextBuilder {
+public:
+    void clear() { size_ = 0; }
+    const char* data() const { return storage_.data(); }
+    std::size_t size() const { return size_; }
+    void truncate(std::size_t size) { size_ = size < size_ ? size : size_; }
+    void append(const char* text, std::size_t length) {
+        if (length > storage_.size() - size_) {
+            storage_.resize((size_ + length) * 2);
+        }
+        if (length != 0) {
+            std::memcpy(storage_.data() + size_, text, length);
+            size_ += length;
+        }
+    }
+
+private:
+    std::vector<char> storage_;
+    std::size_t size_ = 0;
+};
+
+/// Working storage of the record path, kept between records so that a warm
+/// reader decodes without allocating.
+struct RecordScratch {
+    DecodedTexts moduleTexts;
+    DecodedTexts logTexts;
+    std::string element;
+    std::string decimal;
+    std::string timeText;
+    std::string messageText;
+    std::string work;
+    TextBuilder line;
+    TimeTextCache time;
+};
+
+}  // namespace detail
 
 class WEXBL_API BinaryLogXmlReader {
   public:
@@ -164,6 +233,16 @@ class WEXBL_API BinaryLogXmlReader {
     void formatPcapCapturePayLoad(const PcapRecHeader& pcapHeader, const BinLogHeader& binLogHeader,
                                   FILE* out, int utcOffsetMinutes);
     void replaceString(std::string& text, const std::string& from, const std::string& to);
+
+private:
+    /// Decodes and prints a binary log record straight from the dictionary
+    /// entries into reused buffers; prints exactly what decoding working
+    /// copies step by step and displayBinLog would.
+    void renderBinLogRecord(const PcapRecHeader& pcapHeader, const BinLogHeader& binLogHeader,
+                            const ByteReader& payload, FILE* out, int utcOffsetMinutes,
+                            const ModuleDetails& module, const LogDetails& log);
+
+    detail::RecordScratch scratch;
 };
 
 }  // namespace Tav

@@ -39,6 +39,12 @@ class ByteReader {
     /// Copies `n` bytes starting at `offset` into `dst`; the part that lies
     /// beyond the data is filled with zero bytes.
     void copy(std::uint64_t offset, void* dst, std::size_t n) const {
+        if (offset <= size_ && size_ - offset >= n) {
+            if (n != 0) {
+                std::memcpy(dst, data_ + offset, n);
+            }
+            return;
+        }
         const std::size_t have = available(offset);
         const std::size_t take = memscpy(dst, n, data_ + (have ? offset : 0), have);
         if (take < n) {

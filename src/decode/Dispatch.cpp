@@ -61,25 +61,19 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
         return 0;
     }
 
-    // Decoding writes only into these copies; the dictionary stays as loaded.
-    LogDetails workingLog(log->second);
-    ModuleDetails workingModule(module->second);
     if (binLogHeader.packetType == Legacy) {
+        // Decoding writes only into these copies; the dictionary stays as loaded.
+        LogDetails workingLog(log->second);
+        ModuleDetails workingModule(module->second);
         decodeLegacyLogPayLoad(binLogHeader, payload, workingLog);
         formatLegacyLogDetails(workingModule, workingLog, pcapHeader, binLogHeader, out,
                                utcOffsetMinutes);
         return 0;
     }
     if (binLogHeader.packetType == BinLog) {
-        unsigned int payloadOffset = 0;
-        if (workingModule.hasModuleHeader &&
-            decodeModuleHeaderFromPayLoad(workingModule, binLogHeader, payload, payloadOffset) !=
-                0) {
-            fprintf(stderr, "decodeModuleHeaderFromPayLoad failed");
-            return -1;
-        }
-        decodeBinLogPayLoad(binLogHeader, payload, workingLog, payloadOffset);
-        displayBinLog(pcapHeader, binLogHeader, out, utcOffsetMinutes, workingModule, workingLog);
+        // The module header decoder never fails; its result is not needed.
+        renderBinLogRecord(pcapHeader, binLogHeader, payload, out, utcOffsetMinutes,
+                           module->second, log->second);
         return 0;
     }
     fprintf(stderr, "Invalid packetType passed :%d", static_cast<int>(binLogHeader.packetType));

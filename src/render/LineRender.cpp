@@ -1,22 +1,25 @@
 // The record lines: binary log (with or without module header values),
 // legacy, syslog and plain capture. Each line opens with the time text.
+#include <charconv>
 #include <cstdio>
 
 #include "BinaryLogXmlReader.h"
+#include "decode/ValueText.h"
+#include "render/LineText.h"
 
 namespace Tav {
 namespace {
 
-/// A placeholder loop substitutes at most this often in one message: decoded
-/// texts come from the record and may contain braces themselves.
-constexpr int kMaxSubstitutions = 1000;
-
-/// The shown seconds: the record time plus the offset, in 32-bit wrap-around.
-std::uint32_t shownSeconds(const PcapRecHeader& pcapHeader, int utcOffsetMinutes) {
-    return pcapHeader.tsSec + 60u * static_cast<std::uint32_t>(utcOffsetMinutes);
+/// Looks names up in a decodedValues map.
+auto mapLookup(const std::map<std::string, std::string>& values) {
+    return [&values](const char* name, std::size_t size) -> const std::string* {
+        const auto found = values.find(std::string(name, size));
+        return found == values.end() ? nullptr : &found->second;
+    };
 }
 
 }  // namespace
+
 
 void BinaryLogXmlReader::computeDisplayDataForLog(const PcapRecHeader& /*pcapHeader*/,
                                                   const BinLogHeader& /*binLogHeader*/,
@@ -25,51 +28,12 @@ void BinaryLogXmlReader::computeDisplayDataForLog(const PcapRecHeader& /*pcapHea
                                                   std::string& moduleHeaderText,
                                                   std::string& messageText) {
     if (module.hasModuleHeader) {
-        for (const std::string& name : module.paramOrder) {
-            const auto value = module.decodedValues.find(name);
-            if (value != module.decodedValues.end()) {
-                moduleHeaderText += name;
-                moduleHeaderText += '=';
-                moduleHeaderText += value->second;
-                moduleHeaderText += ' ';
-            }
-        }
+        detail::appendParamList(moduleHeaderText, module.paramOrder,
+                                mapLookup(module.decodedValues));
     }
-
-    messageText = log.logString;
-    std::size_t open = messageText.find('{');
-    std::size_t close = messageText.find('}');
-    if (open == std::string::npos || close == std::string::npos) {
-        // No placeholders: the parameters follow the text as name=value.
-        messageText += ' ';
-        for (const std::string& name : log.paramOrder) {
-            const auto value = log.decodedValues.find(name);
-            if (value != log.decodedValues.end()) {
-                messageText += name;
-                messageText += '=';
-                messageText += value->second;
-                messageText += ' ';
-            }
-        }
-        return;
-    }
-
-    // Each placeholder {key} becomes key=value. The search restarts at the
-    // beginning after every substitution; it stops at a key without a value
-    // (a "}" before the first "{" makes the key run to the end of the text).
-    for (int substitutions = 0; substitutions < kMaxSubstitutions; ++substitutions) {
-        const std::string key = messageText.substr(open + 1, close - open - 1);
-        const auto value = log.decodedValues.find(key);
-        if (value == log.decodedValues.end()) {
-            break;
-        }
-        messageText.replace(open, close - open + 1, key + "=" + value->second);
-        open = messageText.find('{');
-        close = messageText.find('}');
-        if (open == std::string::npos || close == std::string::npos) {
-            break;
-        }
-    }
+    std::string work;
+    detail::buildMessageText(log.logString, log.paramOrder, mapLookup(log.decodedValues),
+                             messageText, work);
 }
 
 int BinaryLogXmlReader::displayBinLog(const PcapRecHeader& pcapHeader,
@@ -77,23 +41,20 @@ int BinaryLogXmlReader::displayBinLog(const PcapRecHeader& pcapHeader,
                                       int utcOffsetMinutes, const ModuleDetails& module,
                                       const LogDetails& log) {
     std::string timeText;
-    std::uint32_t seconds = shownSeconds(pcapHeader, utcOffsetMinutes);
+    std::uint32_t seconds = detail::shownSeconds(pcapHeader, utcOffsetMinutes);
     std::uint32_t usec = pcapHeader.tsUsec;
     outputTimeStamp(timeText, &seconds, &usec);
     std::string moduleHeaderText;
     std::string messageText;
     computeDisplayDataForLog(pcapHeader, binLogHeader, module, log, moduleHeaderText, messageText);
-    const std::string source = module.subsystemName + ":" + module.moduleName;
-    const std::string& level = logLevelNames[binLogHeader.logLevel];
+    std::string line;
+    detail::appendBinLogLineStart(line, timeText, module, log,
+                                  logLevelNames[binLogHeader.logLevel], binLogHeader.seqNo);
     if (!moduleHeaderText.empty()) {
-        fprintf(out, "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] [%s] \n", timeText.c_str(),
-                source.c_str(), log.logName.c_str(), level.c_str(), log.category.c_str(),
-                binLogHeader.seqNo, moduleHeaderText.c_str(), messageText.c_str());
-    } else {
-        fprintf(out, "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] \n", timeText.c_str(),
-                source.c_str(), log.logName.c_str(), level.c_str(), log.category.c_str(),
-                binLogHeader.seqNo, messageText.c_str());
+        detail::appendAll(line, {detail::printed(moduleHeaderText), "] ["});
     }
+    detail::appendAll(line, {detail::printed(messageText), "] \n"});
+    fwrite(line.data(), 1, line.size(), out);
     return 0;
 }
 
@@ -102,7 +63,7 @@ void BinaryLogXmlReader::formatLegacyLogDetails(ModuleDetails& module, LogDetail
                                                 const BinLogHeader& binLogHeader, FILE* out,
                                                 int utcOffsetMinutes) {
     std::string timeText;
-    std::uint32_t seconds = shownSeconds(pcapHeader, utcOffsetMinutes);
+    std::uint32_t seconds = detail::shownSeconds(pcapHeader, utcOffsetMinutes);
     std::uint32_t usec = pcapHeader.tsUsec;
     outputTimeStamp(timeText, &seconds, &usec);
     const std::string source = module.subsystemName + ":" + module.moduleName;
@@ -144,7 +105,7 @@ void BinaryLogXmlReader::formatSyslogPayLoad(const PcapRecHeader& pcapHeader,
                                              std::string& syslogMessage, FILE* out,
                                              int utcOffsetMinutes) {
     std::string timeText;
-    std::uint32_t seconds = shownSeconds(pcapHeader, utcOffsetMinutes);
+    std::uint32_t seconds = detail::shownSeconds(pcapHeader, utcOffsetMinutes);
     std::uint32_t usec = pcapHeader.tsUsec;
     outputTimeStamp(timeText, &seconds, &usec);
     // Keep the record on one output line.
@@ -158,7 +119,7 @@ void BinaryLogXmlReader::formatPcapCapturePayLoad(const PcapRecHeader& pcapHeade
                                                   const BinLogHeader& binLogHeader, FILE* out,
                                                   int utcOffsetMinutes) {
     std::string timeText;
-    std::uint32_t seconds = shownSeconds(pcapHeader, utcOffsetMinutes);
+    std::uint32_t seconds = detail::shownSeconds(pcapHeader, utcOffsetMinutes);
     std::uint32_t usec = pcapHeader.tsUsec;
     outputTimeStamp(timeText, &seconds, &usec);
     fprintf(out, "[%s] [wireshark] [length=%d] [seqNo=%10d]\n", timeText.c_str(),

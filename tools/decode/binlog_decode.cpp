@@ -235,6 +235,10 @@ int main(int argc, char** argv) {
         out = outputFile.get();
     }
 
+    // Whole blocks rather than lines: decoded output is large.
+    static char outputBuffer[1 << 16];
+    setvbuf(out, outputBuffer, _IOFBF, sizeof outputBuffer);
+
     std::vector<std::string> captures;
     reader.getFileList(inputs, captures);
     int status = kExitOk;

@@ -1,0 +1,151 @@
+// Building blocks of the record lines, shared by the step-by-step renderers
+// and the dispatcher's record path.
+#ifndef WEXBL_SRC_RENDER_LINE_TEXT_H
+#define WEXBL_SRC_RENDER_LINE_TEXT_H
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "BinaryLogXmlReader.h"
+
+namespace Tav {
+namespace detail {
+
+/// Appends all pieces in turn.
+inline void appendAll(TextBuilder& out, std::initializer_list<std::string_view> pieces) {
+    for (const std::string_view piece : pieces) {
+        out.append(piece.data(), piece.size());
+    }
+}
+
+/// Appends all pieces with one growth of `out`.
+inline void appendAll(std::string& out, std::initializer_list<std::string_view> pieces) {
+    std::size_t total = 0;
+    for (const std::string_view piece : pieces) {
+        total += piece.size();
+    }
+    const std::size_t at = out.size();
+    out.resize(at + total);
+    char* dst = &out[at];
+    for (const std::string_view piece : pieces) {
+        if (!piece.empty()) {
+            std::memcpy(dst, piece.data(), piece.size());
+            dst += piece.size();
+        }
+    }
+}
+
+/// A text as "%s" prints it: up to its first NUL.
+inline std::string_view printed(const std::string& text) {
+    const void* nul = std::memchr(text.data(), '\0', text.size());
+    return std::string_view(text.data(), nul ? static_cast<std::size_t>(
+                                                   static_cast<const char*>(nul) - text.data())
+                                             : text.size());
+}
+
+/// The blanks that "%*s" puts before a text of `length` characters.
+inline std::string_view padding(std::size_t width, std::size_t length) {
+    static const char kBlanks[] = "                                ";
+    return length >= width ? std::string_view()
+                           : std::string_view(kBlanks, std::min(width - length, sizeof kBlanks - 1));
+}
+
+/// Appends the time text "YYYY-MM-DDTHH:MM:SS.mmmZ" of `seconds` (since 1970,
+/// unsigned) and `usec` (milliseconds by truncating division). Returns false,
+/// appending nothing, when the calendar conversion fails.
+bool appendTimeText(std::string& out, TimeTextCache& cache, std::uint32_t seconds,
+                    std::int32_t usec);
+
+/// The shown seconds: the record time plus the offset, in 32-bit wrap-around.
+inline std::uint32_t shownSeconds(const PcapRecHeader& pcapHeader, int utcOffsetMinutes) {
+    return pcapHeader.tsSec + 60u * static_cast<std::uint32_t>(utcOffsetMinutes);
+}
+
+/// Appends "name=text " for every name of `order` that `lookup` finds.
+template <typename Out, typename Lookup>
+void appendParamList(Out& out, const std::vector<std::string>& order, Lookup lookup) {
+    for (const std::string& name : order) {
+        if (const std::string* text = lookup(name.data(), name.size())) {
+            appendAll(out, {name, "=", *text, " "});
+        }
+    }
+}
+
+/// A placeholder loop substitutes at most this often in one message: decoded
+/// texts come from the record and may contain braces themselves.
+constexpr int kMaxSubstitutions = 1000;
+
+/// Sets `message` to the message text of a log: `logString` with every
+/// placeholder {key} replaced by key=text, or, when it has no "{" or no "}",
+/// followed by a blank and the parameter list. The search restarts at the
+/// beginning after every substitution, so decoded texts that hold placeholders
+/// are substituted too; it stops at a key without a value (a "}" before the
+/// first "{" makes the key run to the end of the text).
+/// `work` is scratch for the substitutions.
+template <typename Lookup>
+void buildMessageText(const std::string& logString, const std::vector<std::string>& order,
+                      Lookup lookup, std::string& message, std::string& work) {
+    message = logString;
+    std::size_t open = message.find('{');
+    std::size_t close = message.find('}');
+    if (open == std::string::npos || close == std::string::npos) {
+        message += ' ';
+        appendParamList(message, order, lookup);
+        return;
+    }
+    for (int substitutions = 0; substitutions < kMaxSubstitutions; ++substitutions) {
+        const std::size_t keyLength = std::min(close - open - 1, message.size() - open - 1);
+        const std::string* text = lookup(message.data() + open + 1, keyLength);
+        if (text == nullptr) {
+            break;
+        }
+        // key=text replaces the characters from "{" through "}" (through the
+        // end of the text when the "}" stands before the "{").
+        const std::string_view whole(message);
+        const std::size_t after = close > open ? close + 1 : message.size();
+        work.clear();
+        appendAll(work, {whole.substr(0, open), whole.substr(open + 1, keyLength), "=", *text,
+                         whole.substr(after)});
+        message.swap(work);
+        open = message.find('{');
+        close = message.find('}');
+        if (open == std::string::npos || close == std::string::npos) {
+            break;
+        }
+    }
+}
+
+/// The line of a binary log record is
+///   "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] [%s] \n" with module header text
+///   "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] \n"       without
+/// (time, subsystem:module, log name, level, category, sequence number, module
+/// header text, message text). This appends everything up to the "[" that
+/// opens the module header text or the message text.
+template <typename Out>
+void appendBinLogLineStart(Out& line, const std::string& timeText, const ModuleDetails& module,
+                           const LogDetails& log, const std::string& level, std::uint32_t seqNo) {
+    const std::string_view subsystem = printed(module.subsystemName);
+    const std::string_view moduleName = printed(module.moduleName);
+    const std::string_view logName = printed(log.logName);
+    const std::string_view levelName = printed(level);
+    const std::string_view category = printed(log.category);
+    char seq[16];
+    const std::string_view seqText(
+        seq, static_cast<std::size_t>(std::to_chars(seq, seq + sizeof seq, seqNo).ptr - seq));
+    appendAll(line, {"[", printed(timeText), "] [",
+                     padding(10, subsystem.size() + 1 + moduleName.size()), subsystem, ":",
+                     moduleName, "] [", padding(25, logName.size()), logName, "] [",
+                     padding(8, levelName.size()), levelName, "] [", padding(10, category.size()),
+                     category, "] [", seqText, "] ["});
+}
+
+}  // namespace detail
+}  // namespace Tav
+
+#endif
