@@ -68,22 +68,35 @@ struct TimeTextCache {
 
 /// A growable text whose appends stay inline; it keeps its storage.
 class TextBuilder {
-public:
+  public:
     void clear() { size_ = 0; }
     const char* data() const { return storage_.data(); }
     std::size_t size() const { return size_; }
     void truncate(std::size_t size) { size_ = size < size_ ? size : size_; }
     void append(const char* text, std::size_t length) {
-        if (length > storage_.size() - size_) {
-            storage_.resize((size_ + length) * 2);
-        }
         if (length != 0) {
-            std::memcpy(storage_.data() + size_, text, length);
-            size_ += length;
+            std::memcpy(grow(length), text, length);
+        }
+    }
+    void append(std::size_t count, char c) {
+        if (count != 0) {
+            std::memset(grow(count), c, count);
         }
     }
 
-private:
+  private:
+    /// Makes room for `length` more characters and returns where they go.
+    char* grow(std::size_t length) {
+        if (length > storage_.size() - size_) {
+            storage_.resize((size_ + length) * 2);
+        }
+        char* at = storage_.data() + size_;
+        size_ += length;
+        return at;
+    }
+
+  public:
+  private:
     std::vector<char> storage_;
     std::size_t size_ = 0;
 };
@@ -234,7 +247,7 @@ class WEXBL_API BinaryLogXmlReader {
                                   FILE* out, int utcOffsetMinutes);
     void replaceString(std::string& text, const std::string& from, const std::string& to);
 
-private:
+  private:
     /// Decodes and prints a binary log record straight from the dictionary
     /// entries into reused buffers; prints exactly what decoding working
     /// copies step by step and displayBinLog would.

@@ -72,8 +72,8 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
     }
     if (binLogHeader.packetType == BinLog) {
         // The module header decoder never fails; its result is not needed.
-        renderBinLogRecord(pcapHeader, binLogHeader, payload, out, utcOffsetMinutes,
-                           module->second, log->second);
+        renderBinLogRecord(pcapHeader, binLogHeader, payload, out, utcOffsetMinutes, module->second,
+                           log->second);
         return 0;
     }
     fprintf(stderr, "Invalid packetType passed :%d", static_cast<int>(binLogHeader.packetType));

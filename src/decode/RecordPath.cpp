@@ -64,8 +64,8 @@ void decodeIntList(const BinaryLogDisplayFormatter& formatter,
 
 /// The fixed-size groups, in the order their bytes follow each other.
 void decodeFixedGroups(const BinaryLogDisplayFormatter& formatter, const FlexiParams& params,
-                       const ByteReader& payload, unsigned int& offset,
-                       detail::DecodedTexts& texts, detail::RecordScratch& scratch) {
+                       const ByteReader& payload, unsigned int& offset, detail::DecodedTexts& texts,
+                       detail::RecordScratch& scratch) {
     decodeIntList(formatter, params.uint64Params, payload, offset, texts, scratch);
     decodeIntList(formatter, params.int64Params, payload, offset, texts, scratch);
     decodeIntList(formatter, params.uint32Params, payload, offset, texts, scratch);
@@ -146,8 +146,8 @@ void BinaryLogXmlReader::renderBinLogRecord(const PcapRecHeader& pcapHeader,
         detail::appendAll(line, {logString, " "});
         detail::appendParamList(line, log.paramOrder, textsLookup(s.logTexts));
     } else {
-        detail::buildMessageText(logString, log.paramOrder, textsLookup(s.logTexts),
-                                 s.messageText, s.work);
+        detail::buildMessageText(logString, log.paramOrder, textsLookup(s.logTexts), s.messageText,
+                                 s.work);
         detail::appendAll(line, {s.messageText});
     }
     cutAtNul(line, messageStart);

@@ -21,10 +21,9 @@ int BinaryLogXmlReader::decodeStringParams(const ByteReader& payload,
     return 0;
 }
 
-int BinaryLogXmlReader::decodeBinaryStringParams(const ByteReader& payload,
-                                                 std::vector<TavLogParam<std::string>>& params,
-                                                 unsigned int& payloadOffset,
-                                                 std::map<std::string, std::string>& decodedValues) {
+int BinaryLogXmlReader::decodeBinaryStringParams(
+    const ByteReader& payload, std::vector<TavLogParam<std::string>>& params,
+    unsigned int& payloadOffset, std::map<std::string, std::string>& decodedValues) {
     for (TavLogParam<std::string>& param : params) {
         detail::appendHexBytes(param.displayValue, payload, payloadOffset, param.length);
         param.value = param.displayValue;

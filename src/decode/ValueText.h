@@ -65,8 +65,8 @@ void appendFrameStamp(std::string& out, std::uint32_t stamp);
 /// the format (through getDisplay, which may leave `text` as it was).
 /// `decimal` is scratch for the enumeration look-up.
 template <typename T>
-void formatIntValue(const BinaryLogDisplayFormatter& formatter, const std::string& format,
-                    T value, std::string& text, std::string& decimal) {
+void formatIntValue(const BinaryLogDisplayFormatter& formatter, const std::string& format, T value,
+                    std::string& text, std::string& decimal) {
     if (format == kFormatHex) {
         text.clear();
         appendHex(text, value);

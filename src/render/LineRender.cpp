@@ -20,7 +20,6 @@ auto mapLookup(const std::map<std::string, std::string>& values) {
 
 }  // namespace
 
-
 void BinaryLogXmlReader::computeDisplayDataForLog(const PcapRecHeader& /*pcapHeader*/,
                                                   const BinLogHeader& /*binLogHeader*/,
                                                   const ModuleDetails& module,
@@ -48,8 +47,8 @@ int BinaryLogXmlReader::displayBinLog(const PcapRecHeader& pcapHeader,
     std::string messageText;
     computeDisplayDataForLog(pcapHeader, binLogHeader, module, log, moduleHeaderText, messageText);
     std::string line;
-    detail::appendBinLogLineStart(line, timeText, module, log,
-                                  logLevelNames[binLogHeader.logLevel], binLogHeader.seqNo);
+    detail::appendBinLogLineStart(line, timeText, module, log, logLevelNames[binLogHeader.logLevel],
+                                  binLogHeader.seqNo);
     if (!moduleHeaderText.empty()) {
         detail::appendAll(line, {detail::printed(moduleHeaderText), "] ["});
     }

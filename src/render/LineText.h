@@ -44,16 +44,9 @@ inline void appendAll(std::string& out, std::initializer_list<std::string_view> 
 /// A text as "%s" prints it: up to its first NUL.
 inline std::string_view printed(const std::string& text) {
     const void* nul = std::memchr(text.data(), '\0', text.size());
-    return std::string_view(text.data(), nul ? static_cast<std::size_t>(
-                                                   static_cast<const char*>(nul) - text.data())
-                                             : text.size());
-}
-
-/// The blanks that "%*s" puts before a text of `length` characters.
-inline std::string_view padding(std::size_t width, std::size_t length) {
-    static const char kBlanks[] = "                                ";
-    return length >= width ? std::string_view()
-                           : std::string_view(kBlanks, std::min(width - length, sizeof kBlanks - 1));
+    return std::string_view(
+        text.data(),
+        nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - text.data()) : text.size());
 }
 
 /// Appends the time text "YYYY-MM-DDTHH:MM:SS.mmmZ" of `seconds` (since 1970,
@@ -127,22 +120,53 @@ void buildMessageText(const std::string& logString, const std::vector<std::strin
 /// (time, subsystem:module, log name, level, category, sequence number, module
 /// header text, message text). This appends everything up to the "[" that
 /// opens the module header text or the message text.
+template <typename Out, std::size_t N>
+void appendLiteral(Out& out, const char (&text)[N]) {
+    out.append(text, N - 1);
+}
+
+/// Appends `text` as "%*s" prints it: blank-padded on the left to `width`.
+template <typename Out>
+void appendPadded(Out& out, std::string_view text, std::size_t width) {
+    if (text.size() < width) {
+        out.append(width - text.size(), ' ');
+    }
+    out.append(text.data(), text.size());
+}
+
+/// The line of a binary log record is
+///   "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] [%s] \n" with module header text
+///   "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] \n"       without
+/// (time, subsystem:module, log name, level, category, sequence number, module
+/// header text, message text). This appends everything up to the "[" that
+/// opens the module header text or the message text.
 template <typename Out>
 void appendBinLogLineStart(Out& line, const std::string& timeText, const ModuleDetails& module,
                            const LogDetails& log, const std::string& level, std::uint32_t seqNo) {
     const std::string_view subsystem = printed(module.subsystemName);
     const std::string_view moduleName = printed(module.moduleName);
-    const std::string_view logName = printed(log.logName);
-    const std::string_view levelName = printed(level);
-    const std::string_view category = printed(log.category);
+    const std::string_view time = printed(timeText);
+    appendLiteral(line, "[");
+    line.append(time.data(), time.size());
+    appendLiteral(line, "] [");
+    const std::size_t sourceLength = subsystem.size() + 1 + moduleName.size();
+    if (sourceLength < 10) {
+        line.append(10 - sourceLength, ' ');
+    }
+    line.append(subsystem.data(), subsystem.size());
+    appendLiteral(line, ":");
+    line.append(moduleName.data(), moduleName.size());
+    appendLiteral(line, "] [");
+    appendPadded(line, printed(log.logName), 25);
+    appendLiteral(line, "] [");
+    appendPadded(line, printed(level), 8);
+    appendLiteral(line, "] [");
+    appendPadded(line, printed(log.category), 10);
+    appendLiteral(line, "] [");
     char seq[16];
-    const std::string_view seqText(
-        seq, static_cast<std::size_t>(std::to_chars(seq, seq + sizeof seq, seqNo).ptr - seq));
-    appendAll(line, {"[", printed(timeText), "] [",
-                     padding(10, subsystem.size() + 1 + moduleName.size()), subsystem, ":",
-                     moduleName, "] [", padding(25, logName.size()), logName, "] [",
-                     padding(8, levelName.size()), levelName, "] [", padding(10, category.size()),
-                     category, "] [", seqText, "] ["});
+    line.append(seq,
+                static_cast<std::size_t>(std::to_chars(seq, seq + sizeof seq, seqNo).ptr - seq));
+    appendLiteral(line, "] [");
 }
 
 }  // namespace detail

@@ -23,8 +23,8 @@ bool appendTimeText(std::string& out, TimeTextCache& cache, std::uint32_t second
             return false;
         }
         snprintf(cache.prefix, sizeof cache.prefix, "%04d-%02d-%02dT%02d:%02d:%02d",
-                 parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
-                 parts.tm_min, parts.tm_sec);
+                 parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+                 parts.tm_sec);
         cache.second = seconds;
         cache.valid = true;
     }
@@ -33,9 +33,12 @@ bool appendTimeText(std::string& out, TimeTextCache& cache, std::uint32_t second
     // shown clock only.
     const std::int32_t millis = usec / 1000;
     if (millis >= 0 && millis < 1000) {
-        const char text[6] = {'.', static_cast<char>('0' + millis / 100),
+        const char text[6] = {'.',
+                              static_cast<char>('0' + millis / 100),
                               static_cast<char>('0' + millis / 10 % 10),
-                              static_cast<char>('0' + millis % 10), 'Z', '\0'};
+                              static_cast<char>('0' + millis % 10),
+                              'Z',
+                              '\0'};
         out.append(text, 5);
     } else {
         char text[24];

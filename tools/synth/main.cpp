@@ -1,0 +1,441 @@
+// binlog-synth: writes binary log captures for a dictionary directory, either
+// a random mix of records or the records a script lists.
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "binlog_synth/Capture.h"
+#include "binlog_synth/Dictionary.h"
+#include "binlog_synth/RandomMix.h"
+#include "binlog_synth/Script.h"
+#include "binlog_synth/Text.h"
+
+#ifndef WEXBL_VERSION
+#define WEXBL_VERSION "unknown"
+#endif
+
+namespace {
+
+using namespace binlog_synth;
+
+const char* const kProgram = "binlog-synth";
+
+enum ExitStatus { kExitOk = 0, kExitFailure = 1, kExitUsage = 2 };
+
+__attribute__((format(printf, 1, 2))) void message(const char* format, ...) {
+    fprintf(stderr, "%s: ", kProgram);
+    va_list args;
+    va_start(args, format);
+    vfprintf(stderr, format, args);
+    va_end(args);
+    fputc('\n', stderr);
+}
+
+void printUsage(FILE* to) {
+    fprintf(to,
+            "Usage: %s --dict DIR --out FILE --records N [options]   (random mode)\n"
+            "       %s [--dict DIR] --out FILE --script FILE [options] (scripted mode)\n"
+            "Write a binary log capture (pcap, plain or gzip) for a dictionary directory.\n"
+            "\n"
+            "  -d, --dict DIR          dictionary directory (binlog and bindisplay XML files)\n"
+            "  -o, --out FILE          capture to write; - for standard output\n"
+            "  -s, --script FILE       scripted mode: write the records FILE lists\n"
+            "                          (- for standard input; format in tools/synth/README.md)\n"
+            "  -n, --records N         random mode: write N records\n"
+            "\n"
+            "Output:\n"
+            "  -z, --gzip              gzip-compress (default when FILE ends in .gz)\n"
+            "      --plain             do not compress\n"
+            "      --gzip-level N      compression level 0-9 (default: 1 in random mode,\n"
+            "                          zlib's default for scripts)\n"
+            "  -l, --link KIND         150 (default), ipv4 or ipv6 (Ethernet, UDP)\n"
+            "  -p, --udp-port P        UDP destination port (default 5000; alone it\n"
+            "                          selects ipv4)\n"
+            "      --start TIME        first time stamp: 2024-05-01T12:00:00.250Z or\n"
+            "                          seconds since 1970 (default 2024-05-01T12:00:00Z)\n"
+            "\n"
+            "Random mode:\n"
+            "      --seed S            seed of the generator (default 1); the same seed\n"
+            "                          gives the same file on every platform\n"
+            "      --rate R            records per second (default 1000; decimals allowed)\n"
+            "      --gap-every K       every K-th record skips 1-3 sequence numbers\n"
+            "      --reorder-every K   every K-th record is sent before its predecessor\n"
+            "      --repeat-every K    every K-th record repeats its predecessor's number\n"
+            "      --mix LIST          weights, e.g. binlog=960,syslog=20,legacy=10,capture=10\n"
+            "      --max-var-bytes N   longest random var binary string (default 48)\n"
+            "  -v, --verbose           print what was written on standard error\n"
+            "\n"
+            "  -h, --help              show this help and exit\n"
+            "  -V, --version           show the version and exit\n"
+            "\n"
+            "Command-line --gzip/--plain, --link and --udp-port win over a script's\n"
+            "own settings; --start sets the clock before the script's first line.\n"
+            "\n"
+            "Exit status: 0 on success, 1 when the dictionary, the script or the output\n"
+            "fails (a partly written output file is removed), 2 on a usage error.\n",
+            kProgram, kProgram);
+}
+
+int usageError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+int usageError(const char* format, ...) {
+    fprintf(stderr, "%s: ", kProgram);
+    va_list args;
+    va_start(args, format);
+    vfprintf(stderr, format, args);
+    va_end(args);
+    fprintf(stderr, "\nTry '%s --help' for more information.\n", kProgram);
+    return kExitUsage;
+}
+
+bool readAll(const std::string& path, std::string& text, std::string& error) {
+    std::ostringstream buffer;
+    if (path == "-") {
+        buffer << std::cin.rdbuf();
+    } else {
+        std::ifstream in(path, std::ios::binary);
+        if (!in) {
+            error = "cannot read " + path + ": " + std::strerror(errno);
+            return false;
+        }
+        buffer << in.rdbuf();
+    }
+    text = buffer.str();
+    return true;
+}
+
+bool endsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+bool parseMix(const std::string& text, RandomOptions& options) {
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        std::size_t comma = text.find(',', start);
+        if (comma == std::string::npos) {
+            comma = text.size();
+        }
+        const std::string item = text.substr(start, comma - start);
+        const std::size_t eq = item.find('=');
+        std::uint64_t weight = 0;
+        if (eq == std::string::npos || !parseUnsigned(item.substr(eq + 1), 1000000, weight)) {
+            return false;
+        }
+        const std::string kind = item.substr(0, eq);
+        const auto w = static_cast<std::uint32_t>(weight);
+        if (kind == "binlog") {
+            options.weightBinLog = w;
+        } else if (kind == "syslog") {
+            options.weightSyslog = w;
+        } else if (kind == "legacy") {
+            options.weightLegacy = w;
+        } else if (kind == "capture") {
+            options.weightCapture = w;
+        } else {
+            return false;
+        }
+        start = comma + 1;
+    }
+    return true;
+}
+
+enum OptionId {
+    kOptPlain = 256,
+    kOptGzipLevel,
+    kOptStart,
+    kOptSeed,
+    kOptRate,
+    kOptGapEvery,
+    kOptReorderEvery,
+    kOptRepeatEvery,
+    kOptMix,
+    kOptMaxVarBytes,
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    static const option kOptions[] = {
+        {"dict", required_argument, nullptr, 'd'},
+        {"out", required_argument, nullptr, 'o'},
+        {"script", required_argument, nullptr, 's'},
+        {"records", required_argument, nullptr, 'n'},
+        {"gzip", no_argument, nullptr, 'z'},
+        {"plain", no_argument, nullptr, kOptPlain},
+        {"gzip-level", required_argument, nullptr, kOptGzipLevel},
+        {"link", required_argument, nullptr, 'l'},
+        {"udp-port", required_argument, nullptr, 'p'},
+        {"start", required_argument, nullptr, kOptStart},
+        {"seed", required_argument, nullptr, kOptSeed},
+        {"rate", required_argument, nullptr, kOptRate},
+        {"gap-every", required_argument, nullptr, kOptGapEvery},
+        {"reorder-every", required_argument, nullptr, kOptReorderEvery},
+        {"repeat-every", required_argument, nullptr, kOptRepeatEvery},
+        {"mix", required_argument, nullptr, kOptMix},
+        {"max-var-bytes", required_argument, nullptr, kOptMaxVarBytes},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+
+    std::string dictDir, outPath, scriptPath;
+    bool haveRecords = false, verbose = false;
+    int gzipChoice = -1;  // -1: not given, 0: plain, 1: gzip
+    int gzipLevel = -1;
+    bool linkGiven = false, portGiven = false;
+    LinkKind link = LinkKind::Raw150;
+    std::uint16_t port = 5000;
+    std::uint32_t startSec = kDefaultStartSec, startUsec = 0;
+    RandomOptions random;
+    const char* randomOnly = nullptr;  // a random-mode option seen, for the usage check
+
+    opterr = 0;
+    int c = 0;
+    while ((c = getopt_long(argc, argv, ":d:o:s:n:zl:p:vhV", kOptions, nullptr)) != -1) {
+        std::uint64_t n = 0;
+        const std::string arg = optarg != nullptr ? optarg : "";
+        switch (c) {
+            case 'd':
+                dictDir = arg;
+                break;
+            case 'o':
+                outPath = arg;
+                break;
+            case 's':
+                scriptPath = arg;
+                break;
+            case 'n':
+                if (!parseUnsigned(arg, UINT64_MAX, n)) {
+                    return usageError("--records needs a whole number, not '%s'", arg.c_str());
+                }
+                haveRecords = true;
+                random.records = n;
+                break;
+            case 'z':
+                gzipChoice = 1;
+                break;
+            case kOptPlain:
+                gzipChoice = 0;
+                break;
+            case kOptGzipLevel:
+                if (!parseUnsigned(arg, 9, n)) {
+                    return usageError("--gzip-level needs a number from 0 to 9, not '%s'",
+                                      arg.c_str());
+                }
+                gzipLevel = static_cast<int>(n);
+                break;
+            case 'l': {
+                const std::string kind = lower(arg);
+                if (kind == "150") {
+                    link = LinkKind::Raw150;
+                } else if (kind == "ipv4") {
+                    link = LinkKind::Ipv4;
+                } else if (kind == "ipv6") {
+                    link = LinkKind::Ipv6;
+                } else {
+                    return usageError("--link takes 150, ipv4 or ipv6, not '%s'", arg.c_str());
+                }
+                linkGiven = true;
+                break;
+            }
+            case 'p':
+                if (!parseUnsigned(arg, 0xFFFF, n)) {
+                    return usageError("--udp-port needs a port number (0-65535), not '%s'",
+                                      arg.c_str());
+                }
+                port = static_cast<std::uint16_t>(n);
+                portGiven = true;
+                break;
+            case kOptStart:
+                if (!parseTime(arg, startSec, startUsec)) {
+                    return usageError(
+                        "--start needs a time such as 2024-05-01T12:00:00.250Z or seconds "
+                        "since 1970, not '%s'",
+                        arg.c_str());
+                }
+                break;
+            case kOptSeed:
+                if (!parseUnsigned(arg, UINT64_MAX, n)) {
+                    return usageError("--seed needs a whole number, not '%s'", arg.c_str());
+                }
+                random.seed = n;
+                randomOnly = "--seed";
+                break;
+            case kOptRate:
+                if (!parseRate(arg, random.rateNum, random.rateDen)) {
+                    return usageError(
+                        "--rate needs a positive number of records per second, "
+                        "not '%s'",
+                        arg.c_str());
+                }
+                randomOnly = "--rate";
+                break;
+            case kOptGapEvery:
+            case kOptReorderEvery:
+            case kOptRepeatEvery: {
+                const char* name = c == kOptGapEvery       ? "--gap-every"
+                                   : c == kOptReorderEvery ? "--reorder-every"
+                                                           : "--repeat-every";
+                if (!parseUnsigned(arg, UINT64_MAX, n)) {
+                    return usageError("%s needs a whole number, not '%s'", name, arg.c_str());
+                }
+                (c == kOptGapEvery       ? random.gapEvery
+                 : c == kOptReorderEvery ? random.reorderEvery
+                                         : random.repeatEvery) = n;
+                randomOnly = name;
+                break;
+            }
+            case kOptMix:
+                if (!parseMix(arg, random)) {
+                    return usageError(
+                        "--mix takes KIND=WEIGHT,... with the kinds binlog, "
+                        "syslog, legacy and capture, not '%s'",
+                        arg.c_str());
+                }
+                randomOnly = "--mix";
+                break;
+            case kOptMaxVarBytes:
+                if (!parseUnsigned(arg, 0xFFFF, n)) {
+                    return usageError("--max-var-bytes needs a number from 0 to 65535, not '%s'",
+                                      arg.c_str());
+                }
+                random.values.maxVarBinaryBytes = static_cast<std::uint32_t>(n);
+                randomOnly = "--max-var-bytes";
+                break;
+            case 'v':
+                verbose = true;
+                break;
+            case 'h':
+                printUsage(stdout);
+                return kExitOk;
+            case 'V':
+                printf("%s %s\n", kProgram, WEXBL_VERSION);
+                return kExitOk;
+            case ':':
+                return usageError("option '%s' needs an argument", argv[optind - 1]);
+            default:
+                if (optopt != 0) {
+                    return usageError("unknown option '-%c'", optopt);
+                }
+                return usageError("unknown option '%s'", argv[optind - 1]);
+        }
+    }
+    if (optind < argc) {
+        return usageError("unexpected argument '%s'", argv[optind]);
+    }
+    const bool scripted = !scriptPath.empty();
+    if (scripted && haveRecords) {
+        return usageError("--script and --records exclude each other");
+    }
+    if (!scripted && !haveRecords) {
+        return usageError("give --records N (random mode) or --script FILE (scripted mode)");
+    }
+    if (outPath.empty()) {
+        return usageError("--out FILE is required");
+    }
+    if (!scripted && dictDir.empty()) {
+        return usageError("random mode needs --dict DIR");
+    }
+    if (scripted && randomOnly != nullptr) {
+        return usageError("%s applies to random mode only", randomOnly);
+    }
+    Dictionary dictionary;
+    std::string error;
+    if (!dictDir.empty() && !dictionary.load(dictDir, error)) {
+        message("%s", error.c_str());
+        return kExitFailure;
+    }
+
+    Script script;
+    if (scripted) {
+        std::string text;
+        if (!readAll(scriptPath, text, error)) {
+            message("%s", error.c_str());
+            return kExitFailure;
+        }
+        if (!parseScript(text, scriptPath == "-" ? "<stdin>" : scriptPath, script, error)) {
+            message("%s", error.c_str());
+            return kExitFailure;
+        }
+    }
+
+    Framing framing = script.settings.framing;
+    if (linkGiven) {
+        framing.kind = link;
+    } else if (portGiven && !script.settings.framingSet) {
+        framing.kind = LinkKind::Ipv4;
+    }
+    if (portGiven) {
+        framing.dstPort = port;
+    }
+    if (portGiven && framing.kind == LinkKind::Raw150) {
+        return usageError("--udp-port needs Ethernet framing (--link ipv4 or ipv6)");
+    }
+    bool gzip = endsWith(outPath, ".gz");
+    if (script.settings.gzipSet) {
+        gzip = script.settings.gzip;
+    }
+    if (gzipChoice >= 0) {
+        gzip = gzipChoice == 1;
+    }
+
+    if (!scripted && gzipLevel < 0) {
+        gzipLevel = 1;  // big random captures: fast compression, files ~10% larger
+    }
+    OutputSink sink;
+    if (!sink.open(outPath, gzip, error, gzipLevel)) {
+        message("%s", error.c_str());
+        return kExitFailure;
+    }
+    CaptureWriter writer(sink, framing, script.settings.header);
+    bool ok = true;
+    RandomSummary summary;
+    if (scripted) {
+        ScriptRunner runner(dictDir.empty() ? nullptr : &dictionary);
+        runner.setStart(startSec, startUsec);
+        ok = runner.run(script, writer, error);
+    } else {
+        random.startSec = startSec;
+        random.startUsec = startUsec;
+        ok = writeRandomCapture(dictionary, random, writer, error, &summary);
+    }
+    ok = ok && writer.finish();
+    std::string closeError;
+    const bool closed = sink.close(closeError);
+    if (!ok || !closed) {
+        message("%s", !closed ? closeError.c_str() : error.c_str());
+        if (outPath != "-") {
+            std::remove(outPath.c_str());
+        }
+        return kExitFailure;
+    }
+    if (verbose) {
+        if (scripted) {
+            message("wrote %llu records to %s",
+                    static_cast<unsigned long long>(writer.recordsWritten()), outPath.c_str());
+        } else {
+            message(
+                "wrote %llu records to %s: %llu binlog, %llu legacy, %llu syslog, %llu "
+                "capture; %llu gaps (%llu numbers skipped), %llu reordered, %llu repeated",
+                static_cast<unsigned long long>(writer.recordsWritten()), outPath.c_str(),
+                static_cast<unsigned long long>(summary.binLog),
+                static_cast<unsigned long long>(summary.legacy),
+                static_cast<unsigned long long>(summary.syslog),
+                static_cast<unsigned long long>(summary.capture),
+                static_cast<unsigned long long>(summary.gaps),
+                static_cast<unsigned long long>(summary.missing),
+                static_cast<unsigned long long>(summary.reordered),
+                static_cast<unsigned long long>(summary.repeated));
+        }
+    }
+    return kExitOk;
+}
