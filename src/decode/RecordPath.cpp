@@ -97,6 +97,55 @@ auto textsLookup(const detail::DecodedTexts& texts) {
     return [&texts](const char* name, std::size_t size) { return texts.find(name, size); };
 }
 
+bool hasBrace(std::string_view text) {
+    for (const char c : text) {
+        if (c == '{' || c == '}') {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Appends `logString` with its placeholders substituted, as
+/// substitutePlaceholders does, in one pass from left to right: as long as
+/// neither the keys nor their texts hold a brace, everything before the
+/// current position is brace-free and a restart from the beginning would
+/// find the next placeholder right there. Otherwise the text built so far
+/// goes through the general loop.
+void appendSubstituted(detail::TextBuilder& line, std::size_t messageStart,
+                       const std::string& logString, const detail::DecodedTexts& texts,
+                       detail::RecordScratch& scratch) {
+    const std::string_view text(logString);
+    std::size_t position = 0;
+    for (int substitutions = 0;; ++substitutions) {
+        const std::size_t open = text.find('{', position);
+        const std::size_t close = text.find('}', position);
+        if (open == std::string_view::npos || close == std::string_view::npos ||
+            substitutions == detail::kMaxSubstitutions) {
+            break;
+        }
+        const std::size_t keyLength = close > open ? close - open - 1 : text.size() - open - 1;
+        const std::string_view key = text.substr(open + 1, keyLength);
+        const std::string* value = texts.find(key.data(), key.size());
+        if (value == nullptr) {
+            break;
+        }
+        if (hasBrace(key) || hasBrace(*value)) {
+            std::string& message = scratch.messageText;
+            message.assign(line.data() + messageStart, line.size() - messageStart);
+            message.append(text.substr(position));
+            detail::substitutePlaceholders(message, textsLookup(texts), scratch.work,
+                                           detail::kMaxSubstitutions - substitutions);
+            line.truncate(messageStart);
+            line.append(message.data(), message.size());
+            return;
+        }
+        detail::appendAll(line, {text.substr(position, open - position), key, "=", *value});
+        position = close > open ? close + 1 : text.size();
+    }
+    detail::appendAll(line, {text.substr(position)});
+}
+
 }  // namespace
 
 void BinaryLogXmlReader::renderBinLogRecord(const PcapRecHeader& pcapHeader,
@@ -146,9 +195,7 @@ void BinaryLogXmlReader::renderBinLogRecord(const PcapRecHeader& pcapHeader,
         detail::appendAll(line, {logString, " "});
         detail::appendParamList(line, log.paramOrder, textsLookup(s.logTexts));
     } else {
-        detail::buildMessageText(logString, log.paramOrder, textsLookup(s.logTexts), s.messageText,
-                                 s.work);
-        detail::appendAll(line, {s.messageText});
+        appendSubstituted(line, messageStart, logString, s.logTexts, s);
     }
     cutAtNul(line, messageStart);
     detail::appendAll(line, {"] \n"});

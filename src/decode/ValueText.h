@@ -37,7 +37,7 @@ void appendDecimal(std::string& out, T value) {
     using Wide = std::conditional_t<std::is_signed<T>::value, long long, unsigned long long>;
     char buf[24];
     const auto result = std::to_chars(buf, buf + sizeof buf, static_cast<Wide>(value));
-    out.append(buf, result.ptr);
+    out.append(buf, static_cast<std::size_t>(result.ptr - buf));
 }
 
 /// Appends "0x" and the bit pattern in lowercase hex without leading zeros:
@@ -53,7 +53,7 @@ void appendHex(std::string& out, T value) {
     }
     char buf[24] = {'0', 'x'};
     const auto result = std::to_chars(buf + 2, buf + sizeof buf, pattern, 16);
-    out.append(buf, result.ptr);
+    out.append(buf, static_cast<std::size_t>(result.ptr - buf));
 }
 
 /// Appends a frame stamp (frame number x 10 + subframe) as "%04u-%02u"; the

@@ -74,52 +74,50 @@ void appendParamList(Out& out, const std::vector<std::string>& order, Lookup loo
 /// texts come from the record and may contain braces themselves.
 constexpr int kMaxSubstitutions = 1000;
 
-/// Sets `message` to the message text of a log: `logString` with every
-/// placeholder {key} replaced by key=text, or, when it has no "{" or no "}",
-/// followed by a blank and the parameter list. The search restarts at the
-/// beginning after every substitution, so decoded texts that hold placeholders
-/// are substituted too; it stops at a key without a value (a "}" before the
-/// first "{" makes the key run to the end of the text).
-/// `work` is scratch for the substitutions.
+/// The placeholder loop over `message`, with at most `budget` substitutions:
+/// the first "{" and the first "}" of the whole text delimit a key; when the
+/// key has a value, key=value replaces the characters from "{" through "}"
+/// (through the end of the text when the "}" stands before the "{") and the
+/// search restarts at the beginning, so decoded texts that hold placeholders
+/// are substituted too. It stops when a brace is missing or a key has no
+/// value. `work` is scratch.
 template <typename Lookup>
-void buildMessageText(const std::string& logString, const std::vector<std::string>& order,
-                      Lookup lookup, std::string& message, std::string& work) {
-    message = logString;
-    std::size_t open = message.find('{');
-    std::size_t close = message.find('}');
-    if (open == std::string::npos || close == std::string::npos) {
-        message += ' ';
-        appendParamList(message, order, lookup);
-        return;
-    }
-    for (int substitutions = 0; substitutions < kMaxSubstitutions; ++substitutions) {
+void substitutePlaceholders(std::string& message, Lookup lookup, std::string& work, int budget) {
+    for (int substitutions = 0; substitutions < budget; ++substitutions) {
+        const std::size_t open = message.find('{');
+        const std::size_t close = message.find('}');
+        if (open == std::string::npos || close == std::string::npos) {
+            break;
+        }
         const std::size_t keyLength = std::min(close - open - 1, message.size() - open - 1);
         const std::string* text = lookup(message.data() + open + 1, keyLength);
         if (text == nullptr) {
             break;
         }
-        // key=text replaces the characters from "{" through "}" (through the
-        // end of the text when the "}" stands before the "{").
         const std::string_view whole(message);
         const std::size_t after = close > open ? close + 1 : message.size();
         work.clear();
         appendAll(work, {whole.substr(0, open), whole.substr(open + 1, keyLength), "=", *text,
                          whole.substr(after)});
         message.swap(work);
-        open = message.find('{');
-        close = message.find('}');
-        if (open == std::string::npos || close == std::string::npos) {
-            break;
-        }
     }
 }
 
-/// The line of a binary log record is
-///   "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] [%s] \n" with module header text
-///   "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] \n"       without
-/// (time, subsystem:module, log name, level, category, sequence number, module
-/// header text, message text). This appends everything up to the "[" that
-/// opens the module header text or the message text.
+/// Sets `message` to the message text of a log: `logString` with its
+/// placeholders {key} replaced by key=text, or, when it has no "{" or no "}",
+/// followed by a blank and the parameter list.
+template <typename Lookup>
+void buildMessageText(const std::string& logString, const std::vector<std::string>& order,
+                      Lookup lookup, std::string& message, std::string& work) {
+    message = logString;
+    if (message.find('{') == std::string::npos || message.find('}') == std::string::npos) {
+        message += ' ';
+        appendParamList(message, order, lookup);
+        return;
+    }
+    substitutePlaceholders(message, lookup, work, kMaxSubstitutions);
+}
+
 template <typename Out, std::size_t N>
 void appendLiteral(Out& out, const char (&text)[N]) {
     out.append(text, N - 1);
