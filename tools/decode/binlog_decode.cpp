@@ -61,8 +61,11 @@ void printUsage(FILE* to) {
             "  -h, --help               show this help and exit\n"
             "  -V, --version            show the version and exit\n"
             "\n"
-            "Exit status: 0 when every capture was read, 1 when the dictionaries did\n"
-            "not load or a capture could not be read or decoded, 2 on a usage error.\n",
+            "Exit status: 0 when every capture was read; 1 when the dictionaries did\n"
+            "not load or a capture could not be opened or is not a log capture (no\n"
+            "global header, another link type, Ethernet without --udp-port); 2 on a\n"
+            "usage error. Problems inside a capture are reported on standard error\n"
+            "and do not change the exit status.\n",
             kProgram);
 }
 

@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# End-to-end benchmark: decoding a realistic capture against inflating it.
+#
+# Writes a dictionary of 50 logs (5 modules with module headers, every
+# parameter kind, enumerations, most logs with placeholders), makes captures
+# of RECORDS records with binlog-synth (gzip, plain, and Ethernet-framed gzip),
+# then times, alternating in one run, `gzip -dc FILE > /dev/null` and
+# `binlog-decode DICT FILE > /dev/null` with statistics off and on. Reports the
+# median of RUNS runs as records per second, the ratio of our rate to the
+# inflater's, and the peak RSS.
+#
+#   scripts/bench-e2e.sh [RECORDS (default 2000000)] [RUNS (default 5)]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+records=${1:-2000000}
+runs=${2:-5}
+root=$(pwd)
+
+scripts/install-deps.sh time gzip
+BUILD_DIR=build-release BUILD_TYPE=Release scripts/build.sh -DWEXBL_BUILD_TESTS=OFF >/dev/null
+decode=$root/build-release/binlog-decode
+synth=$root/build-release/tools/synth/binlog-synth
+
+work=${BENCH_WORK:-$(mktemp -d /tmp/wexbl-bench-XXXXXX)}
+mkdir -p "$work/dict"
+trap '[ -n "${BENCH_KEEP:-}" ] || rm -rf "$work"' EXIT
+
+# ---- The dictionary: 5 modules x 10 logs --------------------------------
+{
+    echo '<?xml version="1.0"?>'
+    echo '<displays>'
+    for e in 0 1 2 3; do
+        echo "  <enum name=\"Enum$e\">"
+        for v in $(seq 0 15); do echo "    <entry value=\"$v\" text=\"E${e}_VALUE_$v\"/>"; done
+        echo '  </enum>'
+    done
+    echo '</displays>'
+} >"$work/dict/bench_bindisplay.xml"
+for m in 1 2 3 4 5; do
+    {
+        echo '<?xml version="1.0"?>'
+        echo "<LoggingSubSystem subsystem=\"SUB$m\" subsystemId=\"$m\" module=\"mod$m\" moduleid=\"$((m + 10))\" binlogversion=\"$m\">"
+        echo '  <ModuleHeader>'
+        echo '    <p type="TavUint16_t" nameList="cellId"/>'
+        echo '    <p type="TavUint8_t" nameList="carrier"/>'
+        if [ "$m" = 5 ]; then echo '    <p type="TavUint64_t" nameList="session" displayFormat="hex"/>'; fi
+        echo '  </ModuleHeader>'
+        for l in 0 1 2 3 4 5 6 7 8 9; do
+            case $l in
+            0) echo '  <LogId name="StateChange" category="DIAG,x" logString="Cell moved to {state} at {sfn}">'
+               echo '    <p type="TavUint16_t" nameList="state" displayFormat="Enum0"/>'
+               echo '    <p type="TavUint32_t" nameList="sfn" displayFormat="SF-SFN"/>' ;;
+            1) echo '  <LogId name="Grant" category="SCHED" logString="Grant ue {ueId} tbs {tbs} mcs {mcs}">'
+               echo '    <p type="TavUint32_t" nameList="ueId,tbs"/>'
+               echo '    <p type="TavUint8_t" nameList="mcs"/>' ;;
+            2) echo '  <LogId name="Rssi" category="MEAS" logString="RSSI per antenna">'
+               echo '    <p type="TavInt16_t" nameList="rssi" count="4"/>'
+               echo '    <p type="TavUint32_t" nameList="mask" displayFormat="hex"/>' ;;
+            3) echo '  <LogId name="Harq" category="ERR" logString="HARQ failure {retx} offset {offsetNs} pdu {pdu}">'
+               echo '    <p type="TavInt8_t" nameList="retx"/>'
+               echo '    <p type="TavInt64_t" nameList="offsetNs"/>'
+               echo '    <p type="binarystring" nameList="pdu" size="4"/>' ;;
+            4) echo '  <LogId name="RrcPdu" category="ASN1" logString="{msg} on {channel}: {pdu}">'
+               echo '    <p type="TavUint16_t" nameList="msg" displayFormat="Enum1"/>'
+               echo '    <p type="TavUint8_t" nameList="channel" displayFormat="Enum2"/>'
+               echo '    <p type="varbinarystring" nameList="pdu" size="32"/>' ;;
+            5) echo '  <LogId name="Peer" category="CONN" logString="peer {peer} ue {ueId} up">'
+               echo '    <p type="string" nameList="peer" size="12"/>'
+               echo '    <p type="TavUint32_t" nameList="ueId"/>' ;;
+            6) echo '  <LogId name="Imsi" category="ID" logString="imsi {imsi} cause {cause}">'
+               echo '    <p type="TavUint64_t" nameList="imsi"/>'
+               echo '    <p type="TavUint8_t" nameList="cause" displayFormat="Enum3"/>' ;;
+            7) echo '  <LogId name="Counters" category="PM" logString="counters {tx} {rx} {drop}">'
+               echo '    <p type="TavUint32_t" nameList="tx,rx,drop"/>' ;;
+            8) echo '  <LogId name="Temp" category="ENV" logString="Board sensors">'
+               echo '    <p type="TavInt8_t" nameList="celsius" count="3"/>'
+               echo '    <p type="TavInt32_t" nameList="drift"/>' ;;
+            9) echo '  <LogId name="Timer" category="TIMER" logString="timer {timer} expired after {ms} ms">'
+               echo '    <p type="TavUint16_t" nameList="timer" displayFormat="Enum0"/>'
+               echo '    <p type="TavUint32_t" nameList="ms"/>' ;;
+            esac
+            echo '  </LogId>'
+        done
+        echo '</LoggingSubSystem>'
+    } >"$work/dict/mod${m}_binlog.xml"
+done
+
+# ---- The captures -------------------------------------------------------
+echo "writing $records records ..."
+"$synth" --dict "$work/dict" --out "$work/capture.pcap.gz" --records "$records" --seed 1 \
+    --gzip-level 6 --gap-every 5000
+"$synth" --dict "$work/dict" --out "$work/capture.pcap" --records "$records" --seed 1 \
+    --plain --gap-every 5000
+"$synth" --dict "$work/dict" --out "$work/ethernet.pcap.gz" --records "$records" --seed 1 \
+    --gzip-level 6 --link ipv4 --udp-port 5000 --gap-every 5000
+small=20000
+"$synth" --dict "$work/dict" --out "$work/small.pcap.gz" --records "$small" --seed 1 --gzip-level 6
+
+# ---- Timing ---------------------------------------------------------------
+# Runs a command RUNS times, alternating with the others of its group, and
+# prints "median_seconds max_rss_kib".
+median() { sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
+declare -A times rss
+measure() { # name command...
+    local name=$1
+    shift
+    /usr/bin/time -f "%e %M" -o "$work/time.txt" "$@" >/dev/null 2>"$work/stderr.txt"
+    read -r seconds kib <"$work/time.txt"
+    times[$name]+="$seconds "
+    if [ -z "${rss[$name]:-}" ] || [ "$kib" -gt "${rss[$name]}" ]; then rss[$name]=$kib; fi
+}
+for run in $(seq "$runs"); do
+    measure gzip gzip -dc "$work/capture.pcap.gz"
+    measure decode "$decode" "$work/dict" "$work/capture.pcap.gz"
+    measure decode_stats "$decode" --stats "$work/dict" "$work/capture.pcap.gz"
+    measure decode_plain "$decode" "$work/dict" "$work/capture.pcap"
+    measure gzip_eth gzip -dc "$work/ethernet.pcap.gz"
+    measure decode_eth "$decode" --udp-port 5000 "$work/dict" "$work/ethernet.pcap.gz"
+done
+measure decode_small "$decode" "$work/dict" "$work/small.pcap.gz"
+
+rate() { awk -v n="$records" -v s="$1" 'BEGIN { printf "%.0f", n / s }'; }
+report() { # label name reference
+    local t ref
+    t=$(tr ' ' '\n' <<<"${times[$2]}" | grep . | median)
+    ref=$(tr ' ' '\n' <<<"${times[$3]}" | grep . | median)
+    printf '%-40s %8.2f s %12s rec/s   ratio %.2f   peak RSS %6.1f MiB\n' "$1" "$t" \
+        "$(rate "$t")" "$(awk -v a="$ref" -v b="$t" 'BEGIN { print a / b }')" \
+        "$(awk -v k="${rss[$2]}" 'BEGIN { print k / 1024 }')"
+}
+echo
+echo "$records records, median of $runs runs ($(nproc) cores, $(uname -m))"
+report "gzip -dc (compressed, link 150)" gzip gzip
+report "binlog-decode, statistics off" decode gzip
+report "binlog-decode --stats" decode_stats gzip
+report "binlog-decode, uncompressed file" decode_plain gzip
+report "gzip -dc (Ethernet capture)" gzip_eth gzip_eth
+report "binlog-decode, Ethernet capture" decode_eth gzip_eth
+printf '%-40s peak RSS %.1f MiB (20000 records) vs %.1f MiB (%s records)\n' "memory" \
+    "$(awk -v k="${rss[decode_small]}" 'BEGIN { print k / 1024 }')" \
+    "$(awk -v k="${rss[decode]}" 'BEGIN { print k / 1024 }')" "$records"
