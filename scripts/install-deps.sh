@@ -5,7 +5,7 @@
 #   scripts/install-deps.sh [extra-package ...]
 set -euo pipefail
 
-packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libgtest-dev "$@")
+packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libgtest-dev libbenchmark-dev "$@")
 
 missing=()
 for pkg in "${packages[@]}"; do

@@ -48,7 +48,7 @@ run_ctest() {
 step() { printf '\n==== %s\n' "$*"; }
 
 step "build and test (host)"
-BUILD_DIR=build scripts/build.sh -DWEXBL_BUILD_TESTS=ON -DWEXBL_WERROR=ON
+BUILD_DIR=build scripts/build.sh -DWEXBL_BUILD_TESTS=ON -DWEXBL_WERROR=ON -DWEXBL_BUILD_BENCH=ON
 run_ctest build
 
 if [ "$quick" != 1 ]; then
