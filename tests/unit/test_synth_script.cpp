@@ -442,6 +442,27 @@ TEST_F(SynthScript, BrokenFiles) {
     EXPECT_EQ(le32(capture, 28), 1500000u);
 }
 
+TEST_F(SynthScript, HeaderCutEndsTheFileInsideARecordHeader) {
+    std::string capture, error;
+    ASSERT_TRUE(
+        run("binlog OAM:sys Boot\nbinlog OAM:sys Boot time=5 headercut=9\n", capture, error))
+        << error;
+    // The first record whole (16 + 20 bytes), then the second record's time
+    // stamp (5 s, 0 us) and the low byte of its captured length (20).
+    ASSERT_EQ(capture.size(), 24u + 36u + 9u);
+    EXPECT_EQ(toHex(capture.substr(24 + 36)), "050000000000000014");
+
+    // On Ethernet the cut applies to the file's record header as well.
+    ASSERT_TRUE(run("link ipv6\nbinlog OAM:sys Boot time=7 headercut=4\n", capture, error))
+        << error;
+    EXPECT_EQ(toHex(capture.substr(24)), "07000000");
+    ASSERT_TRUE(run("binlog OAM:sys Boot headercut=0\n", capture, error)) << error;
+    EXPECT_EQ(capture.size(), 24u);
+
+    EXPECT_EQ(errorOf("binlog OAM:sys Boot headercut=16\n"),
+              "s.synth:1: bad value for headercut= (a number up to 15 expected)");
+}
+
 TEST_F(SynthScript, EthernetOptions) {
     std::string capture, error;
     ASSERT_TRUE(

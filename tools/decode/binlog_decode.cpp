@@ -155,6 +155,9 @@ int main(int argc, char** argv) {
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
+    // getopt_long names the program by argv[0] in its messages; name it as
+    // our own messages do, whatever path it was started by.
+    argv[0] = const_cast<char*>(kProgram);
     int option;
     while ((option = getopt_long(argc, argv, "sp:m:u:o:hV", kOptions, nullptr)) != -1) {
         switch (option) {
@@ -201,7 +204,7 @@ int main(int argc, char** argv) {
 
     // The library takes the directory as a literal path prefix.
     std::string dictionary = argv[optind];
-    if (dictionary.back() != '/') {
+    if (!dictionary.empty() && dictionary.back() != '/') {
         dictionary += '/';
     }
     std::vector<std::string> inputs(argv + optind + 1, argv + argc);
@@ -248,10 +251,12 @@ int main(int argc, char** argv) {
     for (const std::string& capture : captures) {
         const long linkType = captureLinkType(capture);
         if (linkType == 1 && udpPort < 0) {
+            // Standard input is read through a temporary copy: name it "-".
+            const bool fromStdin = !stdinCopy.path().empty() && capture == stdinCopy.path();
             message(
                 "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
                 "--udp-port",
-                capture.c_str());
+                fromStdin ? "-" : capture.c_str());
             status = kExitFailure;
             continue;
         }

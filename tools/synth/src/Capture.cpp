@@ -159,8 +159,11 @@ void appendEthernetFrame(ByteBuffer& out, const Framing& framing, const RecordOp
     appendFrame(out, framing, options, udpPayload.data(), udpPayload.size(), nullptr, 0, ipId);
 }
 
-void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
-                        const std::string& logRecord, std::uint16_t ipId) {
+namespace {
+
+/// The file's record header and the whole record data, before any header cut.
+void appendWholeRecord(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
+                       const std::string& logRecord, std::uint16_t ipId) {
     Tav::PcapRecHeader fileHeader;
     fileHeader.tsSec = options.separateFileTime ? options.fileTsSec : options.tsSec;
     fileHeader.tsUsec = options.separateFileTime ? options.fileTsUsec : options.tsUsec;
@@ -200,6 +203,17 @@ void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOpt
     out.str().replace(headerAt, 16, headerBytes.str());
     if (options.cut >= 0 && static_cast<std::uint64_t>(options.cut) < frameSize) {
         out.str().resize(frameAt + static_cast<std::size_t>(options.cut));
+    }
+}
+
+}  // namespace
+
+void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
+                        const std::string& logRecord, std::uint16_t ipId) {
+    const std::size_t recordAt = out.size();
+    appendWholeRecord(out, framing, options, logRecord, ipId);
+    if (options.headerCut >= 0 && options.headerCut < 16) {
+        out.str().resize(recordAt + static_cast<std::size_t>(options.headerCut));
     }
 }
 

@@ -181,9 +181,9 @@ std::uint64_t toNs(std::uint32_t sec, std::uint32_t usec) {
 /// Record keys every kind understands.
 const std::set<std::string>& commonKeys() {
     static const std::set<std::string> keys = {
-        "seq",   "level",    "version",    "logid",  "packettype", "time",
-        "tssec", "tsusec",   "storagelen", "caplen", "senderlen",  "sendercaplen",
-        "cut",   "filetime", "ethertype",  "proto",  "port"};
+        "seq",   "level",     "version",    "logid",     "packettype", "time",
+        "tssec", "tsusec",    "storagelen", "caplen",    "senderlen",  "sendercaplen",
+        "cut",   "headercut", "filetime",   "ethertype", "proto",      "port"};
     return keys;
 }
 
@@ -456,6 +456,11 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 }
                 (k == "tssec" ? tsSecGiven : tsUsecGiven) = true;
                 (k == "tssec" ? tsSec : tsUsec) = static_cast<std::uint32_t>(n);
+            } else if (k == "headercut") {
+                if (!parseNumberToken(t, 15, n, error)) {
+                    return false;
+                }
+                options.headerCut = static_cast<std::int64_t>(n);
             } else if (k == "storagelen" || k == "caplen" || k == "senderlen" ||
                        k == "sendercaplen" || k == "cut") {
                 if (!parseNumberToken(t, 0xFFFFFFFFULL, n, error)) {

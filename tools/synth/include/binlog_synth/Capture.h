@@ -78,6 +78,9 @@ struct RecordOptions {
     std::int64_t senderCapturedLength = -1;
     /// Write only this many bytes of the record data (a cut record).
     std::int64_t cut = -1;
+    /// Write only this many bytes (0 to 15) of the file's record header and
+    /// nothing after it (a file that ends inside a record header).
+    std::int64_t headerCut = -1;
     /// Ethernet only: EtherType, IP protocol byte and UDP destination port.
     std::int32_t etherType = -1;
     std::int32_t protocol = -1;
