@@ -18,26 +18,22 @@
 #include <string>
 #include <vector>
 
+#include "../common/CliMessage.h"
 #include "BinaryLogXmlReader.h"
 
 #ifndef WEXBL_VERSION
 #define WEXBL_VERSION "unknown"
 #endif
 
+const char* const wexbl_cli::kProgramName = "binlog-decode";
+
 namespace {
 
-const char* const kProgram = "binlog-decode";
-
-enum ExitStatus { kExitOk = 0, kExitFailure = 1, kExitUsage = 2 };
-
-__attribute__((format(printf, 1, 2))) void message(const char* format, ...) {
-    fprintf(stderr, "%s: ", kProgram);
-    va_list args;
-    va_start(args, format);
-    vfprintf(stderr, format, args);
-    va_end(args);
-    fputc('\n', stderr);
-}
+const char* const kProgram = wexbl_cli::kProgramName;
+using wexbl_cli::kExitFailure;
+using wexbl_cli::kExitOk;
+using wexbl_cli::kExitUsage;
+using wexbl_cli::message;
 
 void printUsage(FILE* to) {
     fprintf(to,

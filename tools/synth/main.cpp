@@ -12,6 +12,7 @@
 #include <sstream>
 #include <string>
 
+#include "../common/CliMessage.h"
 #include "binlog_synth/Capture.h"
 #include "binlog_synth/Dictionary.h"
 #include "binlog_synth/RandomMix.h"
@@ -22,22 +23,17 @@
 #define WEXBL_VERSION "unknown"
 #endif
 
+const char* const wexbl_cli::kProgramName = "binlog-synth";
+
 namespace {
 
 using namespace binlog_synth;
 
-const char* const kProgram = "binlog-synth";
-
-enum ExitStatus { kExitOk = 0, kExitFailure = 1, kExitUsage = 2 };
-
-__attribute__((format(printf, 1, 2))) void message(const char* format, ...) {
-    fprintf(stderr, "%s: ", kProgram);
-    va_list args;
-    va_start(args, format);
-    vfprintf(stderr, format, args);
-    va_end(args);
-    fputc('\n', stderr);
-}
+const char* const kProgram = wexbl_cli::kProgramName;
+using wexbl_cli::kExitFailure;
+using wexbl_cli::kExitOk;
+using wexbl_cli::kExitUsage;
+using wexbl_cli::message;
 
 void printUsage(FILE* to) {
     fprintf(to,

@@ -11,9 +11,7 @@ namespace binlog_synth {
 namespace {
 
 constexpr std::size_t kFlushThreshold = 256 * 1024;
-constexpr std::size_t kEthernetHeaderLength = 14;
 constexpr std::size_t kIpv4HeaderLength = 20;
-constexpr std::size_t kIpv6HeaderLength = 40;
 constexpr std::size_t kUdpHeaderLength = 8;
 
 /// One's-complement sum of 16-bit big-endian words (an odd last byte is
