@@ -241,7 +241,8 @@ TEST_F(SynthCli, CommandLineFramingWinsOverTheScript) {
 #else
 
 TEST(SynthCli, NotBuilt) {
-    GTEST_SKIP() << "binlog-synth is not built (WEXBL_BUILD_TOOLS=OFF)";
+    GTEST_SKIP() << "binlog-synth is not built (WEXBL_BUILD_TOOLS=OFF) or cannot be started "
+                    "from a test (cross build)";
 }
 
 #endif
