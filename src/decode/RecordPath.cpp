@@ -31,7 +31,9 @@ std::string& DecodedTexts::add(const std::string& name) {
 const std::string* DecodedTexts::find(const char* name, std::size_t size) const {
     for (std::size_t i = count; i-- > 0;) {
         const std::string& candidate = *entries[i].name;
-        if (candidate.size() == size && std::memcmp(candidate.data(), name, size) == 0) {
+        // Most names differ in length or in their first character.
+        if (candidate.size() == size && (size == 0 || candidate[0] == name[0]) &&
+            std::memcmp(candidate.data(), name, size) == 0) {
             return &entries[i].text;
         }
     }

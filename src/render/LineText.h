@@ -143,9 +143,9 @@ void appendBinLogLineStart(Out& line, const std::string& timeText, const ModuleD
                            const LogDetails& log, const std::string& level, std::uint32_t seqNo) {
     const std::string_view subsystem = printed(module.subsystemName);
     const std::string_view moduleName = printed(module.moduleName);
-    const std::string_view time = printed(timeText);
+    // The time text is built here and holds no NUL.
     appendLiteral(line, "[");
-    line.append(time.data(), time.size());
+    line.append(timeText.data(), timeText.size());
     appendLiteral(line, "] [");
     const std::size_t sourceLength = subsystem.size() + 1 + moduleName.size();
     if (sourceLength < 10) {
