@@ -1,5 +1,7 @@
 // Record dispatch: statistics, routing by packet type, dictionary look-up,
-// version and level checks, and decoding into per-record working copies.
+// version and level checks, then decoding: legacy records into per-record
+// working copies, binary log records through the record path (RecordPath.cpp),
+// which prints the same without copying. The dictionary is never written.
 //
 // A binary log payload is laid out by type groups, not in declaration order:
 //   [module header: u64 i64 u32 i32 u16 i16 u8 i8 string binarystring][padding]
