@@ -9,35 +9,19 @@
 #include <vector>
 
 #include "BinaryLogXmlReader.h"
+#include "DictionaryHelpers.h"
 #include "TestSupport.h"
 
 namespace {
 
+using wexbl_test::kMinimalBinlog;
+using wexbl_test::Names;
+using wexbl_test::namesOf;
 using wexbl_test::parseXml;
 using wexbl_test::StderrCapture;
 using wexbl_test::TempDir;
+using wexbl_test::totalEntries;
 using wexbl_test::XmlDocPtr;
-using Names = std::vector<std::string>;
-
-const char kMinimalBinlog[] =
-    "<LoggingSubSystem subsystem=\"s\" subsystemId=\"1\" module=\"m\" moduleid=\"2\" "
-    "binlogversion=\"1\"/>";
-
-template <typename P>
-Names namesOf(const std::vector<P>& list) {
-    Names names;
-    for (const auto& p : list) {
-        names.push_back(p.name);
-    }
-    return names;
-}
-
-std::size_t totalEntries(const Tav::FlexiParams& f) {
-    return f.uint64Params.size() + f.int64Params.size() + f.uint32Params.size() +
-           f.int32Params.size() + f.uint16Params.size() + f.int16Params.size() +
-           f.uint8Params.size() + f.int8Params.size() + f.stringParams.size() +
-           f.binaryStringParams.size() + f.varBinaryStringParams.size();
-}
 
 std::string subsystem(const std::string& sub, const std::string& subId, const std::string& mod,
                       const std::string& modId, const std::string& version) {

@@ -8,34 +8,17 @@
 #include <vector>
 
 #include "BinaryLogXmlReader.h"
+#include "DictionaryHelpers.h"
 #include "TestSupport.h"
 
 namespace {
 
+using wexbl_test::kMinimalBinlog;
+using wexbl_test::Names;
+using wexbl_test::namesOf;
 using wexbl_test::StderrCapture;
 using wexbl_test::TempDir;
-
-const char kMinimalBinlog[] =
-    "<LoggingSubSystem subsystem=\"s\" subsystemId=\"1\" module=\"m\" moduleid=\"2\" "
-    "binlogversion=\"1\"/>";
-
-template <typename P>
-std::vector<std::string> namesOf(const std::vector<P>& list) {
-    std::vector<std::string> names;
-    for (const auto& p : list) {
-        names.push_back(p.name);
-    }
-    return names;
-}
-
-std::size_t totalEntries(const Tav::FlexiParams& f) {
-    return f.uint64Params.size() + f.int64Params.size() + f.uint32Params.size() +
-           f.int32Params.size() + f.uint16Params.size() + f.int16Params.size() +
-           f.uint8Params.size() + f.int8Params.size() + f.stringParams.size() +
-           f.binaryStringParams.size() + f.varBinaryStringParams.size();
-}
-
-using Names = std::vector<std::string>;
+using wexbl_test::totalEntries;
 
 class TokenizerTest : public ::testing::Test {
   protected:
