@@ -16,6 +16,10 @@ set(WEXBL_ARM_LIBDIRS
   "${WEXBL_ARM_SYSROOT}/usr/lib/arm-linux-gnueabihf"
   "${WEXBL_ARM_SYSROOT}/lib/arm-linux-gnueabihf")
 
+# GCC notes that the ARM calling convention of some std::vector members
+# changed in GCC 7.1; everything here is built by one compiler.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
+
 set(CMAKE_FIND_ROOT_PATH "${WEXBL_ARM_SYSROOT}" /usr/arm-linux-gnueabihf)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

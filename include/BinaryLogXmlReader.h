@@ -78,6 +78,7 @@ class TextBuilder {
             std::memcpy(grow(length), text, length);
         }
     }
+    void push_back(char c) { *grow(1) = c; }
     void append(std::size_t count, char c) {
         if (count != 0) {
             std::memset(grow(count), c, count);

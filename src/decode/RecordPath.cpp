@@ -142,10 +142,13 @@ void appendSubstituted(detail::TextBuilder& line, std::size_t messageStart,
             line.append(message.data(), message.size());
             return;
         }
-        detail::appendAll(line, {text.substr(position, open - position), key, "=", *value});
+        line.append(text.data() + position, open - position);
+        line.append(key.data(), key.size());
+        line.push_back('=');
+        line.append(value->data(), value->size());
         position = close > open ? close + 1 : text.size();
     }
-    detail::appendAll(line, {text.substr(position)});
+    line.append(text.data() + position, text.size() - position);
 }
 
 }  // namespace
@@ -187,20 +190,21 @@ void BinaryLogXmlReader::renderBinLogRecord(const PcapRecHeader& pcapHeader,
         detail::appendParamList(line, module.paramOrder, textsLookup(s.moduleTexts));
         if (line.size() != start) {
             cutAtNul(line, start);
-            detail::appendAll(line, {"] ["});
+            detail::appendLiteral(line, "] [");
         }
     }
     const std::size_t messageStart = line.size();
     const std::string& logString = log.logString;
     if (logString.find('{') == std::string::npos || logString.find('}') == std::string::npos) {
         // No placeholders: the text, a blank and the parameter list.
-        detail::appendAll(line, {logString, " "});
+        line.append(logString.data(), logString.size());
+        line.push_back(' ');
         detail::appendParamList(line, log.paramOrder, textsLookup(s.logTexts));
     } else {
         appendSubstituted(line, messageStart, logString, s.logTexts, s);
     }
     cutAtNul(line, messageStart);
-    detail::appendAll(line, {"] \n"});
+    detail::appendLiteral(line, "] \n");
     fwrite(s.line.data(), 1, s.line.size(), out);
 }
 

@@ -65,7 +65,10 @@ template <typename Out, typename Lookup>
 void appendParamList(Out& out, const std::vector<std::string>& order, Lookup lookup) {
     for (const std::string& name : order) {
         if (const std::string* text = lookup(name.data(), name.size())) {
-            appendAll(out, {name, "=", *text, " "});
+            out.append(name.data(), name.size());
+            out.push_back('=');
+            out.append(text->data(), text->size());
+            out.push_back(' ');
         }
     }
 }
