@@ -1,10 +1,8 @@
 // The record lines: binary log (with or without module header values),
 // legacy, syslog and plain capture. Each line opens with the time text.
-#include <charconv>
 #include <cstdio>
 
 #include "BinaryLogXmlReader.h"
-#include "decode/ValueText.h"
 #include "render/LineText.h"
 
 namespace Tav {

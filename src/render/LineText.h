@@ -17,13 +17,6 @@
 namespace Tav {
 namespace detail {
 
-/// Appends all pieces in turn.
-inline void appendAll(TextBuilder& out, std::initializer_list<std::string_view> pieces) {
-    for (const std::string_view piece : pieces) {
-        out.append(piece.data(), piece.size());
-    }
-}
-
 /// Appends all pieces with one growth of `out`.
 inline void appendAll(std::string& out, std::initializer_list<std::string_view> pieces) {
     std::size_t total = 0;
