@@ -4,7 +4,9 @@
 // header that precedes every log of the module) and one map of LogDetails (one
 // per log message). Both carry their typed parameter declarations in a
 // FlexiParams: eleven lists, one per wire type. The dictionary is filled once
-// while the reader is constructed; decoding works on per-record copies, which
+// while the reader is constructed and only read afterwards. The decodedValues
+// maps and the parameters' value fields stay empty in the dictionary; the
+// step-by-step decoding members fill them in copies that a caller makes, which
 // is why every record has plain value semantics.
 #ifndef WEX_OAM_BINLOG_DICTIONARY_H
 #define WEX_OAM_BINLOG_DICTIONARY_H
@@ -59,7 +61,7 @@ struct ModuleDetails : public FlexiParams {
     bool hasModuleHeader = false;
     /// The module header's parameter names in declaration order.
     std::vector<std::string> paramOrder;
-    /// Per-record copies only: parameter name -> decoded text.
+    /// Empty in the dictionary; a decoded copy's parameter name -> text.
     std::map<std::string, std::string> decodedValues;
     std::string subsystemName;
     std::string moduleName;
@@ -77,7 +79,7 @@ struct LogDetails : public FlexiParams {
     std::string logString;
     /// The log's parameter names in declaration order.
     std::vector<std::string> paramOrder;
-    /// Per-record copies only: parameter name -> decoded text.
+    /// Empty in the dictionary; a decoded copy's parameter name -> text.
     std::map<std::string, std::string> decodedValues;
 };
 
@@ -107,7 +109,6 @@ WEXBL_API extern const std::string kAttrText;           // "text"
 WEXBL_API extern const std::string kFormatDefault;  // "DefaultDisplay"
 WEXBL_API extern const std::string kFormatHex;      // "hex"
 WEXBL_API extern const std::string kFormatSfSfn;    // "SF-SFN"
-WEXBL_API extern const std::string kFormatInt;      // "int"
 /// Parameter type names:
 WEXBL_API extern const std::string kTypeUint64;           // "TavUint64_t"
 WEXBL_API extern const std::string kTypeInt64;            // "TavInt64_t"

@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -87,17 +88,22 @@ class TextBuilder {
 
   private:
     /// Makes room for `length` more characters and returns where they go.
+    /// Throws std::length_error when the text would outgrow what a vector can
+    /// hold, rather than wrapping the size.
     char* grow(std::size_t length) {
         if (length > storage_.size() - size_) {
-            storage_.resize((size_ + length) * 2);
+            const std::size_t limit = storage_.max_size();
+            if (length > limit - size_) {
+                throw std::length_error("TextBuilder: text too long");
+            }
+            const std::size_t needed = size_ + length;
+            storage_.resize(needed > limit / 2 ? limit : needed * 2);
         }
         char* at = storage_.data() + size_;
         size_ += length;
         return at;
     }
 
-  public:
-  private:
     std::vector<char> storage_;
     std::size_t size_ = 0;
 };

@@ -21,8 +21,10 @@ inline std::size_t memscpy(void* dst, std::size_t dstSize, const void* src, std:
     return n;
 }
 
-/// A read-only window of `size` bytes. Offsets are 64-bit so that no offset
-/// arithmetic of a caller can wrap inside the check.
+/// A read-only window of `size` bytes. Offsets are taken as 64-bit values so
+/// that the bounds check itself cannot wrap. Callers that walk a payload keep
+/// 32-bit offsets and let them wrap on purpose (as the wire format's unsigned
+/// arithmetic does); a wrapped offset is just another offset, checked here.
 class ByteReader {
   public:
     ByteReader() = default;

@@ -1,7 +1,8 @@
 // Record dispatch: statistics, routing by packet type, dictionary look-up,
 // version and level checks, then decoding: legacy records into per-record
 // working copies, binary log records through the record path (RecordPath.cpp),
-// which prints the same without copying. The dictionary is never written.
+// which reads the declarations in place and decodes into buffers kept from
+// record to record. The dictionary is never written.
 //
 // A binary log payload is laid out by type groups, not in declaration order:
 //   [module header: u64 i64 u32 i32 u16 i16 u8 i8 string binarystring][padding]
@@ -50,7 +51,7 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
         return -1;
     }
 
-    // The checks read the dictionary entries, which the working copies equal.
+    // The checks read the dictionary entries themselves.
     if (binLogHeader.logVersion != module->second.binlogVersion) {
         fprintf(out, "Mismatch in version for log [%s] logVersion [%d] xmlVersion [%d] \n",
                 log->second.logName.c_str(), binLogHeader.logVersion, module->second.binlogVersion);

@@ -7,11 +7,15 @@
 namespace Tav {
 namespace {
 
-/// A NUL-padded text field of `size` bytes: the text up to its first NUL.
-std::string paddedText(const ByteReader& payload, std::uint64_t offset, std::size_t size) {
-    char buf[15] = {};
-    payload.copy(offset, buf, size);
-    return std::string(buf, strnlen(buf, size));
+/// Bytes of each of the two NUL-padded legacy text fields.
+constexpr std::size_t kLegacyTextBytes = 14;
+
+/// The legacy text field at `offset`: the text up to its first NUL, all 14
+/// characters when there is none.
+std::string legacyText(const ByteReader& payload, std::uint64_t offset) {
+    char buf[kLegacyTextBytes];
+    payload.copy(offset, buf, sizeof buf);
+    return std::string(buf, strnlen(buf, sizeof buf));
 }
 
 /// Assigns `values` to the `value`s of the first entries of `params`, until
@@ -42,7 +46,7 @@ int BinaryLogXmlReader::decodeLegacyLogPayLoad(const BinLogHeader& /*binLogHeade
         bytes[i] = payload.get_u8(24 + i);
     }
     assignLeading(log.uint8Params, bytes);
-    const std::string texts[2] = {paddedText(payload, 28, 14), paddedText(payload, 42, 14)};
+    const std::string texts[2] = {legacyText(payload, 28), legacyText(payload, 42)};
     assignLeading(log.stringParams, texts);
     return 0;
 }

@@ -110,10 +110,10 @@ bool hasBrace(std::string_view text) {
 
 /// Appends `logString` with its placeholders substituted, as
 /// substitutePlaceholders does, in one pass from left to right: as long as
-/// neither the keys nor their texts hold a brace, everything before the
-/// current position is brace-free and a restart from the beginning would
-/// find the next placeholder right there. Otherwise the text built so far
-/// goes through the general loop.
+/// neither the keys nor their texts hold a brace and every "}" follows its
+/// "{", everything before the current position is brace-free and a restart
+/// from the beginning would find the next placeholder right there. Otherwise
+/// the text built so far goes through the general loop.
 void appendSubstituted(detail::TextBuilder& line, std::size_t messageStart,
                        const std::string& logString, const detail::DecodedTexts& texts,
                        detail::RecordScratch& scratch) {
@@ -132,7 +132,7 @@ void appendSubstituted(detail::TextBuilder& line, std::size_t messageStart,
         if (value == nullptr) {
             break;
         }
-        if (hasBrace(key) || hasBrace(*value)) {
+        if (close < open || hasBrace(key) || hasBrace(*value)) {
             std::string& message = scratch.messageText;
             message.assign(line.data() + messageStart, line.size() - messageStart);
             message.append(text.substr(position));
@@ -146,7 +146,7 @@ void appendSubstituted(detail::TextBuilder& line, std::size_t messageStart,
         line.append(key.data(), key.size());
         line.push_back('=');
         line.append(value->data(), value->size());
-        position = close > open ? close + 1 : text.size();
+        position = close + 1;
     }
     line.append(text.data() + position, text.size() - position);
 }

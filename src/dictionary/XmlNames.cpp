@@ -28,7 +28,6 @@ const std::string kAttrText = "text";
 const std::string kFormatDefault = "DefaultDisplay";
 const std::string kFormatHex = "hex";
 const std::string kFormatSfSfn = "SF-SFN";
-const std::string kFormatInt = "int";
 
 const std::string kTypeUint64 = "TavUint64_t";
 const std::string kTypeInt64 = "TavInt64_t";

@@ -22,6 +22,7 @@
 #include <new>
 
 #include "BinaryLogXmlReader.h"
+#include "capture/RecordHeaders.h"
 
 namespace Tav {
 namespace {
@@ -37,25 +38,6 @@ constexpr std::uint32_t kLinkTypeBinLog = 150;
 constexpr std::uint16_t kEtherTypeIpv4 = 0x0800;
 constexpr std::uint16_t kEtherTypeIpv6 = 0x86DD;
 constexpr std::uint8_t kProtocolUdp = 17;
-
-PcapRecHeader pcapRecHeaderAt(const ByteReader& bytes, std::uint64_t offset) {
-    PcapRecHeader header;
-    header.tsSec = bytes.get_u32le(offset);
-    header.tsUsec = bytes.get_u32le(offset + 4);
-    header.capturedLength = bytes.get_u32le(offset + 8);
-    header.storageLength = bytes.get_u32le(offset + 12);
-    return header;
-}
-
-BinLogHeader binLogHeaderAt(const ByteReader& bytes, std::uint64_t offset) {
-    BinLogHeader header;
-    header.packetType = bytes.get_u32le(offset);
-    header.logId = bytes.get_u32le(offset + 4);
-    header.logLevel = bytes.get_u16le(offset + 8);
-    header.logVersion = bytes.get_u16le(offset + 10);
-    header.seqNo = bytes.get_u32le(offset + 12);
-    return header;
-}
 
 /// Where the fields of a UDP-framed record lie for one IP version.
 struct UdpFraming {
@@ -103,7 +85,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
             }
             return;
         }
-        PcapRecHeader recHeader = pcapRecHeaderAt(ByteReader(headerBytes, sizeof headerBytes), 0);
+        PcapRecHeader recHeader =
+            detail::readPcapRecHeader(ByteReader(headerBytes, sizeof headerBytes), 0);
         const std::uint32_t storageLength = recHeader.storageLength;
         if (storageLength > MAX_BINLOG_LENGTH) {
             fprintf(stderr, "pHdr storageLength %d is more thanMAX_BINLOG_LENGTH\n",
@@ -131,7 +114,7 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
         const ByteReader record(buffer.get(), storageLength);
 
         if (linkType == kLinkTypeBinLog) {
-            const BinLogHeader binLogHeader = binLogHeaderAt(record, 0);
+            const BinLogHeader binLogHeader = detail::readBinLogHeader(record, 0);
             getLogDetailsForLogId(recHeader, binLogHeader, record.from(sizeof(BinLogHeader)),
                                   storageLength, out, utcOffsetMinutes);
             continue;
@@ -149,8 +132,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
         // and storageLength seen downstream are the sender's. The length for
         // the statistics is formed with the file's storageLength.
         const std::uint32_t payloadOffset = framing->udpPayloadOffset;
-        recHeader = pcapRecHeaderAt(record, payloadOffset);
-        const BinLogHeader binLogHeader = binLogHeaderAt(record, payloadOffset + 16);
+        recHeader = detail::readPcapRecHeader(record, payloadOffset);
+        const BinLogHeader binLogHeader = detail::readBinLogHeader(record, payloadOffset + 16);
         getLogDetailsForLogId(recHeader, binLogHeader, record.from(payloadOffset + 32),
                               storageLength + 16 - payloadOffset, out, utcOffsetMinutes);
     }

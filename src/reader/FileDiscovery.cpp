@@ -3,7 +3,6 @@
 #include <dirent.h>
 
 #include <cstdio>
-#include <locale>
 #include <memory>
 #include <string>
 
@@ -18,16 +17,21 @@ struct DirClose {
 /// Owns an open directory stream; closed on every exit path.
 using DirOwner = std::unique_ptr<DIR, DirClose>;
 
+/// Upper-cases the ASCII letters a-z and nothing else: the same in every
+/// locale the calling program may have set.
+char asciiUpper(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
 /// Case-insensitive substring test: each pair of characters is compared after
-/// upper-casing both through the default locale's character classification.
+/// upper-casing both.
 bool containsIgnoringCase(const std::string& text, const std::string& word) {
-    const auto& ctype = std::use_facet<std::ctype<char>>(std::locale());
     if (word.size() > text.size()) {
         return false;
     }
     for (std::size_t start = 0; start + word.size() <= text.size(); ++start) {
         std::size_t i = 0;
-        while (i < word.size() && ctype.toupper(text[start + i]) == ctype.toupper(word[i])) {
+        while (i < word.size() && asciiUpper(text[start + i]) == asciiUpper(word[i])) {
             ++i;
         }
         if (i == word.size()) {

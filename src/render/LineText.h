@@ -73,10 +73,15 @@ constexpr int kMaxSubstitutions = 1000;
 /// The placeholder loop over `message`, with at most `budget` substitutions:
 /// the first "{" and the first "}" of the whole text delimit a key; when the
 /// key has a value, key=value replaces the characters from "{" through "}"
-/// (through the end of the text when the "}" stands before the "{") and the
-/// search restarts at the beginning, so decoded texts that hold placeholders
-/// are substituted too. It stops when a brace is missing or a key has no
-/// value. `work` is scratch.
+/// and the search restarts at the beginning, so decoded texts that hold
+/// placeholders are substituted too. It stops when a brace is missing or a key
+/// has no value.
+///
+/// Key and replaced lengths are unsigned differences, so a "}" before the "{"
+/// makes the key run to the end of the text; the replaced length
+/// close - open + 1 is then 0 when the "}" stands right before the "{" (the
+/// text is inserted, nothing removed) and wraps, running to the end of the
+/// text, when it stands further before. `work` is scratch.
 template <typename Lookup>
 void substitutePlaceholders(std::string& message, Lookup lookup, std::string& work, int budget) {
     for (int substitutions = 0; substitutions < budget; ++substitutions) {
@@ -91,7 +96,7 @@ void substitutePlaceholders(std::string& message, Lookup lookup, std::string& wo
             break;
         }
         const std::string_view whole(message);
-        const std::size_t after = close > open ? close + 1 : message.size();
+        const std::size_t after = open + std::min(close - open + 1, message.size() - open);
         work.clear();
         appendAll(work, {whole.substr(0, open), whole.substr(open + 1, keyLength), "=", *text,
                          whole.substr(after)});

@@ -2,11 +2,27 @@
 // and per-module sequence checking that reports gaps and reordering.
 #include "BinaryLogStatsCollector.h"
 
+#include <charconv>
+#include <string>
+
 namespace Tav {
 
 namespace {
 /// Record times before 2000-01-01T05:00:00Z make the rates meaningless.
 constexpr std::uint32_t kFirstUsableTime = 946702800u;
+
+/// `value` with `decimals` digits after the point, as printf's "%.*f" and
+/// "%.*Lf" print it in the "C" locale: the decimal point stays a point
+/// whatever locale the calling program has set.
+template <typename Float>
+std::string fixedText(Float value, int decimals) {
+    // Wide enough for any finite double with its decimals.
+    char text[400];
+    const auto result =
+        std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, decimals);
+    return result.ec == std::errc() ? std::string(text, result.ptr) : std::string("nan");
+}
+
 }  // namespace
 
 void BinaryLogStatsCollector::processStats(FILE* out, const PcapRecHeader& pcapHeader, int module,
@@ -71,7 +87,8 @@ void BinaryLogStatsCollector::printStats(FILE* out) {
         const std::uint32_t generatedRecords = missingRecords + totalRecords;
         const double percent =
             static_cast<double>(missingRecords) * 100.0 / static_cast<double>(generatedRecords);
-        fprintf(out, ">>missingRecords =  %d (%lf%%)\n", static_cast<int>(missingRecords), percent);
+        fprintf(out, ">>missingRecords =  %d (%s%%)\n", static_cast<int>(missingRecords),
+                fixedText(percent, 6).c_str());
         fprintf(out, ">>outOfOrderRecords =  %d\n", static_cast<int>(outOfOrderRecords));
         if (timestampsUnusable) {
             fprintf(out, ">>per second record stats not provided for this file\n");
@@ -86,13 +103,15 @@ void BinaryLogStatsCollector::printStats(FILE* out) {
                 received = totalRecords / spanMs;
                 generated = generatedRecords / spanMs;
             }
-            fprintf(out, ">>records received/msec = %.2Lf\n", static_cast<long double>(received));
-            fprintf(out, ">>records generated at source/msec = %.2Lf\n",
-                    static_cast<long double>(generated));
-            fprintf(out, ">>records received/sec = %.2Lf\n",
-                    static_cast<long double>(received * 1000.0));
-            fprintf(out, ">>records generated at source/sec = %.2Lf\n",
-                    static_cast<long double>(generated * 1000.0));
+            const std::string rates[4] = {
+                fixedText(static_cast<long double>(received), 2),
+                fixedText(static_cast<long double>(generated), 2),
+                fixedText(static_cast<long double>(received * 1000.0), 2),
+                fixedText(static_cast<long double>(generated * 1000.0), 2)};
+            fprintf(out, ">>records received/msec = %s\n", rates[0].c_str());
+            fprintf(out, ">>records generated at source/msec = %s\n", rates[1].c_str());
+            fprintf(out, ">>records received/sec = %s\n", rates[2].c_str());
+            fprintf(out, ">>records generated at source/sec = %s\n", rates[3].c_str());
         }
         fprintf(out, ">>total log record size = %llu\n",
                 static_cast<unsigned long long>(totalRecordBytes));

@@ -91,7 +91,6 @@ TEST(XmlNames, ConstantsHoldTheDictionaryNames) {
     EXPECT_EQ(Tav::kFormatDefault, "DefaultDisplay");
     EXPECT_EQ(Tav::kFormatHex, "hex");
     EXPECT_EQ(Tav::kFormatSfSfn, "SF-SFN");
-    EXPECT_EQ(Tav::kFormatInt, "int");
     EXPECT_EQ(Tav::kTypeUint64, "TavUint64_t");
     EXPECT_EQ(Tav::kTypeInt64, "TavInt64_t");
     EXPECT_EQ(Tav::kTypeUint32, "TavUint32_t");

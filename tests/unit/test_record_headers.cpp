@@ -11,7 +11,9 @@
 
 #include "BinLogRecordHeaders.h"
 #include "BinaryLogXmlReader.h"
+#include "ByteReader.h"
 #include "TestSupport.h"
+#include "capture/RecordHeaders.h"
 
 namespace {
 
@@ -65,30 +67,41 @@ TEST(RecordHeaders, PacketTypeValues) {
 }
 
 TEST(RecordHeaders, PcapRecordHeaderDecodesLittleEndian) {
-    const unsigned char bytes[16] = {
+    // One byte of padding in front: the decoder needs no alignment.
+    const unsigned char bytes[17] = {
+        0xEE,                    // not part of the header
         0x00, 0x10, 0x5E, 0x5F,  // tsSec 0x5F5E1000 = 1600000000
         0x40, 0x42, 0x0F, 0x00,  // tsUsec 0x000F4240 = 1000000
         0x34, 0x12, 0x00, 0x00,  // capturedLength 0x1234
         0xA8, 0x61, 0x00, 0x00,  // storageLength 0x61A8 = 25000
     };
-    Tav::PcapRecHeader h;
-    EXPECT_EQ(Tav::memscpy(&h, sizeof h, bytes, sizeof bytes), 16u);
+    const Tav::PcapRecHeader h = Tav::detail::readPcapRecHeader(Tav::ByteReader(bytes, 17), 1);
     EXPECT_EQ(h.tsSec, 1600000000u);
     EXPECT_EQ(h.tsUsec, 1000000u);
     EXPECT_EQ(h.capturedLength, 0x1234u);
     EXPECT_EQ(h.storageLength, 25000u);
 }
 
+TEST(RecordHeaders, PcapRecordHeaderCutShortReadsZeros) {
+    // Only tsSec and two bytes of tsUsec exist.
+    const unsigned char bytes[6] = {0x01, 0x00, 0x00, 0x80, 0x02, 0x01};
+    const Tav::PcapRecHeader h = Tav::detail::readPcapRecHeader(Tav::ByteReader(bytes, 6), 0);
+    EXPECT_EQ(h.tsSec, 0x80000001u);
+    EXPECT_EQ(h.tsUsec, 0x0102u);
+    EXPECT_EQ(h.capturedLength, 0u);
+    EXPECT_EQ(h.storageLength, 0u);
+}
+
 TEST(RecordHeaders, BinLogHeaderDecodesLittleEndian) {
-    const unsigned char bytes[16] = {
+    const unsigned char bytes[19] = {
+        0xAA, 0xBB, 0xCC,        // not part of the header
         0x02, 0x00, 0x00, 0x00,  // packetType 2 (syslog)
         0x02, 0x00, 0x01, 0x00,  // logId 0x00010002
         0x05, 0x00,              // logLevel 5
         0x07, 0x01,              // logVersion 0x0107
         0xFF, 0xFF, 0xFF, 0xFF,  // seqNo 0xFFFFFFFF
     };
-    Tav::BinLogHeader h;
-    EXPECT_EQ(Tav::memscpy(&h, sizeof h, bytes, sizeof bytes), 16u);
+    const Tav::BinLogHeader h = Tav::detail::readBinLogHeader(Tav::ByteReader(bytes, 19), 3);
     EXPECT_EQ(h.packetType, static_cast<std::uint32_t>(Tav::Syslog));
     EXPECT_EQ(h.logId, 0x00010002u);
     EXPECT_EQ(h.logLevel, 5u);

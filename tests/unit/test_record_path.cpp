@@ -57,6 +57,9 @@ const char* const kHeaderModule = R"(<?xml version="1.0"?>
   <LogId name="CloseFirst" logString="} odd {x" category="P">
     <p type="TavUint8_t" nameList="x"/>
   </LogId>
+  <LogId name="CloseRightBefore" logString="t }{x and {y" category="P">
+    <p type="string" nameList="x,y" size="4"/>
+  </LogId>
   <LogId name="Twice" logString="{v}" category="P">
     <p type="TavUint32_t" nameList="v"/>
     <p type="TavUint8_t" nameList="v" count="2"/>
@@ -155,7 +158,7 @@ TEST_F(RecordPathTest, RandomRecordsPrintAsStepByStep) {
         std::uint16_t version;
     };
     const Log logs[] = {{0x01020001, 4}, {0x01020002, 4}, {0x01020003, 4}, {0x01020004, 4},
-                        {0x01020005, 4}, {0x01030001, 1}, {0x01030002, 1}};
+                        {0x01020005, 4}, {0x01020006, 4}, {0x01030001, 1}, {0x01030002, 1}};
     Random random{42};
     int compared = 0;
     for (int round = 0; round < 3000; ++round) {

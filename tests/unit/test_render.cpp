@@ -265,6 +265,84 @@ TEST_F(RenderTest, ClosingBraceBeforeOpeningBraceMakesTheKeyRunToTheEnd) {
     EXPECT_EQ(message(makeLog("L", "} {x", {"x"}, {{"x", "5"}})), "} x=5");
 }
 
+TEST_F(RenderTest, ClosingBraceRightBeforeOpeningBraceInsertsWithoutRemoving) {
+    // close = open - 1: the replaced length close - open + 1 is 0, so "b=3242"
+    // is inserted before "{b"; the next round finds the "}" further before the
+    // "{", its replaced length wraps and "{b" is replaced through the end.
+    EXPECT_EQ(message(makeLog("L", "timer }{b", {"b"}, {{"b", "3242"}})), "timer }b=3242b=3242");
+    EXPECT_EQ(message(makeLog("L", "}{x", {"x"}, {{"x", "5"}})), "}x=5x=5");
+    // "}{" alone: the key is empty and has no value.
+    EXPECT_EQ(message(makeLog("L", "}{", {"x"}, {{"x", "5"}})), "}{");
+    // With a value for the empty key, the same two rounds happen.
+    EXPECT_EQ(message(makeLog("L", "}{", {"x"}, {{"", "E"}})), "}=E=E");
+    // The key runs from "{" to the end ("b}c"): no value, the text stays ...
+    EXPECT_EQ(message(makeLog("L", "a}{b}c", {"b"}, {{"b", "7"}})), "a}{b}c");
+    // ... and with a value for "b}c" it is inserted, then replaces "{b}c".
+    EXPECT_EQ(message(makeLog("L", "a}{b}c", {"b"}, {{"b}c", "Z"}})), "a}b}c=Zb}c=Z");
+    // A decoded text holding "}{": its "{y" is handled by the same two rounds.
+    EXPECT_EQ(message(makeLog("L", "{x}", {"x", "y"}, {{"x", "}{y"}, {"y", "1"}})), "x=}y=1y=1");
+}
+
+// The placeholder rule written out literally, with 32-bit unsigned lengths as
+// on the target: the first "{" and the first "}" of the whole text; the key is
+// at most close - open - 1 characters after the "{"; a key with a value
+// replaces close - open + 1 characters (clipped to the end of the text) by
+// key=value; the search restarts at the beginning.
+std::string referenceSubstitution(std::string text, const Values& values) {
+    for (int round = 0; round < 1000; ++round) {
+        const std::size_t open = text.find('{');
+        const std::size_t close = text.find('}');
+        if (open == std::string::npos || close == std::string::npos) {
+            break;
+        }
+        const std::uint32_t keyLength =
+            static_cast<std::uint32_t>(close) - static_cast<std::uint32_t>(open) - 1u;
+        const std::string key = text.substr(open + 1, keyLength);
+        const auto found = values.find(key);
+        if (found == values.end()) {
+            break;
+        }
+        const std::uint32_t replaced =
+            static_cast<std::uint32_t>(close) - static_cast<std::uint32_t>(open) + 1u;
+        text.replace(open, replaced, key + "=" + found->second);
+    }
+    return text;
+}
+
+TEST_F(RenderTest, PlaceholderLoopFollowsTheLiteralRuleOnRandomTexts) {
+    // Short texts over an alphabet of braces and a few key letters, so that
+    // every order of "{" and "}" occurs, also inside the decoded texts.
+    std::uint64_t state = 7;
+    auto next = [&state](std::uint32_t below) {
+        state = state * 6364136223846793005u + 1442695040888963407u;
+        return static_cast<std::uint32_t>(state >> 33) % below;
+    };
+    const char kAlphabet[] = {'{', '}', 'a', 'b', ' '};
+    auto randomText = [&](std::uint32_t longest) {
+        std::string text(next(longest + 1), ' ');
+        for (char& c : text) {
+            c = kAlphabet[next(sizeof kAlphabet)];
+        }
+        return text;
+    };
+    int withBraceBeforeBrace = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string logString = randomText(8);
+        if (logString.find('{') == std::string::npos || logString.find('}') == std::string::npos) {
+            continue;  // the parameter list case, tested above
+        }
+        if (logString.find('}') < logString.find('{')) {
+            ++withBraceBeforeBrace;
+        }
+        const Values values = {{"a", randomText(4)}, {"b", randomText(3)}, {"", randomText(2)}};
+        ASSERT_EQ(message(makeLog("L", logString, {"a", "b"}, values)),
+                  referenceSubstitution(logString, values))
+            << "logString '" << logString << "' a='" << values.at("a") << "' b='" << values.at("b")
+            << "'";
+    }
+    EXPECT_GT(withBraceBeforeBrace, 1000);
+}
+
 TEST_F(RenderTest, SelfRecreatingPlaceholderStopsAfter1000Substitutions) {
     EXPECT_EQ(message(makeLog("L", "{x}", {"x"}, {{"x", "{x}"}})), repeat("x=", 1000) + "{x}");
     EXPECT_EQ(message(makeLog("L", "A{x}B", {"x"}, {{"x", "{x}"}})),

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <clocale>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -429,6 +432,90 @@ TEST_F(StatsTest, RatesOverARealSpan) {
               ">>records generated at source/sec = 2000.00\n"
               ">>total log record size = 401\n"
               ">>average log record size = 80\n");
+}
+
+// The summary is the same text whatever locale the calling program has set:
+// a locale with a decimal comma must not turn "16.666667" into "16,666667".
+TEST_F(StatsTest, SummaryIgnoresTheProgramsLocale) {
+    // A German locale, compiled into a temporary directory so that the test
+    // does not depend on the locales the system has generated.
+    TempDir dir;
+    const std::string command =
+        "localedef -i de_DE -f UTF-8 '" + dir.path() + "/de_DE.UTF-8' >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0) {
+        GTEST_SKIP() << "localedef cannot build de_DE.UTF-8 (Debian package locales)";
+    }
+    setenv("LOCPATH", dir.path().c_str(), 1);
+    const char* set = setlocale(LC_ALL, "de_DE.UTF-8");
+    ASSERT_NE(set, nullptr);
+    char probe[16];
+    snprintf(probe, sizeof probe, "%.1f", 1.5);
+    ASSERT_STREQ(probe, "1,5") << "the locale should print a decimal comma";
+
+    stats_.processStats(out_.file(), stamp(kSec, 999000), 1, 0, 1, 100);
+    stats_.processStats(out_.file(), stamp(kSec + 1, 2000), 1, 0, 6, 20);
+    stats_.printStats(out_.file());
+    setlocale(LC_ALL, "C");
+    unsetenv("LOCPATH");
+    // span 3 ms; 2 received, 4 missing: 4 * 100 / 6 = 66.666...%, received
+    // 2 / 3 = 0.666... per msec, generated 6 / 3 = 2.
+    EXPECT_EQ(out_.text(),
+              ">>possibly missing packets: module=0x1,lastSeqNo=1,curSeqNo=6: "
+              "diff=4,missingRecords_=0\n"
+              ">>totalRecords =  2\n"
+              ">>missingRecords =  4 (66.666667%)\n"
+              ">>outOfOrderRecords =  0\n"
+              ">>records received/msec = 0.67\n"
+              ">>records generated at source/msec = 2.00\n"
+              ">>records received/sec = 666.67\n"
+              ">>records generated at source/sec = 2000.00\n"
+              ">>total log record size = 120\n"
+              ">>average log record size = 60\n");
+}
+
+// The figures round exactly as printf's "%lf" and "%.2Lf" do, also on ties
+// and on long spans: compared with printf in the "C" locale over many
+// counts and spans.
+TEST_F(StatsTest, FiguresRoundAsPrintfDoes) {
+    std::uint64_t state = 99;
+    auto next = [&state](std::uint32_t below) {
+        state = state * 6364136223846793005u + 1442695040888963407u;
+        return static_cast<std::uint32_t>(state >> 33) % below;
+    };
+    for (int round = 0; round < 2000; ++round) {
+        const std::uint32_t received = 2 + next(5000);
+        const std::uint32_t missing = next(3) == 0 ? 0 : next(100000);
+        const std::uint32_t spanUs = next(4) == 0 ? next(8) * 125 : next(2000000000);
+        MemoryStream out;
+        Tav::BinaryLogStatsCollector stats;
+        stats.missingRecords = missing;
+        stats.totalRecords = received;
+        stats.firstTsSec = kSec;
+        stats.firstTsUsec = 1;
+        stats.lastTsSec = kSec + spanUs / 1000000u;
+        stats.lastTsUsec = 1 + spanUs % 1000000u;
+        stats.totalRecordBytes = 7;
+        stats.printStats(out.file());
+
+        const double percent = missing * 100.0 / static_cast<double>(missing + received);
+        const double spanMs = spanUs / 1000.0;
+        const double perMs = spanMs > 0 ? received / spanMs : received;
+        const double generatedPerMs =
+            spanMs > 0 ? static_cast<double>(missing + received) / spanMs : missing + received;
+        char want[1024];
+        snprintf(want, sizeof want,
+                 ">>totalRecords =  %d\n>>missingRecords =  %d (%lf%%)\n"
+                 ">>outOfOrderRecords =  0\n>>records received/msec = %.2Lf\n"
+                 ">>records generated at source/msec = %.2Lf\n"
+                 ">>records received/sec = %.2Lf\n"
+                 ">>records generated at source/sec = %.2Lf\n"
+                 ">>total log record size = 7\n>>average log record size = %u\n",
+                 static_cast<int>(received), static_cast<int>(missing), percent,
+                 static_cast<long double>(perMs), static_cast<long double>(generatedPerMs),
+                 static_cast<long double>(perMs * 1000.0),
+                 static_cast<long double>(generatedPerMs * 1000.0), 7u / received);
+        ASSERT_EQ(out.text(), want) << "round " << round;
+    }
 }
 
 TEST_F(StatsTest, RatesOverSeveralSeconds) {

@@ -1,0 +1,41 @@
+// Decoding of the two 16-byte record headers from record bytes. Every field
+// is little-endian on the wire and is read byte by byte, so the bytes need no
+// alignment and the result is the same on any host.
+#ifndef WEXBL_SRC_CAPTURE_RECORD_HEADERS_H
+#define WEXBL_SRC_CAPTURE_RECORD_HEADERS_H
+
+#include <cstdint>
+
+#include "BinLogRecordHeaders.h"
+#include "ByteReader.h"
+
+namespace Tav {
+namespace detail {
+
+/// The PcapRecHeader at `offset`: tsSec, tsUsec, capturedLength,
+/// storageLength.
+inline PcapRecHeader readPcapRecHeader(const ByteReader& bytes, std::uint64_t offset) {
+    PcapRecHeader header;
+    header.tsSec = bytes.get_u32le(offset);
+    header.tsUsec = bytes.get_u32le(offset + 4);
+    header.capturedLength = bytes.get_u32le(offset + 8);
+    header.storageLength = bytes.get_u32le(offset + 12);
+    return header;
+}
+
+/// The BinLogHeader at `offset`: packetType, logId, logLevel, logVersion,
+/// seqNo.
+inline BinLogHeader readBinLogHeader(const ByteReader& bytes, std::uint64_t offset) {
+    BinLogHeader header;
+    header.packetType = bytes.get_u32le(offset);
+    header.logId = bytes.get_u32le(offset + 4);
+    header.logLevel = bytes.get_u16le(offset + 8);
+    header.logVersion = bytes.get_u16le(offset + 10);
+    header.seqNo = bytes.get_u32le(offset + 12);
+    return header;
+}
+
+}  // namespace detail
+}  // namespace Tav
+
+#endif
