@@ -3,13 +3,16 @@
 #ifndef WEX_OAM_BINLOG_DISPLAY_FORMATTER_H
 #define WEX_OAM_BINLOG_DISPLAY_FORMATTER_H
 
-#include <libxml/tree.h>
-
 #include <map>
 #include <string>
 #include <vector>
 
 #include "WexOamBinLogXmlReaderExport.h"
+
+// libxml2's node type, declared as libxml2 declares it, so that this header
+// does not pull in libxml2's own headers.
+struct _xmlNode;
+typedef struct _xmlNode xmlNode;
 
 namespace Tav {
 

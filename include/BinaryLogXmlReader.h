@@ -9,19 +9,21 @@
 //   reader.getFileList({"/path/to/captures"}, files);
 //   for (const auto& file : files) reader.readBinaryFiledata(file, 0, stdout);
 //
-// One reader is used by one thread at a time. Constructing a reader calls
-// xmlCleanupParser after every dictionary file, so no other libxml2 user may
-// run in the process meanwhile.
+// Records as values rather than lines, and captures read by several threads
+// at once: WexOamBinLogXmlReader/CaptureStream.h.
+//
+// One reader is used by one thread at a time (capture streams only read it).
+// Loading frees every XML document it parses and leaves libxml2's global
+// state alone: other libxml2 users in the process are not disturbed; a
+// program that wants libxml2's memory back calls xmlCleanupParser itself
+// when no libxml2 user is left.
 #ifndef WEX_OAM_BINARY_LOG_XML_READER_H
 #define WEX_OAM_BINARY_LOG_XML_READER_H
 
-#include <libxml/tree.h>
-
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <map>
-#include <stdexcept>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,7 +31,7 @@
 #include "BinLogRecordHeaders.h"
 #include "BinaryLogDisplayFormatter.h"
 #include "BinaryLogStatsCollector.h"
-#include "ByteReader.h"
+#include "WexOamBinLogXmlReader/ByteReader.h"
 #include "WexOamBinLogXmlReaderExport.h"
 
 namespace Tav {
@@ -38,90 +40,7 @@ namespace Tav {
 constexpr std::uint32_t MAX_BINLOG_LENGTH = 25000;
 
 namespace detail {
-
-/// One decoded parameter text of the record being dispatched.
-struct DecodedText {
-    const std::string* name = nullptr;
-    std::string text;
-};
-
-/// Texts decoded for one parameter table (a module header or a log), in decode
-/// order; a later entry of the same name overrides an earlier one. The
-/// entries and their buffers are reused from record to record.
-struct DecodedTexts {
-    std::vector<DecodedText> entries;
-    std::size_t count = 0;
-
-    void clear() { count = 0; }
-    /// A fresh entry for `name`, with its text emptied.
-    std::string& add(const std::string& name);
-    /// The text decoded last under `name`, or null.
-    const std::string* find(const char* name, std::size_t size) const;
-};
-
-/// The time text of the last second shown, so that records of the same
-/// second skip the calendar conversion.
-struct TimeTextCache {
-    std::uint32_t second = 0;
-    bool valid = false;
-    char prefix[64] = {};
-};
-
-/// A growable text whose appends stay inline; it keeps its storage.
-class TextBuilder {
-  public:
-    void clear() { size_ = 0; }
-    const char* data() const { return storage_.data(); }
-    std::size_t size() const { return size_; }
-    void truncate(std::size_t size) { size_ = size < size_ ? size : size_; }
-    void append(const char* text, std::size_t length) {
-        if (length != 0) {
-            std::memcpy(grow(length), text, length);
-        }
-    }
-    void push_back(char c) { *grow(1) = c; }
-    void append(std::size_t count, char c) {
-        if (count != 0) {
-            std::memset(grow(count), c, count);
-        }
-    }
-
-  private:
-    /// Makes room for `length` more characters and returns where they go.
-    /// Throws std::length_error when the text would outgrow what a vector can
-    /// hold, rather than wrapping the size.
-    char* grow(std::size_t length) {
-        if (length > storage_.size() - size_) {
-            const std::size_t limit = storage_.max_size();
-            if (length > limit - size_) {
-                throw std::length_error("TextBuilder: text too long");
-            }
-            const std::size_t needed = size_ + length;
-            storage_.resize(needed > limit / 2 ? limit : needed * 2);
-        }
-        char* at = storage_.data() + size_;
-        size_ += length;
-        return at;
-    }
-
-    std::vector<char> storage_;
-    std::size_t size_ = 0;
-};
-
-/// Working storage of the record path, kept between records so that a warm
-/// reader decodes without allocating.
-struct RecordScratch {
-    DecodedTexts moduleTexts;
-    DecodedTexts logTexts;
-    std::string element;
-    std::string decimal;
-    std::string timeText;
-    std::string messageText;
-    std::string work;
-    TextBuilder line;
-    TimeTextCache time;
-};
-
+class ReaderCore;
 }  // namespace detail
 
 class WEXBL_API BinaryLogXmlReader {
@@ -153,6 +72,16 @@ class WEXBL_API BinaryLogXmlReader {
     /// input: a failure clears the flag that isGood() reports.
     BinaryLogXmlReader(const std::string& xmlPath, bool statsEnabled, unsigned short udpPort,
                        unsigned short maxVarBinaryBytes);
+    ~BinaryLogXmlReader();
+    BinaryLogXmlReader(const BinaryLogXmlReader&) = delete;
+    BinaryLogXmlReader& operator=(const BinaryLogXmlReader&) = delete;
+
+    /// Records are decoded through plans compiled from logDetailsMap,
+    /// moduleDetailsMap and displayFormatter at the end of loading. A caller
+    /// that changes any of the three afterwards calls rebuildPlans() before
+    /// decoding again (capture streams open after the change see it too).
+    /// logLevelNames needs no rebuild: it is read for every record.
+    void rebuildPlans();
 
     bool isGood() const { return good; }
 
@@ -255,14 +184,9 @@ class WEXBL_API BinaryLogXmlReader {
     void replaceString(std::string& text, const std::string& from, const std::string& to);
 
   private:
-    /// Decodes and prints a binary log record straight from the dictionary
-    /// entries into reused buffers; prints exactly what decoding working
-    /// copies step by step and displayBinLog would.
-    void renderBinLogRecord(const PcapRecHeader& pcapHeader, const BinLogHeader& binLogHeader,
-                            const ByteReader& payload, FILE* out, int utcOffsetMinutes,
-                            const ModuleDetails& module, const LogDetails& log);
-
-    detail::RecordScratch scratch;
+    friend class detail::ReaderCore;
+    /// Plans, decoding state and output buffer of the reader's own stream.
+    std::unique_ptr<detail::ReaderCore> core_;
 };
 
 }  // namespace Tav

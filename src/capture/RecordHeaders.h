@@ -4,12 +4,24 @@
 #ifndef WEXBL_SRC_CAPTURE_RECORD_HEADERS_H
 #define WEXBL_SRC_CAPTURE_RECORD_HEADERS_H
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "BinLogRecordHeaders.h"
-#include "ByteReader.h"
+#include "WexOamBinLogXmlReader/ByteReader.h"
 
 namespace Tav {
+
+/// Bounded copy: copies min(dstSize, srcSize) bytes and returns that count.
+inline std::size_t memscpy(void* dst, std::size_t dstSize, const void* src, std::size_t srcSize) {
+    const std::size_t n = dstSize < srcSize ? dstSize : srcSize;
+    if (n != 0) {
+        std::memcpy(dst, src, n);
+    }
+    return n;
+}
+
 namespace detail {
 
 /// The PcapRecHeader at `offset`: tsSec, tsUsec, capturedLength,

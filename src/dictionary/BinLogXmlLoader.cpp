@@ -15,6 +15,7 @@
 #include <string>
 
 #include "BinaryLogXmlReader.h"
+#include "dictionary/WireOrder.h"
 #include "dictionary/XmlUtil.h"
 
 namespace Tav {
@@ -98,45 +99,6 @@ int BinaryLogXmlReader::parseLoggingSubsystemNode(xmlNode*& node, std::uint16_t&
 
 namespace {
 
-/// Sum of `length` over a list, counting a scalar (length 0) as one element.
-template <typename List>
-std::uint32_t elementCount(const List& list) {
-    std::uint32_t total = 0;
-    for (const auto& param : list) {
-        total += param.length != 0 ? param.length : 1u;
-    }
-    return total;
-}
-
-template <typename List>
-std::uint32_t byteSize(const List& list) {
-    std::uint32_t total = 0;
-    for (const auto& param : list) {
-        total += param.length;
-    }
-    return total;
-}
-
-/// Padding after the module header's fixed part, so that the log's own
-/// parameters start on a 4-byte boundary, or an 8-byte one when the header has
-/// 64-bit parameters. Groups whose size is a multiple of the alignment do not
-/// change the remainder and are left out of the sum.
-std::uint32_t computeHeaderPadding(const ModuleDetails& module) {
-    const std::uint32_t strings =
-        byteSize(module.stringParams) + byteSize(module.binaryStringParams);
-    const std::uint32_t bytes16 =
-        2u * (elementCount(module.uint16Params) + elementCount(module.int16Params));
-    const std::uint32_t bytes8 = elementCount(module.uint8Params) + elementCount(module.int8Params);
-    if (!module.uint64Params.empty() || !module.int64Params.empty()) {
-        const std::uint32_t bytes32 =
-            4u * (elementCount(module.uint32Params) + elementCount(module.int32Params));
-        const std::uint32_t rest = (strings + bytes32 + bytes16 + bytes8) % 8u;
-        return rest == 0 ? 0 : 8u - rest;
-    }
-    const std::uint32_t rest = (strings + bytes16 + bytes8) % 4u;
-    return rest == 0 ? 0 : 4u - rest;
-}
-
 /// Collects the five attributes of a parameter declaration.
 struct Declaration {
     std::string type;
@@ -180,7 +142,7 @@ int BinaryLogXmlReader::parseModuleHeaderNode(xmlNode*& node, const std::uint16_
             return -1;
         }
     }
-    module.headerPadding = computeHeaderPadding(module);
+    module.headerPadding = detail::headerPaddingOf(module);
     module.hasModuleHeader = true;
     return 0;
 }

@@ -1,6 +1,7 @@
 // Names of the XML dictionaries' elements, attributes, display formats and
 // parameter types, built once when the library is loaded.
 #include "BinLogDictionary.h"
+#include "WexOamBinLogXmlReader/Record.h"
 
 namespace Tav {
 
@@ -40,5 +41,37 @@ const std::string kTypeInt8 = "TavInt8_t";
 const std::string kTypeString = "string";
 const std::string kTypeBinaryString = "binarystring";
 const std::string kTypeVarBinaryString = "varbinarystring";
+
+}  // namespace Tav
+
+namespace Tav {
+
+const char* paramTypeName(ParamType type) {
+    switch (type) {
+        case ParamType::Uint64:
+            return "TavUint64_t";
+        case ParamType::Int64:
+            return "TavInt64_t";
+        case ParamType::Uint32:
+            return "TavUint32_t";
+        case ParamType::Int32:
+            return "TavInt32_t";
+        case ParamType::Uint16:
+            return "TavUint16_t";
+        case ParamType::Int16:
+            return "TavInt16_t";
+        case ParamType::Uint8:
+            return "TavUint8_t";
+        case ParamType::Int8:
+            return "TavInt8_t";
+        case ParamType::String:
+            return "string";
+        case ParamType::BinaryString:
+            return "binarystring";
+        case ParamType::VarBinaryString:
+            return "varbinarystring";
+    }
+    return "";
+}
 
 }  // namespace Tav

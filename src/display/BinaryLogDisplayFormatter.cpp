@@ -27,18 +27,14 @@ int BinaryLogDisplayFormatter::readDisplayXml(const std::vector<std::string>& fi
         XmlDocOwner doc(xmlReadFile(path.c_str(), nullptr, 0));
         if (!doc) {
             fprintf(stderr, "Error parsing file :%s", path.c_str());
-            xmlCleanupParser();
             return -1;
         }
         if (parseDisplayXml(xmlDocGetRootElement(doc.get())) < 0) {
             fprintf(stderr, "Error parseDisplayXml failed for :%s", path.c_str());
-            doc.reset();
-            xmlCleanupParser();
             return -1;
         }
-        doc.reset();
-        // The parser's global state is reset after every file.
-        xmlCleanupParser();
+        // Freeing the document is enough: libxml2's global state belongs to
+        // the whole program, which may use libxml2 itself.
     }
     initialized = true;
     return 0;

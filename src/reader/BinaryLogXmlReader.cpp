@@ -1,11 +1,68 @@
-// The reader object: construction loads every dictionary of one directory.
+// The reader object: construction loads every dictionary of one directory
+// and compiles the plans records are decoded with.
 #include "BinaryLogXmlReader.h"
 
 #include <cstdio>
 
 #include "dictionary/XmlUtil.h"
+#include "reader/ReaderCore.h"
 
 namespace Tav {
+namespace detail {
+
+void Printer::setOutput(FILE* out) {
+    if (out != out_) {
+        flush();
+        out_ = out;
+    }
+}
+
+void Printer::emit(const Event& event) {
+    if (event.stream == EventStream::Output) {
+        line(event.text);
+        return;
+    }
+    flush();
+    fwrite(event.text.data(), 1, event.text.size(), stderr);
+}
+
+void Printer::line(std::string_view text) {
+    buffer_.append(text);
+    if (buffer_.size() >= 64 * 1024) {
+        flush();
+    }
+}
+
+void Printer::flush() {
+    if (!buffer_.empty() && out_ != nullptr) {
+        fwrite(buffer_.data(), 1, buffer_.size(), out_);
+    }
+    buffer_.clear();
+}
+
+ReaderCore::ReaderCore(BinaryLogXmlReader& owner)
+    : reader(owner),
+      levels(owner.logLevelNames, false),
+      decoder(levels, owner.statsCollector, printer) {}
+
+int ReaderCore::dispatch(const PcapRecHeader& pcap, const BinLogHeader& header,
+                         const ByteReader& payload, std::uint32_t length, FILE* out,
+                         int utcOffsetMinutes, const RecordOrigin& origin) {
+    printer.setOutput(out);
+    DecodeSettings settings;
+    settings.utcOffsetMinutes = utcOffsetMinutes;
+    settings.maxVarBinaryBytes = reader.maxVarBinaryBytes;
+    settings.stats = reader.statsEnabled;
+    settings.fields = false;
+    settings.texts = true;
+    const int result = decoder.decode(plans, settings, pcap, header, payload, length, origin);
+    if (decoder.produced()) {
+        printer.line(decoder.record().text);
+    }
+    return result;
+}
+
+}  // namespace detail
 
 BinaryLogXmlReader::BinaryLogXmlReader(const std::string& xmlPath_, bool statsEnabled_,
                                        unsigned short udpPort_, unsigned short maxVarBinaryBytes_)
@@ -14,20 +71,27 @@ BinaryLogXmlReader::BinaryLogXmlReader(const std::string& xmlPath_, bool statsEn
       statsEnabled(statsEnabled_),
       udpPort(udpPort_),
       maxVarBinaryBytes(maxVarBinaryBytes_),
-      nextLogIndex(1) {
+      nextLogIndex(1),
+      core_(std::make_unique<detail::ReaderCore>(*this)) {
     if (getBinLogFilesFromDisk() < 0) {
         good = false;
-        return;
-    }
-    if (readBinLogFileAndLoadData() < 0) {
+    } else if (readBinLogFileAndLoadData() < 0) {
         good = false;
-        return;
+    } else {
+        static const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN",  "NOTICE",
+                                                  "INFO", "DEBUG",    "DEVEL", "ALWAYS"};
+        for (std::uint16_t level = 0; level < 9; ++level) {
+            logLevelNames[level] = kLevelNames[level];
+        }
     }
-    static const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN",  "NOTICE",
-                                              "INFO", "DEBUG",    "DEVEL", "ALWAYS"};
-    for (std::uint16_t level = 0; level < 9; ++level) {
-        logLevelNames[level] = kLevelNames[level];
-    }
+    // A failed reader may still read captures against what did load.
+    rebuildPlans();
+}
+
+BinaryLogXmlReader::~BinaryLogXmlReader() = default;
+
+void BinaryLogXmlReader::rebuildPlans() {
+    core_->plans.build(moduleDetailsMap, logDetailsMap, displayFormatter);
 }
 
 int BinaryLogXmlReader::readBinLogFileAndLoadData() {
@@ -35,7 +99,6 @@ int BinaryLogXmlReader::readBinLogFileAndLoadData() {
         detail::XmlDocOwner doc(xmlReadFile(path.c_str(), nullptr, 0));
         if (!doc) {
             fprintf(stderr, "Error parsing file :%s", path.c_str());
-            xmlCleanupParser();
             return -1;
         }
         xmlNode* root = xmlDocGetRootElement(doc.get());
@@ -44,17 +107,14 @@ int BinaryLogXmlReader::readBinLogFileAndLoadData() {
         std::map<std::uint16_t, LogDetails> logs;
         if (parseBinLogXml(root, moduleKey, module, logs) < 0) {
             fprintf(stderr, "Error parseBinLogXml failed for :%s", path.c_str());
-            doc.reset();
-            xmlCleanupParser();
             return -1;
         }
         // A later file with the same key replaces the earlier one whole.
         logDetailsMap[moduleKey] = std::move(logs);
         moduleDetailsMap[moduleKey] = std::move(module);
         nextLogIndex = 1;
-        doc.reset();
-        // The parser's global state is reset after every file.
-        xmlCleanupParser();
+        // Freeing the document is enough: libxml2's global state belongs to
+        // the whole program, which may use libxml2 itself.
     }
     // Broken enumerations never fail the reader: their values show as numbers.
     displayFormatter.readDisplayXml(binDisplayFiles);

@@ -3,9 +3,13 @@
 #include "BinaryLogStatsCollector.h"
 
 #include <charconv>
+#include <cstdio>
 #include <string>
 
+#include "stats/StatsCore.h"
+
 namespace Tav {
+namespace detail {
 
 namespace {
 /// Record times before 2000-01-01T05:00:00Z make the rates meaningless.
@@ -23,30 +27,40 @@ std::string fixedText(Float value, int decimals) {
     return result.ec == std::errc() ? std::string(text, result.ptr) : std::string("nan");
 }
 
+std::string decimalText(long long value) {
+    char text[24];
+    return std::string(text, std::to_chars(text, text + sizeof text, value).ptr);
+}
+
+std::string hexText(unsigned long long value) {
+    char text[24];
+    return std::string(text, std::to_chars(text, text + sizeof text, value, 16).ptr);
+}
+
 }  // namespace
 
-void BinaryLogStatsCollector::processStats(FILE* out, const PcapRecHeader& pcapHeader, int module,
-                                           unsigned int packetType, int seqNo,
-                                           unsigned int length) {
+void countRecord(BinaryLogStatsCollector& stats, const PcapRecHeader& pcapHeader, int module,
+                 unsigned int packetType, int seqNo, unsigned int length, SequenceReport& report) {
     // While the stored first time has no microsecond part, each record takes
     // its place.
-    if (firstTsUsec == 0) {
-        firstTsSec = pcapHeader.tsSec;
-        firstTsUsec = pcapHeader.tsUsec;
+    if (stats.firstTsUsec == 0) {
+        stats.firstTsSec = pcapHeader.tsSec;
+        stats.firstTsUsec = pcapHeader.tsUsec;
     }
     if (pcapHeader.tsSec < kFirstUsableTime) {
-        timestampsUnusable = true;
+        stats.timestampsUnusable = true;
     }
-    lastTsSec = pcapHeader.tsSec;
-    lastTsUsec = pcapHeader.tsUsec;
-    ++totalRecords;
-    totalRecordBytes += length;
+    stats.lastTsSec = pcapHeader.tsSec;
+    stats.lastTsUsec = pcapHeader.tsUsec;
+    ++stats.totalRecords;
+    stats.totalRecordBytes += length;
 
     // Plain captures and the modules from 0x8000 up carry no sequence numbers.
     if (packetType == PcapCapture || (module & 0x8000) != 0) {
         return;
     }
-    auto& lastByModule = packetType == Syslog ? lastSyslogSeqNoByModule : lastSeqNoByModule;
+    auto& lastByModule =
+        packetType == Syslog ? stats.lastSyslogSeqNoByModule : stats.lastSeqNoByModule;
     const std::uint32_t key = static_cast<std::uint32_t>(module);
     const std::uint32_t current = static_cast<std::uint32_t>(seqNo);
     const auto found = lastByModule.find(key);
@@ -61,63 +75,119 @@ void BinaryLogStatsCollector::processStats(FILE* out, const PcapRecHeader& pcapH
         return;
     }
     if (diff < 0) {
-        fprintf(out, ">>out of order packets: module=0x%x, lastSeqNo=%d,curSeqNo=%d\n",
-                static_cast<unsigned int>(module), static_cast<int>(last), seqNo);
+        report.reorder(key, static_cast<std::int32_t>(last), seqNo);
         // The late record was one of those counted as missing.
-        if (missingRecords > 0) {
-            --missingRecords;
+        if (stats.missingRecords > 0) {
+            --stats.missingRecords;
         }
-        ++outOfOrderRecords;
+        ++stats.outOfOrderRecords;
     } else if (diff == 1) {
         found->second = current;
     } else if (diff >= 2) {
-        fprintf(out,
-                ">>possibly missing packets: module=0x%x,lastSeqNo=%d,curSeqNo=%d: "
-                "diff=%d,missingRecords_=%d\n",
-                static_cast<unsigned int>(module), static_cast<int>(last), seqNo, diff - 1,
-                static_cast<int>(missingRecords));
-        missingRecords += static_cast<std::uint32_t>(diff - 1);
+        report.gap(key, static_cast<std::int32_t>(last), seqNo, diff - 1,
+                   static_cast<std::int32_t>(stats.missingRecords));
+        stats.missingRecords += static_cast<std::uint32_t>(diff - 1);
         found->second = current;
     }
 }
 
-void BinaryLogStatsCollector::printStats(FILE* out) {
-    fprintf(out, ">>totalRecords =  %d\n", static_cast<int>(totalRecords));
-    if (totalRecords != 0) {
-        const std::uint32_t generatedRecords = missingRecords + totalRecords;
-        const double percent =
-            static_cast<double>(missingRecords) * 100.0 / static_cast<double>(generatedRecords);
-        fprintf(out, ">>missingRecords =  %d (%s%%)\n", static_cast<int>(missingRecords),
-                fixedText(percent, 6).c_str());
-        fprintf(out, ">>outOfOrderRecords =  %d\n", static_cast<int>(outOfOrderRecords));
-        if (timestampsUnusable) {
-            fprintf(out, ">>per second record stats not provided for this file\n");
-        } else {
-            const std::uint64_t spanUs =
-                (static_cast<std::uint64_t>(lastTsSec) * 1000000u - firstTsUsec + lastTsUsec) -
-                static_cast<std::uint64_t>(firstTsSec) * 1000000u;
-            const double spanMs = static_cast<double>(spanUs) / 1000.0;
-            double received = totalRecords;
-            double generated = generatedRecords;
-            if (spanMs > 0) {
-                received = totalRecords / spanMs;
-                generated = generatedRecords / spanMs;
-            }
-            const std::string rates[4] = {
-                fixedText(static_cast<long double>(received), 2),
-                fixedText(static_cast<long double>(generated), 2),
-                fixedText(static_cast<long double>(received * 1000.0), 2),
-                fixedText(static_cast<long double>(generated * 1000.0), 2)};
-            fprintf(out, ">>records received/msec = %s\n", rates[0].c_str());
-            fprintf(out, ">>records generated at source/msec = %s\n", rates[1].c_str());
-            fprintf(out, ">>records received/sec = %s\n", rates[2].c_str());
-            fprintf(out, ">>records generated at source/sec = %s\n", rates[3].c_str());
-        }
-        fprintf(out, ">>total log record size = %llu\n",
-                static_cast<unsigned long long>(totalRecordBytes));
-        fprintf(out, ">>average log record size = %llu\n",
-                static_cast<unsigned long long>(totalRecordBytes / totalRecords));
+std::string gapText(std::uint32_t module, std::int32_t last, std::int32_t current,
+                    std::int32_t missing, std::int32_t missingBefore) {
+    return ">>possibly missing packets: module=0x" + hexText(module) +
+           ",lastSeqNo=" + decimalText(last) + ",curSeqNo=" + decimalText(current) +
+           ": diff=" + decimalText(missing) + ",missingRecords_=" + decimalText(missingBefore) +
+           "\n";
+}
+
+std::string reorderText(std::uint32_t module, std::int32_t last, std::int32_t current) {
+    return ">>out of order packets: module=0x" + hexText(module) +
+           ", lastSeqNo=" + decimalText(last) + ",curSeqNo=" + decimalText(current) + "\n";
+}
+
+std::string summaryText(const BinaryLogStatsCollector& stats, StatsSummary& summary) {
+    summary = StatsSummary();
+    summary.totalRecords = stats.totalRecords;
+    summary.missingRecords = stats.missingRecords;
+    summary.outOfOrderRecords = stats.outOfOrderRecords;
+    summary.totalRecordBytes = stats.totalRecordBytes;
+    std::string text =
+        ">>totalRecords =  " + decimalText(static_cast<int>(stats.totalRecords)) + "\n";
+    if (stats.totalRecords == 0) {
+        return text;
     }
+    const std::uint32_t generatedRecords = stats.missingRecords + stats.totalRecords;
+    const double percent =
+        static_cast<double>(stats.missingRecords) * 100.0 / static_cast<double>(generatedRecords);
+    text += ">>missingRecords =  " + decimalText(static_cast<int>(stats.missingRecords)) + " (" +
+            fixedText(percent, 6) + "%)\n";
+    text +=
+        ">>outOfOrderRecords =  " + decimalText(static_cast<int>(stats.outOfOrderRecords)) + "\n";
+    if (stats.timestampsUnusable) {
+        text += ">>per second record stats not provided for this file\n";
+    } else {
+        const std::uint64_t spanUs = (static_cast<std::uint64_t>(stats.lastTsSec) * 1000000u -
+                                      stats.firstTsUsec + stats.lastTsUsec) -
+                                     static_cast<std::uint64_t>(stats.firstTsSec) * 1000000u;
+        const double spanMs = static_cast<double>(spanUs) / 1000.0;
+        double received = stats.totalRecords;
+        double generated = generatedRecords;
+        if (spanMs > 0) {
+            received = stats.totalRecords / spanMs;
+            generated = generatedRecords / spanMs;
+        }
+        summary.ratesShown = true;
+        summary.receivedPerMs = received;
+        summary.generatedPerMs = generated;
+        text +=
+            ">>records received/msec = " + fixedText(static_cast<long double>(received), 2) + "\n";
+        text += ">>records generated at source/msec = " +
+                fixedText(static_cast<long double>(generated), 2) + "\n";
+        text += ">>records received/sec = " +
+                fixedText(static_cast<long double>(received * 1000.0), 2) + "\n";
+        text += ">>records generated at source/sec = " +
+                fixedText(static_cast<long double>(generated * 1000.0), 2) + "\n";
+    }
+    text += ">>total log record size = " +
+            std::to_string(static_cast<unsigned long long>(stats.totalRecordBytes)) + "\n";
+    text += ">>average log record size = " +
+            std::to_string(
+                static_cast<unsigned long long>(stats.totalRecordBytes / stats.totalRecords)) +
+            "\n";
+    return text;
+}
+
+}  // namespace detail
+
+namespace {
+
+/// Prints the findings on a stream.
+class PrintedReport : public detail::SequenceReport {
+  public:
+    explicit PrintedReport(FILE* out) : out_(out) {}
+    void gap(std::uint32_t module, std::int32_t last, std::int32_t current, std::int32_t missing,
+             std::int32_t missingBefore) override {
+        fputs(detail::gapText(module, last, current, missing, missingBefore).c_str(), out_);
+    }
+    void reorder(std::uint32_t module, std::int32_t last, std::int32_t current) override {
+        fputs(detail::reorderText(module, last, current).c_str(), out_);
+    }
+
+  private:
+    FILE* out_;
+};
+
+}  // namespace
+
+void BinaryLogStatsCollector::processStats(FILE* out, const PcapRecHeader& pcapHeader, int module,
+                                           unsigned int packetType, int seqNo,
+                                           unsigned int length) {
+    PrintedReport report(out);
+    detail::countRecord(*this, pcapHeader, module, packetType, seqNo, length, report);
+}
+
+void BinaryLogStatsCollector::printStats(FILE* out) {
+    StatsSummary summary;
+    fputs(detail::summaryText(*this, summary).c_str(), out);
     clearStats();
 }
 

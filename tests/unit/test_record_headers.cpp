@@ -11,7 +11,7 @@
 
 #include "BinLogRecordHeaders.h"
 #include "BinaryLogXmlReader.h"
-#include "ByteReader.h"
+#include "WexOamBinLogXmlReader/ByteReader.h"
 #include "TestSupport.h"
 #include "capture/RecordHeaders.h"
 

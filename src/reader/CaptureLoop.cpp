@@ -23,6 +23,7 @@
 
 #include "BinaryLogXmlReader.h"
 #include "capture/RecordHeaders.h"
+#include "reader/ReaderCore.h"
 
 namespace Tav {
 namespace {
@@ -50,8 +51,19 @@ constexpr UdpFraming kIpv6Framing = {20, 56, 62};
 
 }  // namespace
 
+int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
+                                              const BinLogHeader& binLogHeader,
+                                              const ByteReader& payload, unsigned int length,
+                                              FILE* out, int utcOffsetMinutes) {
+    const int result = core_->dispatch(pcapHeader, binLogHeader, payload, length, out,
+                                       utcOffsetMinutes, detail::RecordOrigin());
+    core_->printer.flush();
+    return result;
+}
+
 void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffsetMinutes,
                                             FILE* out) {
+    detail::ReaderCore& core = *core_;
     GzOwner file(gzopen(path.c_str(), "rb"));
     if (!file) {
         fprintf(stderr, "File open failed [%s]\n", path.c_str());
@@ -73,13 +85,14 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
         return;
     }
 
-    std::unique_ptr<unsigned char[]> buffer;
+    std::unique_ptr<unsigned char[]> buffer(new unsigned char[MAX_BINLOG_LENGTH]);
     for (;;) {
         unsigned char headerBytes[sizeof(PcapRecHeader)] = {};
         if (gzread(file.get(), headerBytes, sizeof headerBytes) !=
             static_cast<int>(sizeof headerBytes)) {
             // No further complete record header: the normal end of the file.
             file.reset();
+            core.printer.flush();
             if (statsEnabled) {
                 statsCollector.printStats(out);
             }
@@ -89,22 +102,14 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
             detail::readPcapRecHeader(ByteReader(headerBytes, sizeof headerBytes), 0);
         const std::uint32_t storageLength = recHeader.storageLength;
         if (storageLength > MAX_BINLOG_LENGTH) {
+            core.printer.flush();
             fprintf(stderr, "pHdr storageLength %d is more thanMAX_BINLOG_LENGTH\n",
                     static_cast<int>(storageLength));
             return;
         }
-        // One buffer of the largest record size serves every record of the
-        // file; each record is only ever read through its own extent.
-        if (!buffer) {
-            buffer.reset(new (std::nothrow) unsigned char[MAX_BINLOG_LENGTH]);
-            if (!buffer) {
-                fprintf(stderr, "Memory allocation failed due to invalid storage length %d\n",
-                        static_cast<int>(storageLength));
-                return;
-            }
-        }
         const int got = gzread(file.get(), buffer.get(), storageLength);
         if (got != static_cast<int>(storageLength)) {
+            core.printer.flush();
             fprintf(stderr,
                     "Warning: Possibly truncated file. Actual payloadBytes :%d Expected "
                     "payloadBytes :%d\n",
@@ -115,8 +120,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
 
         if (linkType == kLinkTypeBinLog) {
             const BinLogHeader binLogHeader = detail::readBinLogHeader(record, 0);
-            getLogDetailsForLogId(recHeader, binLogHeader, record.from(sizeof(BinLogHeader)),
-                                  storageLength, out, utcOffsetMinutes);
+            core.dispatch(recHeader, binLogHeader, record.from(sizeof(BinLogHeader)), storageLength,
+                          out, utcOffsetMinutes, detail::RecordOrigin());
             continue;
         }
 
@@ -128,14 +133,12 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
             record.get_u16be(framing->destPortOffset) != udpPort) {
             continue;
         }
-        // The sender's embedded record header replaces the file's, so times
-        // and storageLength seen downstream are the sender's. The length for
-        // the statistics is formed with the file's storageLength.
         const std::uint32_t payloadOffset = framing->udpPayloadOffset;
         recHeader = detail::readPcapRecHeader(record, payloadOffset);
         const BinLogHeader binLogHeader = detail::readBinLogHeader(record, payloadOffset + 16);
-        getLogDetailsForLogId(recHeader, binLogHeader, record.from(payloadOffset + 32),
-                              storageLength + 16 - payloadOffset, out, utcOffsetMinutes);
+        core.dispatch(recHeader, binLogHeader, record.from(payloadOffset + 32),
+                      storageLength + 16 - payloadOffset, out, utcOffsetMinutes,
+                      detail::RecordOrigin());
     }
 }
 

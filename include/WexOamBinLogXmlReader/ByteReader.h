@@ -12,15 +12,6 @@
 
 namespace Tav {
 
-/// Bounded copy: copies min(dstSize, srcSize) bytes and returns that count.
-inline std::size_t memscpy(void* dst, std::size_t dstSize, const void* src, std::size_t srcSize) {
-    const std::size_t n = dstSize < srcSize ? dstSize : srcSize;
-    if (n != 0) {
-        std::memcpy(dst, src, n);
-    }
-    return n;
-}
-
 /// A read-only window of `size` bytes. Offsets are taken as 64-bit values so
 /// that the bounds check itself cannot wrap. Callers that walk a payload keep
 /// 32-bit offsets and let them wrap on purpose (as the wire format's unsigned
@@ -48,7 +39,10 @@ class ByteReader {
             return;
         }
         const std::size_t have = available(offset);
-        const std::size_t take = memscpy(dst, n, data_ + (have ? offset : 0), have);
+        const std::size_t take = have < n ? have : n;
+        if (take != 0) {
+            std::memcpy(dst, data_ + offset, take);
+        }
         if (take < n) {
             std::memset(static_cast<unsigned char*>(dst) + take, 0, n - take);
         }

@@ -1,0 +1,100 @@
+// Pulling records and events out of a capture, one at a time.
+//
+//   Tav::BinaryLogXmlReader reader("/etc/dictionaries/", false, 0, 64);
+//   Tav::StreamOptions options;
+//   options.udpPort = 5000;
+//   Tav::CaptureStream stream(reader, "capture.pcap.gz", options);
+//   while (stream.next()) {
+//       if (const Tav::Record* record = stream.record()) { ... record->params ... }
+//       if (const Tav::Event* event = stream.event()) { ... event->text ... }
+//   }
+//
+// A stream reads its own state (statistics, level table, buffers) and only
+// reads the reader's dictionary, so several streams may decode at the same
+// time in different threads against one loaded reader, as long as nothing
+// changes the reader meanwhile. One stream is used by one thread at a time;
+// requestStop() may be called from any thread or from a signal handler.
+#ifndef WEX_OAM_BINLOG_CAPTURE_STREAM_H
+#define WEX_OAM_BINLOG_CAPTURE_STREAM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "../WexOamBinLogXmlReaderExport.h"
+#include "Record.h"
+
+namespace Tav {
+
+class BinaryLogXmlReader;
+
+/// The options of the reader's constructor and of readBinaryFiledata, per
+/// stream.
+struct StreamOptions {
+    /// UDP destination port of the log datagrams in Ethernet-framed captures.
+    std::uint16_t udpPort = 0;
+    /// Most bytes of a var binary string shown.
+    std::uint16_t maxVarBinaryBytes = 65535;
+    /// Report sequence gaps and reorders, and a summary at the end.
+    bool stats = false;
+    /// Minutes added to every record time.
+    int utcOffsetMinutes = 0;
+    /// Build each record's line and each value's display text. Without them
+    /// records carry their values only, which is faster.
+    bool texts = true;
+    /// Read only what readBinaryFiledata reads: pcap files whose header is
+    /// not examined, link types 150 and 1 with the fixed Ethernet framing.
+    /// Otherwise pcapng, nanosecond and big-endian pcap, VLAN tags, IPv4
+    /// options, Linux cooked captures, raw IP and BSD loopback are read too.
+    bool strict = false;
+};
+
+class WEXBL_API CaptureStream {
+  public:
+    /// Opens a capture file, gzip-compressed or not; "-" is standard input.
+    CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
+                  const StreamOptions& options);
+    /// Reads a capture held in memory (not copied: it must outlive the
+    /// stream). `name` names it in records and events.
+    CaptureStream(const BinaryLogXmlReader& reader, const std::string& name,
+                  const unsigned char* data, std::size_t size, const StreamOptions& options);
+    /// Reads an open file descriptor as its bytes arrive (a pipe, a socket,
+    /// standard input). With `own`, it is closed with the stream.
+    CaptureStream(const BinaryLogXmlReader& reader, const std::string& name, int fd, bool own,
+                  const StreamOptions& options);
+    ~CaptureStream();
+    CaptureStream(const CaptureStream&) = delete;
+    CaptureStream& operator=(const CaptureStream&) = delete;
+
+    /// Moves to the next record or event; false at the end of the capture
+    /// (after its last event) or after requestStop().
+    bool next();
+    /// The current record, or null when the current item is an event.
+    const Record* record() const;
+    /// The current event, or null when the current item is a record.
+    const Event* event() const;
+
+    /// Makes next() return false from its next call on. Safe from any thread
+    /// and from a signal handler.
+    void requestStop() noexcept;
+
+    /// True once the capture was opened and its header read without error.
+    bool opened() const;
+    /// True when the capture ended on damage (truncated, oversized record,
+    /// compressed data error, read error) or could not be read at all.
+    bool damaged() const;
+    /// Records read from the capture so far, and uncompressed bytes.
+    std::uint64_t recordsRead() const;
+    std::uint64_t bytesRead() const;
+    /// Compressed bytes read from a file so far (bytesRead() for plain files).
+    std::uint64_t inputBytesRead() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Tav
+
+#endif

@@ -1,0 +1,294 @@
+#include "dictionary/Plan.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "dictionary/WireOrder.h"
+#include "records/Text.h"
+
+namespace Tav {
+namespace detail {
+
+namespace {
+
+/// Reads `text` as the decimal text of an integer exactly as a value would
+/// print: an optional "-", no leading zeros (except "0" itself), no sign on
+/// zero, within 64 bits. Anything else no value can ever match.
+bool parseCanonical(const std::string& text, bool& negative, std::uint64_t& magnitude) {
+    std::size_t i = 0;
+    negative = !text.empty() && text[0] == '-';
+    if (negative) {
+        i = 1;
+    }
+    const std::size_t digits = text.size() - i;
+    if (digits == 0 || digits > 20 || (text[i] == '0' && digits > 1)) {
+        return false;
+    }
+    std::uint64_t value = 0;
+    for (; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        const std::uint64_t digit = static_cast<std::uint64_t>(c - '0');
+        if (value > (UINT64_MAX - digit) / 10) {
+            return false;
+        }
+        value = value * 10 + digit;
+    }
+    if (negative && (value == 0 || value > (std::uint64_t{1} << 63))) {
+        return false;
+    }
+    magnitude = value;
+    return true;
+}
+
+bool hasBrace(std::string_view text) {
+    return text.find_first_of("{}") != std::string_view::npos;
+}
+
+bool hasNul(std::string_view text) {
+    return std::memchr(text.data(), '\0', text.size()) != nullptr;
+}
+
+}  // namespace
+
+const std::string* EnumTable::find(bool negative, std::uint64_t magnitude) const {
+    const auto at = std::lower_bound(
+        entries.begin(), entries.end(), Entry{negative, magnitude, {}},
+        [](const Entry& a, const Entry& b) {
+            return a.negative != b.negative
+                       ? a.negative
+                       : (a.negative ? a.magnitude > b.magnitude : a.magnitude < b.magnitude);
+        });
+    if (at == entries.end() || at->negative != negative || at->magnitude != magnitude) {
+        return nullptr;
+    }
+    return at->text;
+}
+
+DisplayKind EnumTables::classify(const std::string& format, ParamType type,
+                                 const EnumTable*& table) {
+    table = nullptr;
+    if (format == kFormatHex) {
+        return DisplayKind::Hex;
+    }
+    if (type == ParamType::Uint32 && format == kFormatSfSfn) {
+        return DisplayKind::FrameStamp;
+    }
+    if (format == kFormatDefault) {
+        return DisplayKind::Decimal;
+    }
+    // The enumeration look-up tests the dictionary's state first, then the
+    // format's name.
+    if (!formatter_->initialized) {
+        return DisplayKind::NoEnums;
+    }
+    const auto found = formatter_->displayFormats.find(format);
+    if (found == formatter_->displayFormats.end()) {
+        return DisplayKind::UnknownEnum;
+    }
+    std::unique_ptr<EnumTable>& slot = tables_[format];
+    if (!slot) {
+        slot = std::make_unique<EnumTable>();
+        for (const auto& [value, text] : found->second) {
+            EnumTable::Entry entry{false, 0, &text};
+            if (parseCanonical(value, entry.negative, entry.magnitude)) {
+                slot->entries.push_back(entry);
+            }
+            slot->textWithBrace = slot->textWithBrace || hasBrace(text);
+        }
+        std::sort(slot->entries.begin(), slot->entries.end(),
+                  [](const EnumTable::Entry& a, const EnumTable::Entry& b) {
+                      return a.negative != b.negative ? a.negative
+                                                      : (a.negative ? a.magnitude > b.magnitude
+                                                                    : a.magnitude < b.magnitude);
+                  });
+    }
+    table = slot.get();
+    return DisplayKind::Enum;
+}
+
+std::int32_t TablePlan::lookup(std::string_view name) const {
+    // The last parameter decoded under a name is the one its text comes from.
+    for (std::size_t i = params.size(); i-- > 0;) {
+        if (*params[i].name == name) {
+            return static_cast<std::int32_t>(i);
+        }
+    }
+    return -1;
+}
+
+namespace {
+
+/// The plan of the parameters of `params`: wire order, display classes,
+/// declaration-ordered field positions, and the list of shown names.
+void planTable(const FlexiParams& params, const std::vector<std::string>& paramOrder,
+               bool moduleHeader, EnumTables& enums, TablePlan& plan, bool& mayHaveNul) {
+    forEachGroup(params, [&](const auto& list, ParamType type) {
+        // A module header's var binary strings are never decoded.
+        if (moduleHeader && type == ParamType::VarBinaryString) {
+            return;
+        }
+        for (const auto& param : list) {
+            ParamPlan p;
+            p.name = &param.name;
+            p.type = type;
+            p.length = param.length;
+            p.format = &param.displayFormat;
+            mayHaveNul = mayHaveNul || hasNul(param.name);
+            if (type < ParamType::String) {
+                p.display = enums.classify(param.displayFormat, type, p.enumTable);
+                const bool elementBrace = p.enumTable != nullptr && p.enumTable->textWithBrace;
+                if (param.length == 0) {
+                    p.fieldCount = 1;
+                    p.textMayHaveBrace = elementBrace;
+                } else {
+                    p.fieldCount = std::min(param.length, kMaxRenderedElements);
+                    p.textMayHaveBrace = elementBrace || hasBrace(param.name);
+                }
+                if (p.enumTable != nullptr) {
+                    for (const EnumTable::Entry& entry : p.enumTable->entries) {
+                        mayHaveNul = mayHaveNul || hasNul(*entry.text);
+                    }
+                }
+            } else {
+                p.fieldCount = 1;
+                p.textMayHaveBrace = type == ParamType::String;
+            }
+            plan.longestName = std::max(plan.longestName, param.name.size());
+            plan.params.push_back(p);
+        }
+    });
+
+    // Declaration order: each listed name takes the first parameter of that
+    // name not taken yet; parameters no name lists (a dictionary changed by
+    // hand) follow in wire order.
+    std::vector<bool> taken(plan.params.size(), false);
+    std::uint32_t field = 0;
+    auto place = [&](std::size_t i) {
+        taken[i] = true;
+        plan.params[i].firstField = field;
+        field += plan.params[i].fieldCount;
+    };
+    for (const std::string& name : paramOrder) {
+        for (std::size_t i = 0; i < plan.params.size(); ++i) {
+            if (!taken[i] && *plan.params[i].name == name) {
+                place(i);
+                break;
+            }
+        }
+    }
+    for (std::size_t i = 0; i < plan.params.size(); ++i) {
+        if (!taken[i]) {
+            place(i);
+        }
+    }
+    plan.fieldCount = field;
+
+    plan.listed.reserve(paramOrder.size());
+    for (const std::string& name : paramOrder) {
+        plan.listed.push_back(plan.lookup(name));
+    }
+}
+
+/// Splits the log string into literal pieces and placeholder slots where
+/// substituting from left to right gives what the restart-from-the-start
+/// loop gives; otherwise marks the log for the general loop.
+void planMessage(LogPlan& plan) {
+    const std::string& text = plan.log->logString;
+    if (text.find('{') == std::string::npos || text.find('}') == std::string::npos) {
+        plan.shape = MessageShape::List;
+        return;
+    }
+    plan.shape = MessageShape::Template;
+    std::size_t position = 0;
+    const std::string_view whole(text);
+    for (;;) {
+        const std::size_t open = whole.find('{', position);
+        const std::size_t close = whole.find('}', position);
+        if (open == std::string_view::npos || close == std::string_view::npos ||
+            plan.pieces.size() == 1000) {
+            break;
+        }
+        const std::string_view key = whole.substr(open + 1, close - open - 1);
+        if (close < open || key.find('{') != std::string_view::npos) {
+            // A "}" before its "{", or a key that holds a "{".
+            plan.shape = MessageShape::General;
+            plan.pieces.clear();
+            return;
+        }
+        const std::int32_t slot = plan.params.lookup(key);
+        if (slot < 0) {
+            // Substitution stops here: the rest stays as it is.
+            break;
+        }
+        plan.pieces.push_back(MessagePiece{whole.substr(position, open - position), slot});
+        position = close + 1;
+    }
+    plan.tail = whole.substr(position);
+}
+
+std::string padded(std::string_view text, std::size_t width) {
+    std::string out;
+    appendPadded(out, printed(text), width);
+    return out;
+}
+
+}  // namespace
+
+void PlanSet::build(const std::map<std::uint16_t, ModuleDetails>& modules,
+                    const std::map<std::uint16_t, std::map<std::uint16_t, LogDetails>>& logs,
+                    const BinaryLogDisplayFormatter& formatter) {
+    enums_ = std::make_unique<EnumTables>(formatter);
+    modules_.clear();
+    logs_.clear();
+    byIndex_.clear();
+    moduleSlot_.assign(65536, 0);
+
+    for (const auto& [key, logTable] : logs) {
+        const auto module = modules.find(key);
+        if (module == modules.end()) {
+            continue;  // a log id of this module is not valid
+        }
+        auto modulePlan = std::make_unique<ModulePlan>();
+        modulePlan->module = &module->second;
+        modulePlan->key = key;
+        modulePlan->hasHeader = module->second.hasModuleHeader;
+        modulePlan->headerPadding = module->second.headerPadding;
+        bool moduleNul = hasNul(module->second.subsystemName) || hasNul(module->second.moduleName);
+        if (modulePlan->hasHeader) {
+            planTable(module->second, module->second.paramOrder, true, *enums_, modulePlan->header,
+                      moduleNul);
+        }
+        modulePlan->source =
+            padded(module->second.subsystemName + ":" + module->second.moduleName, 10);
+
+        std::vector<const LogPlan*> byIndex;
+        for (const auto& [index, log] : logTable) {
+            auto plan = std::make_unique<LogPlan>();
+            plan->log = &log;
+            plan->module = modulePlan.get();
+            plan->logIndex = index;
+            plan->mayHaveNul =
+                moduleNul || hasNul(log.logString) || hasNul(log.logName) || hasNul(log.category);
+            planTable(log, log.paramOrder, false, *enums_, plan->params, plan->mayHaveNul);
+            plan->paddedName = padded(log.logName, 25);
+            plan->paddedCategory = padded(log.category, 10);
+            plan->name = printed(log.logName);
+            plan->category = printed(log.category);
+            planMessage(*plan);
+            if (byIndex.size() <= index) {
+                byIndex.resize(static_cast<std::size_t>(index) + 1, nullptr);
+            }
+            byIndex[index] = plan.get();
+            logs_.push_back(std::move(plan));
+        }
+        byIndex_.push_back(std::move(byIndex));
+        moduleSlot_[key] = static_cast<std::uint32_t>(byIndex_.size());
+        modules_.push_back(std::move(modulePlan));
+    }
+}
+
+}  // namespace detail
+}  // namespace Tav

@@ -1,0 +1,189 @@
+// Per-log decoding plans, compiled once from the loaded dictionary.
+//
+// A plan holds what every record of a log needs and what the dictionary text
+// would otherwise make each record work out again: the padded constant parts
+// of its line, each parameter's wire type, element count, display class and
+// enumeration table, where each value goes in declaration order, which value
+// each name of the parameter list shows (the last one decoded under it), and
+// the message template split into literal pieces and placeholder slots.
+//
+// Plans point into the reader's dictionary maps and display formatter: they
+// are built at the end of loading and again by rebuildPlans(), and only read
+// while records are decoded, by any number of streams at once.
+#ifndef WEXBL_SRC_DICTIONARY_PLAN_H
+#define WEXBL_SRC_DICTIONARY_PLAN_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "BinLogDictionary.h"
+#include "BinaryLogDisplayFormatter.h"
+#include "WexOamBinLogXmlReader/Record.h"
+
+namespace Tav {
+namespace detail {
+
+/// No record holds more than 25000 bytes, so an integer array or binary
+/// string declared longer than that can only run past the end of the record,
+/// where every element reads as zero. Rendering stops after this many
+/// elements (the text then ends in "..."); offsets still advance by the
+/// declared size.
+constexpr std::uint32_t kMaxRenderedElements = 25000;
+
+/// How an integer value becomes text.
+enum class DisplayKind : std::uint8_t {
+    Decimal,
+    Hex,
+    FrameStamp,   ///< "SF-SFN" on an unsigned 32-bit parameter
+    Enum,         ///< a known enumeration
+    UnknownEnum,  ///< a format that names no enumeration: message, decimal
+    NoEnums,      ///< the enumerations did not load: message, decimal
+};
+
+/// An enumeration ready for look-ups by value: its entries whose value text
+/// is the decimal text of some integer (the only ones a value can match),
+/// sorted by that integer.
+struct EnumTable {
+    struct Entry {
+        bool negative;
+        std::uint64_t magnitude;
+        const std::string* text;
+    };
+    std::vector<Entry> entries;
+    /// True when some text holds a brace: such a text can take part in
+    /// placeholder substitution.
+    bool textWithBrace = false;
+    /// The text of `value`, or null when the enumeration lacks it.
+    const std::string* find(bool negative, std::uint64_t magnitude) const;
+};
+
+/// Classifies display formats and keeps one EnumTable per enumeration used.
+class EnumTables {
+  public:
+    explicit EnumTables(const BinaryLogDisplayFormatter& formatter) : formatter_(&formatter) {}
+    /// The display class of `format` on a parameter of `type`, and its table.
+    DisplayKind classify(const std::string& format, ParamType type, const EnumTable*& table);
+
+  private:
+    const BinaryLogDisplayFormatter* formatter_;
+    std::map<std::string, std::unique_ptr<EnumTable>> tables_;
+};
+
+/// One declared parameter, in wire order.
+struct ParamPlan {
+    const std::string* name = nullptr;
+    ParamType type = ParamType::Uint8;
+    /// Element count (integer kinds; 0 for a scalar) or byte size (string
+    /// kinds), as declared.
+    std::uint32_t length = 0;
+    DisplayKind display = DisplayKind::Decimal;
+    const EnumTable* enumTable = nullptr;
+    /// The display format as declared (for messages and the enumeration's
+    /// name).
+    const std::string* format = nullptr;
+    /// Index of its first field in the record's declaration-ordered fields,
+    /// and how many fields it has (array elements are rendered up to
+    /// kMaxRenderedElements).
+    std::uint32_t firstField = 0;
+    std::uint32_t fieldCount = 1;
+    /// Its text may hold a brace (strings, enumerations with such texts,
+    /// arrays whose name or element texts may).
+    bool textMayHaveBrace = false;
+};
+
+/// The parameters of a module header or of a log.
+struct TablePlan {
+    std::vector<ParamPlan> params;
+    /// For each name of the declaration's parameter list: the index of the
+    /// parameter whose text it shows (the last one decoded under that name),
+    /// or -1 when no parameter of that name is decoded.
+    std::vector<std::int32_t> listed;
+    /// Fields of a record of this table.
+    std::uint32_t fieldCount = 0;
+    /// The longest parameter name (bounds a placeholder key worth looking up).
+    std::size_t longestName = 0;
+    /// The index of the parameter whose text `name` shows, or -1.
+    std::int32_t lookup(std::string_view name) const;
+};
+
+/// One piece of a message template: literal text, then optionally the text
+/// of a parameter as "name=text".
+struct MessagePiece {
+    std::string_view literal;
+    std::int32_t slot = -1;
+};
+
+enum class MessageShape : std::uint8_t {
+    List,      ///< no placeholders: the log string, a blank, the parameter list
+    Template,  ///< placeholders substituted from left to right
+    General,   ///< braces that need the general substitution loop
+};
+
+struct ModulePlan {
+    const ModuleDetails* module = nullptr;
+    std::uint16_t key = 0;
+    bool hasHeader = false;
+    std::uint32_t headerPadding = 0;
+    TablePlan header;
+    /// "subsystem:module" as "%10s" prints it.
+    std::string source;
+};
+
+struct LogPlan {
+    const LogDetails* log = nullptr;
+    const ModulePlan* module = nullptr;
+    std::uint16_t logIndex = 0;
+    TablePlan params;
+    /// The log name as "%25s" prints it, and the category as "%10s" does.
+    std::string paddedName;
+    std::string paddedCategory;
+    /// The log name, category and source as "%s" prints them.
+    std::string_view name;
+    std::string_view category;
+    MessageShape shape = MessageShape::List;
+    std::vector<MessagePiece> pieces;
+    /// Text after the last piece (Template), and where substitution stopped
+    /// at a placeholder without a value (it and all after it are literal).
+    std::string_view tail;
+    /// Some text of the line may hold a NUL byte ("%s" stops there).
+    bool mayHaveNul = false;
+};
+
+/// Plans of every log of the dictionary, with a flat look-up by log id.
+class PlanSet {
+  public:
+    /// Compiles the plans of the dictionary as it stands.
+    void build(const std::map<std::uint16_t, ModuleDetails>& modules,
+               const std::map<std::uint16_t, std::map<std::uint16_t, LogDetails>>& logs,
+               const BinaryLogDisplayFormatter& formatter);
+    /// The plan of a log id, or null when the dictionary has no such log (or
+    /// its module has no description).
+    const LogPlan* find(std::uint32_t logId) const {
+        const std::uint32_t module = moduleSlot_.empty() ? 0 : moduleSlot_[logId >> 16];
+        if (module == 0) {
+            return nullptr;
+        }
+        const std::vector<const LogPlan*>& logs = byIndex_[module - 1];
+        const std::uint32_t index = logId & 0xFFFFu;
+        return index < logs.size() ? logs[index] : nullptr;
+    }
+    std::size_t logCount() const { return logs_.size(); }
+
+  private:
+    std::unique_ptr<EnumTables> enums_;
+    std::vector<std::unique_ptr<ModulePlan>> modules_;
+    std::vector<std::unique_ptr<LogPlan>> logs_;
+    /// Module key -> 1 + index into byIndex_, 0 for none.
+    std::vector<std::uint32_t> moduleSlot_;
+    std::vector<std::vector<const LogPlan*>> byIndex_;
+};
+
+}  // namespace detail
+}  // namespace Tav
+
+#endif

@@ -1,0 +1,170 @@
+// The dispatcher: statistics first, then routing by packet type, the
+// dictionary look-up and the version and level checks.
+#include "records/Decoder.h"
+
+#include <cstdio>
+
+namespace Tav {
+namespace detail {
+
+const std::string& LevelTable::name(std::uint16_t level) {
+    if (own_ && level < cache_.size() && cache_[level] != nullptr) {
+        return *cache_[level];
+    }
+    // An unknown level gets an empty name, and the table keeps it.
+    const std::string& found = (*names_)[level];
+    if (own_) {
+        if (cache_.size() <= level) {
+            cache_.resize(static_cast<std::size_t>(level) + 1, nullptr);
+        }
+        cache_[level] = &found;
+    }
+    return found;
+}
+
+void RecordDecoder::emit(Event& event, std::string_view text) {
+    event.capture = origin_.capture;
+    event.record = origin_.number;
+    event.offset = origin_.offset;
+    event.text = text;
+    sink_->emit(event);
+}
+
+void RecordDecoder::gap(std::uint32_t module, std::int32_t last, std::int32_t current,
+                        std::int32_t missing, std::int32_t missingBefore) {
+    Event event;
+    event.kind = EventKind::Gap;
+    event.stream = EventStream::Output;
+    event.module = module;
+    event.lastSeqNo = last;
+    event.seqNo = current;
+    event.missing = missing;
+    event.missingBefore = missingBefore;
+    eventText_ = gapText(module, last, current, missing, missingBefore);
+    emit(event, eventText_);
+}
+
+void RecordDecoder::reorder(std::uint32_t module, std::int32_t last, std::int32_t current) {
+    Event event;
+    event.kind = EventKind::Reorder;
+    event.stream = EventStream::Output;
+    event.module = module;
+    event.lastSeqNo = last;
+    event.seqNo = current;
+    eventText_ = reorderText(module, last, current);
+    emit(event, eventText_);
+}
+
+void RecordDecoder::startLine(const PcapRecHeader& pcap) {
+    line_.clear();
+    if (!settings_.texts) {
+        return;
+    }
+    line_.push_back('[');
+    if (!appendTimeText(line_, time_, record_.seconds, static_cast<std::int32_t>(pcap.tsUsec))) {
+        Event event;
+        event.kind = EventKind::TimestampFailed;
+        emit(event, "timestamp decoding failed\n");
+    }
+    appendLiteral(line_, "] [");
+}
+
+int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
+                          const PcapRecHeader& pcap, const BinLogHeader& header,
+                          const ByteReader& payload, std::uint32_t statsLength,
+                          const RecordOrigin& origin) {
+    settings_ = settings;
+    origin_ = origin;
+    pcap_ = pcap;
+    header_ = header;
+    produced_ = false;
+
+    // Every record is counted first, also those rejected below.
+    if (settings.stats) {
+        countRecord(*stats_, pcap, static_cast<int>(header.logId >> 16), header.packetType,
+                    static_cast<int>(header.seqNo), statsLength, *this);
+    }
+
+    record_ = Record();
+    record_.capture = origin.capture;
+    record_.number = origin.number;
+    record_.offset = origin.offset;
+    record_.pcapHeader = pcap;
+    record_.binLogHeader = header;
+    record_.moduleKey = static_cast<std::uint16_t>(header.logId >> 16);
+    record_.logIndex = static_cast<std::uint16_t>(header.logId & 0xFFFFu);
+    record_.level = header.logLevel;
+    record_.seqNo = header.seqNo;
+    // The shown time: the record time plus the offset, in 32-bit wrap-around.
+    record_.seconds = pcap.tsSec + 60u * static_cast<std::uint32_t>(settings.utcOffsetMinutes);
+    record_.microseconds = pcap.tsUsec;
+
+    if (header.packetType == Syslog) {
+        return decodeSyslog(payload);
+    }
+    if (header.packetType == PcapCapture) {
+        decodeCapture();
+        return 0;
+    }
+
+    const LogPlan* plan = plans.find(header.logId);
+    if (plan == nullptr) {
+        Event event;
+        event.kind = EventKind::UnknownLogId;
+        event.logId = header.logId;
+        event.packetType = header.packetType;
+        char text[48];
+        const int length = snprintf(text, sizeof text, "Log id :%x not valid\n", header.logId);
+        emit(event, std::string_view(text, static_cast<std::size_t>(length)));
+        return -1;
+    }
+    const std::uint16_t expected = plan->module->module->binlogVersion;
+    if (header.logVersion != expected) {
+        Event event;
+        event.kind = EventKind::VersionMismatch;
+        event.stream = EventStream::Output;
+        event.logId = header.logId;
+        event.version = header.logVersion;
+        event.expectedVersion = expected;
+        event.name = plan->name;
+        eventText_ = "Mismatch in version for log [";
+        eventText_.append(plan->name.data(), plan->name.size());
+        eventText_ += "] logVersion [" + std::to_string(header.logVersion) + "] xmlVersion [" +
+                      std::to_string(expected) + "] \n";
+        emit(event, eventText_);
+        return 0;
+    }
+    // The bound is the level table's current entry count, not its largest key.
+    if (header.logLevel > levels_->size()) {
+        Event event;
+        event.kind = EventKind::LevelOutOfRange;
+        event.stream = EventStream::Output;
+        event.logId = header.logId;
+        event.level = header.logLevel;
+        event.name = plan->name;
+        eventText_ = "Invalig log level [" + std::to_string(header.logLevel) + "] for log [";
+        eventText_.append(plan->name.data(), plan->name.size());
+        eventText_ += "] \n";
+        emit(event, eventText_);
+        return 0;
+    }
+    if (header.packetType == Legacy) {
+        decodeLegacy(*plan, payload);
+        return 0;
+    }
+    if (header.packetType == BinLog) {
+        decodeBinLog(*plan, payload);
+        return 0;
+    }
+    Event event;
+    event.kind = EventKind::InvalidPacketType;
+    event.logId = header.logId;
+    event.packetType = header.packetType;
+    eventText_ =
+        "Invalid packetType passed :" + std::to_string(static_cast<int>(header.packetType));
+    emit(event, eventText_);
+    return -1;
+}
+
+}  // namespace detail
+}  // namespace Tav

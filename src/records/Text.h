@@ -1,0 +1,141 @@
+// Building blocks of the record lines: a growable text buffer and the small
+// pieces every line is made of.
+#ifndef WEXBL_SRC_RECORDS_TEXT_H
+#define WEXBL_SRC_RECORDS_TEXT_H
+
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace Tav {
+namespace detail {
+
+/// A growable text whose appends stay inline; it keeps its storage between
+/// records, so a warm buffer never allocates.
+class TextBuilder {
+  public:
+    void clear() { size_ = 0; }
+    const char* data() const { return storage_.data(); }
+    char* data() { return storage_.data(); }
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    std::string_view view() const { return std::string_view(storage_.data(), size_); }
+    std::string_view view(std::size_t start, std::size_t length) const {
+        return std::string_view(storage_.data() + start, length);
+    }
+    void truncate(std::size_t size) { size_ = size < size_ ? size : size_; }
+    void append(const char* text, std::size_t length) {
+        if (length != 0) {
+            std::memcpy(grow(length), text, length);
+        }
+    }
+    void append(std::string_view text) { append(text.data(), text.size()); }
+    void push_back(char c) { *grow(1) = c; }
+    void append(std::size_t count, char c) {
+        if (count != 0) {
+            std::memset(grow(count), c, count);
+        }
+    }
+    /// Makes room for `length` more characters and returns where they go.
+    /// Throws std::length_error rather than wrapping the size.
+    char* grow(std::size_t length) {
+        if (length > storage_.size() - size_) {
+            const std::size_t limit = storage_.max_size();
+            if (length > limit - size_) {
+                throw std::length_error("text too long");
+            }
+            const std::size_t needed = size_ + length;
+            storage_.resize(needed > limit / 2 ? limit : needed * 2 < 256 ? 256 : needed * 2);
+        }
+        char* at = storage_.data() + size_;
+        size_ += length;
+        return at;
+    }
+
+  private:
+    std::vector<char> storage_;
+    std::size_t size_ = 0;
+};
+
+template <typename Out, std::size_t N>
+void appendLiteral(Out& out, const char (&text)[N]) {
+    out.append(text, N - 1);
+}
+
+/// A text as "%s" prints it: up to its first NUL.
+inline std::string_view printed(std::string_view text) {
+    const void* nul = std::memchr(text.data(), '\0', text.size());
+    return nul ? text.substr(0,
+                             static_cast<std::size_t>(static_cast<const char*>(nul) - text.data()))
+               : text;
+}
+
+/// Appends `text` as "%*s" prints it: blank-padded on the left to `width`.
+template <typename Out>
+void appendPadded(Out& out, std::string_view text, std::size_t width) {
+    if (text.size() < width) {
+        out.append(width - text.size(), ' ');
+    }
+    out.append(text.data(), text.size());
+}
+
+/// Appends `value` in decimal ("%u", "%d", "%llu" ...); 8-bit values as
+/// numbers, never characters.
+template <typename Out, typename T>
+void appendDecimal(Out& out, T value) {
+    using Wide = std::conditional_t<std::is_signed<T>::value, long long, unsigned long long>;
+    char buf[24];
+    const auto result = std::to_chars(buf, buf + sizeof buf, static_cast<Wide>(value));
+    out.append(buf, static_cast<std::size_t>(result.ptr - buf));
+}
+
+/// Appends `value` in decimal right-aligned in `width` ("%10d").
+template <typename Out, typename T>
+void appendDecimalPadded(Out& out, T value, std::size_t width) {
+    using Wide = std::conditional_t<std::is_signed<T>::value, long long, unsigned long long>;
+    char buf[24];
+    const auto result = std::to_chars(buf, buf + sizeof buf, static_cast<Wide>(value));
+    appendPadded(out, std::string_view(buf, static_cast<std::size_t>(result.ptr - buf)), width);
+}
+
+/// Appends a frame stamp (frame number x 10 + subframe) as "%04u-%02u" of
+/// (stamp / 10) & 0x3FF and stamp % 10: the frame number wraps at 1024.
+template <typename Out>
+void appendFrameStamp(Out& out, std::uint32_t stamp) {
+    const std::uint32_t frame = (stamp / 10) & 0x3FFu;
+    const char text[7] = {static_cast<char>('0' + frame / 1000),
+                          static_cast<char>('0' + frame / 100 % 10),
+                          static_cast<char>('0' + frame / 10 % 10),
+                          static_cast<char>('0' + frame % 10),
+                          '-',
+                          '0',
+                          static_cast<char>('0' + stamp % 10)};
+    out.append(text, sizeof text);
+}
+
+/// The time text of the last second shown, so that records of the same
+/// second skip the calendar conversion.
+struct TimeTextCache {
+    std::uint32_t second = 0;
+    bool valid = false;
+    char prefix[64] = {};
+    std::size_t prefixLength = 0;
+};
+
+/// Appends the time text "YYYY-MM-DDTHH:MM:SS.mmmZ" of `seconds` (since
+/// 1970, unsigned) with the milliseconds `usec / 1000` (truncated toward
+/// zero, so an out-of-range value shows as it is). Returns false, appending
+/// nothing, when the calendar conversion fails.
+bool appendTimeText(TextBuilder& out, TimeTextCache& cache, std::uint32_t seconds,
+                    std::int32_t usec);
+
+}  // namespace detail
+}  // namespace Tav
+
+#endif

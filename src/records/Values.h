@@ -1,0 +1,128 @@
+// Values read from a payload and the texts they show as. Shared by the
+// plan-driven decoder and the step-by-step decoding members, so that both
+// always produce the same characters.
+#ifndef WEXBL_SRC_RECORDS_VALUES_H
+#define WEXBL_SRC_RECORDS_VALUES_H
+
+#include <charconv>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+
+#include "WexOamBinLogXmlReader/ByteReader.h"
+#include "dictionary/Plan.h"
+#include "records/Text.h"
+
+namespace Tav {
+namespace detail {
+
+/// The little-endian value of type T at `offset`; bytes past the end of the
+/// payload read as zero.
+template <typename T>
+T readLittleEndian(const ByteReader& payload, std::uint64_t offset) {
+    unsigned char bytes[sizeof(T)];
+    payload.copy(offset, bytes, sizeof bytes);
+    std::uint64_t raw = 0;
+    for (std::size_t i = 0; i < sizeof(T); ++i) {
+        raw |= static_cast<std::uint64_t>(bytes[i]) << (8 * i);
+    }
+    return static_cast<T>(raw);
+}
+
+/// Appends "0x" and the bit pattern in lowercase hex without leading zeros:
+/// the value's own width, except that 8-bit signed values are widened to 32
+/// bits first.
+template <typename Out, typename T>
+void appendHex(Out& out, T value) {
+    unsigned long long pattern;
+    if constexpr (std::is_same<T, std::int8_t>::value) {
+        pattern = static_cast<std::uint32_t>(static_cast<std::int32_t>(value));
+    } else {
+        pattern = static_cast<std::make_unsigned_t<T>>(value);
+    }
+    char buf[24] = {'0', 'x'};
+    const auto result = std::to_chars(buf + 2, buf + sizeof buf, pattern, 16);
+    out.append(buf, static_cast<std::size_t>(result.ptr - buf));
+}
+
+/// The sign and magnitude of a value, as an enumeration look-up needs them.
+template <typename T>
+void signAndMagnitude(T value, bool& negative, std::uint64_t& magnitude) {
+    if constexpr (std::is_signed<T>::value) {
+        negative = value < 0;
+        magnitude = negative ? static_cast<std::uint64_t>(0) - static_cast<std::uint64_t>(value)
+                             : static_cast<std::uint64_t>(value);
+    } else {
+        negative = false;
+        magnitude = value;
+    }
+}
+
+/// Appends the text of one integer value of display kind Decimal, Hex or
+/// FrameStamp (the kinds that need no enumeration and no message).
+template <typename Out, typename T>
+void appendPlainInt(Out& out, DisplayKind display, T value) {
+    switch (display) {
+        case DisplayKind::Hex:
+            appendHex(out, value);
+            break;
+        case DisplayKind::FrameStamp:
+            appendFrameStamp(out, static_cast<std::uint32_t>(value));
+            break;
+        default:
+            appendDecimal(out, value);
+            break;
+    }
+}
+
+/// Appends `count` bytes at `offset` as two lowercase hex digits each,
+/// separated by ":"; after kMaxRenderedElements bytes ":..." ends the text.
+template <typename Out>
+void appendHexBytes(Out& out, const ByteReader& bytes, std::uint64_t offset, std::uint32_t count) {
+    static const char kDigits[] = "0123456789abcdef";
+    const std::uint32_t rendered = count < kMaxRenderedElements ? count : kMaxRenderedElements;
+    for (std::uint32_t i = 0; i < rendered; ++i) {
+        const std::uint8_t byte = bytes.get_u8(offset + i);
+        const char text[3] = {':', kDigits[byte >> 4], kDigits[byte & 0x0F]};
+        if (i == 0) {
+            out.append(text + 1, 2);
+        } else {
+            out.append(text, 3);
+        }
+    }
+    if (rendered < count) {
+        appendLiteral(out, ":...");
+    }
+}
+
+/// Appends the label "name[i]=" as a 100-byte buffer holds it: cut at 99
+/// characters.
+template <typename Out>
+void appendLabel(Out& out, std::string_view name, std::uint32_t index) {
+    constexpr std::size_t kLabelMax = 99;
+    char tail[24] = {'['};
+    char* end = std::to_chars(tail + 1, tail + sizeof tail - 2, static_cast<int>(index)).ptr;
+    *end++ = ']';
+    *end++ = '=';
+    const std::size_t tailLength = static_cast<std::size_t>(end - tail);
+    if (name.size() + tailLength <= kLabelMax) {
+        out.append(name.data(), name.size());
+        out.append(tail, tailLength);
+    } else if (name.size() >= kLabelMax) {
+        out.append(name.data(), kLabelMax);
+    } else {
+        out.append(name.data(), name.size());
+        out.append(tail, kLabelMax - name.size());
+    }
+}
+
+/// The count of a var binary string capped by its declared size, as the
+/// decoder uses it.
+inline std::uint16_t cappedVarCount(std::uint16_t count, std::uint32_t declared) {
+    return count > declared ? static_cast<std::uint16_t>(declared) : count;
+}
+
+}  // namespace detail
+}  // namespace Tav
+
+#endif
