@@ -87,8 +87,6 @@ class WEXBL_API CaptureStream {
     /// Records read from the capture so far, and uncompressed bytes.
     std::uint64_t recordsRead() const;
     std::uint64_t bytesRead() const;
-    /// Compressed bytes read from a file so far (bytesRead() for plain files).
-    std::uint64_t inputBytesRead() const;
 
   private:
     struct Impl;

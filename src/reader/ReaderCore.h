@@ -36,6 +36,9 @@ class ReaderCore {
   public:
     explicit ReaderCore(BinaryLogXmlReader& reader);
 
+    /// The plans of `reader`, for streams that decode against it.
+    static const PlanSet& plansOf(const BinaryLogXmlReader& reader) { return reader.core_->plans; }
+
     /// The dispatcher on the reader's own stream; lines stay buffered in the
     /// printer until it is flushed.
     int dispatch(const PcapRecHeader& pcap, const BinLogHeader& header, const ByteReader& payload,

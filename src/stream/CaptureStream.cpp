@@ -1,0 +1,402 @@
+// The pull API: a capture read record by record against a loaded reader,
+// with the decoding state of its own.
+#include "WexOamBinLogXmlReader/CaptureStream.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "BinaryLogXmlReader.h"
+#include "capture/Framing.h"
+#include "capture/PcapReader.h"
+#include "capture/Source.h"
+#include "capture/Unframe.h"
+#include "reader/ReaderCore.h"
+#include "records/Decoder.h"
+
+namespace Tav {
+
+namespace {
+
+enum class Phase { Open, Read, Done };
+
+bool readableLinkType(std::uint32_t linkType) {
+    switch (linkType) {
+        case capture::kLinkNull:
+        case capture::kLinkEthernet:
+        case capture::kLinkRaw:
+        case capture::kLinkLinuxSll:
+        case capture::kLinkBinLog:
+        case capture::kLinkIpv4:
+        case capture::kLinkIpv6:
+        case capture::kLinkLinuxSll2:
+            return true;
+        default:
+            return false;
+    }
+}
+
+const char* formatName(capture::CaptureFormat format) {
+    switch (format) {
+        case capture::CaptureFormat::PcapNano:
+            return "a nanosecond pcap";
+        case capture::CaptureFormat::PcapMicroSwapped:
+            return "a big-endian pcap";
+        case capture::CaptureFormat::PcapNanoSwapped:
+            return "a big-endian nanosecond pcap";
+        case capture::CaptureFormat::PcapNg:
+            return "a pcapng";
+        default:
+            return "a pcap";
+    }
+}
+
+}  // namespace
+
+struct CaptureStream::Impl : detail::EventSink {
+    Impl(const BinaryLogXmlReader& owner, const std::string& captureName,
+         const StreamOptions& streamOptions)
+        : reader(owner),
+          plans(detail::ReaderCore::plansOf(owner)),
+          options(streamOptions),
+          name(captureName),
+          levelNames(owner.logLevelNames),
+          levels(levelNames, true),
+          decoder(levels, stats, *this) {}
+
+    // ---- Events ----------------------------------------------------------------------------
+
+    /// Queues an event; its texts are copied, since the item it belongs to
+    /// is handed out later.
+    void emit(const Event& event) override {
+        Queued queued;
+        queued.event = event;
+        queued.text = store(event.text);
+        queued.name = store(event.name);
+        queue.push_back(queued);
+    }
+
+    struct Span {
+        std::size_t offset = 0;
+        std::size_t size = 0;
+    };
+    struct Queued {
+        Event event;
+        Span text;
+        Span name;
+    };
+    Span store(std::string_view text) {
+        Span span{queueText.size(), text.size()};
+        queueText.append(text);
+        return span;
+    }
+
+    /// Queues an event of the stream itself (not of a record) and returns
+    /// it, for the caller to fill in its numbers.
+    Event& streamEvent(EventKind kind, EventStream stream, const std::string& text,
+                       std::string_view detail = std::string_view()) {
+        Event event;
+        event.kind = kind;
+        event.stream = stream;
+        event.capture = name;
+        event.record = pcap ? pcap->records() : 0;
+        event.offset = source ? source->offset() : 0;
+        event.name = detail;
+        event.text = text;
+        emit(event);
+        return queue.back().event;
+    }
+
+    // ---- Reading ---------------------------------------------------------------------------
+
+    void open() {
+        phase = Phase::Done;
+        if (!source) {
+            const int error = errno;
+            damaged = true;
+            streamEvent(EventKind::OpenFailed, EventStream::Error,
+                        "File open failed [" + name + "]\n", std::strerror(error));
+            return;
+        }
+        pcap = std::make_unique<capture::PcapReader>(*source, options.strict);
+        const capture::ReadResult result = pcap->open();
+        if (result != capture::ReadResult::Ok) {
+            damaged = true;
+            finish(result);
+            return;
+        }
+        opened = true;
+        const std::uint32_t linkType = pcap->linkType();
+        const bool pcapng = pcap->format() == capture::CaptureFormat::PcapNg;
+        if (options.strict ? linkType != capture::kLinkEthernet &&
+                                 linkType != capture::kLinkBinLog
+                           : !pcapng && !readableLinkType(linkType)) {
+            const std::string text = "Invalid link type " +
+                                     std::to_string(static_cast<int>(linkType)) +
+                                     " found. Not a valid log pcap file\n";
+            streamEvent(EventKind::BadLinkType, EventStream::Error, text).length = linkType;
+            damaged = true;
+            return;
+        }
+        if (!options.strict && pcap->format() != capture::CaptureFormat::PcapMicro) {
+            note(std::string("Note: ") + formatName(pcap->format()) +
+                 " capture: readBinaryFiledata does not read this format\n");
+        }
+        phase = Phase::Read;
+    }
+
+    void note(const std::string& text) {
+        streamEvent(EventKind::Note, EventStream::Error, text);
+    }
+
+    /// Ends the capture on `result` (anything but a record).
+    void finish(capture::ReadResult result) {
+        phase = Phase::Done;
+        char text[160];
+        switch (result) {
+            case capture::ReadResult::End:
+                if (extendedFramings != 0) {
+                    note("Note: " + std::to_string(extendedFramings) +
+                         " records in framings readBinaryFiledata does not read\n");
+                }
+                if (options.stats) {
+                    StatsSummary figures;
+                    const std::string summary = detail::summaryText(stats, figures);
+                    stats.clearStats();
+                    streamEvent(EventKind::Summary, EventStream::Output, summary).summary = figures;
+                }
+                return;
+            case capture::ReadResult::NoGlobalHeader:
+                streamEvent(EventKind::NoGlobalHeader, EventStream::Error,
+                            "No global header found\n");
+                break;
+            case capture::ReadResult::NotACapture: {
+                unsigned char magic[4] = {};
+                const std::size_t have = source->available() < 4 ? source->available() : 4;
+                if (have != 0) {
+                    std::memcpy(magic, source->data(), have);
+                }
+                snprintf(text, sizeof text,
+                         "Not a pcap or pcapng file: it starts with %02x %02x %02x %02x\n",
+                         magic[0], magic[1], magic[2], magic[3]);
+                streamEvent(EventKind::NotACapture, EventStream::Error, text);
+                break;
+            }
+            case capture::ReadResult::Oversized:
+                snprintf(text, sizeof text, "pHdr storageLength %d is more thanMAX_BINLOG_LENGTH\n",
+                         static_cast<int>(pcap->oversizedLength()));
+                streamEvent(EventKind::Oversized, EventStream::Error, text).length =
+                    pcap->oversizedLength();
+                break;
+            case capture::ReadResult::Truncated:
+                snprintf(text, sizeof text,
+                         "Warning: Possibly truncated file. Actual payloadBytes :%d Expected "
+                         "payloadBytes :%d\n",
+                         static_cast<int>(pcap->truncatedGot()),
+                         static_cast<int>(pcap->truncatedExpected()));
+                {
+                    Event& event = streamEvent(EventKind::Truncated, EventStream::Error, text);
+                    event.length = pcap->truncatedExpected();
+                    event.count = pcap->truncatedGot();
+                }
+                break;
+            case capture::ReadResult::DataError:
+                snprintf(text, sizeof text, "Warning: capture data error: %s after %llu bytes\n",
+                         source->error().c_str(),
+                         static_cast<unsigned long long>(source->errorOffset()));
+                streamEvent(EventKind::DataError, EventStream::Error, text, source->error()).count =
+                    static_cast<std::int64_t>(source->errorOffset());
+                break;
+            case capture::ReadResult::ReadError:
+                snprintf(text, sizeof text, "Warning: capture read error: %s after %llu bytes\n",
+                         source->error().c_str(),
+                         static_cast<unsigned long long>(source->errorOffset()));
+                streamEvent(EventKind::ReadError, EventStream::Error, text, source->error());
+                break;
+            case capture::ReadResult::BadBlock:
+                snprintf(text, sizeof text,
+                         "Warning: damaged pcapng block after %llu bytes: the rest is skipped\n",
+                         static_cast<unsigned long long>(source->offset()));
+                streamEvent(EventKind::Truncated, EventStream::Error, text);
+                break;
+            default:
+                break;
+        }
+        damaged = true;
+    }
+
+    /// Reads until an item is queued or the capture ends.
+    void step() {
+        if (phase == Phase::Open) {
+            open();
+            return;
+        }
+        detail::DecodeSettings settings;
+        settings.utcOffsetMinutes = options.utcOffsetMinutes;
+        settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
+        settings.stats = options.stats;
+        settings.fields = true;
+        settings.texts = options.texts;
+        capture::RawRecord raw;
+        while (phase == Phase::Read && queue.empty() && !recordReady) {
+            if (stop.load(std::memory_order_relaxed)) {
+                return;
+            }
+            const capture::ReadResult result = pcap->next(raw);
+            if (result == capture::ReadResult::Pending) {
+                return;
+            }
+            if (result != capture::ReadResult::Record) {
+                finish(result);
+                return;
+            }
+            const capture::Unframed frame =
+                capture::unframe(raw.linkType, raw.header, raw.data, options.udpPort,
+                                 options.strict);
+            if (frame.status != capture::FrameStatus::Ok) {
+                continue;
+            }
+            if (!options.strict && raw.linkType != capture::kLinkBinLog) {
+                // Count the records the original loop would not have read.
+                const capture::Unframed fixed = capture::unframe(
+                    raw.linkType, raw.header, raw.data, options.udpPort, true);
+                if (fixed.status != capture::FrameStatus::Ok ||
+                    fixed.udpPayloadOffset != frame.udpPayloadOffset) {
+                    ++extendedFramings;
+                }
+            }
+            detail::RecordOrigin origin;
+            origin.capture = name;
+            origin.number = raw.number;
+            origin.offset = raw.offset;
+            decoder.decode(plans, settings, frame.pcapHeader, frame.binLogHeader, frame.payload,
+                           frame.statsLength, origin);
+            recordReady = decoder.produced();
+        }
+    }
+
+    bool next() {
+        item = Item::None;
+        if (nextQueued < queue.size()) {
+            return takeEvent();
+        }
+        queue.clear();
+        queueText.clear();
+        nextQueued = 0;
+        if (recordReady) {
+            recordReady = false;
+            item = Item::Record;
+            return true;
+        }
+        if (stop.load(std::memory_order_relaxed)) {
+            return false;
+        }
+        while (phase != Phase::Done && queue.empty() && !recordReady) {
+            step();
+            if (stop.load(std::memory_order_relaxed) ||
+                (phase == Phase::Read && queue.empty() && !recordReady)) {
+                break;  // stopped, or an incremental source has nothing yet
+            }
+        }
+        if (nextQueued < queue.size()) {
+            return takeEvent();
+        }
+        if (recordReady) {
+            recordReady = false;
+            item = Item::Record;
+            return true;
+        }
+        return false;
+    }
+
+    bool takeEvent() {
+        const Queued& queued = queue[nextQueued++];
+        current = queued.event;
+        current.text = std::string_view(queueText.data() + queued.text.offset, queued.text.size);
+        current.name = std::string_view(queueText.data() + queued.name.offset, queued.name.size);
+        current.capture = name;
+        item = Item::Event;
+        return true;
+    }
+
+    enum class Item { None, Record, Event };
+
+    const BinaryLogXmlReader& reader;
+    const detail::PlanSet& plans;
+    StreamOptions options;
+    std::string name;
+    std::unique_ptr<capture::ByteSource> source;
+    std::unique_ptr<capture::PcapReader> pcap;
+    BinaryLogStatsCollector stats;
+    std::map<std::uint16_t, std::string> levelNames;
+    detail::LevelTable levels;
+    detail::RecordDecoder decoder;
+
+    Phase phase = Phase::Open;
+    bool opened = false;
+    bool damaged = false;
+    bool recordReady = false;
+    std::uint64_t extendedFramings = 0;
+    std::vector<Queued> queue;
+    std::size_t nextQueued = 0;
+    std::string queueText;
+    Item item = Item::None;
+    Event current;
+    std::atomic<bool> stop{false};
+};
+
+CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
+                             const StreamOptions& options)
+    : impl_(std::make_unique<Impl>(reader, path, options)) {
+    impl_->source = capture::openFile(path);
+}
+
+CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name,
+                             const unsigned char* data, std::size_t size,
+                             const StreamOptions& options)
+    : impl_(std::make_unique<Impl>(reader, name, options)) {
+    impl_->source = capture::openMemory(data, size);
+}
+
+CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name, int fd,
+                             bool own, const StreamOptions& options)
+    : impl_(std::make_unique<Impl>(reader, name, options)) {
+    impl_->source = capture::openDescriptor(fd, own);
+}
+
+CaptureStream::~CaptureStream() = default;
+
+bool CaptureStream::next() {
+    return impl_->next();
+}
+
+const Record* CaptureStream::record() const {
+    return impl_->item == Impl::Item::Record ? &impl_->decoder.record() : nullptr;
+}
+
+const Event* CaptureStream::event() const {
+    return impl_->item == Impl::Item::Event ? &impl_->current : nullptr;
+}
+
+void CaptureStream::requestStop() noexcept {
+    impl_->stop.store(true, std::memory_order_relaxed);
+}
+
+bool CaptureStream::opened() const {
+    return impl_->opened;
+}
+
+bool CaptureStream::damaged() const {
+    return impl_->damaged;
+}
+
+std::uint64_t CaptureStream::recordsRead() const {
+    return impl_->pcap ? impl_->pcap->records() : 0;
+}
+
+std::uint64_t CaptureStream::bytesRead() const {
+    return impl_->source ? impl_->source->offset() : 0;
+}
+
+}  // namespace Tav
