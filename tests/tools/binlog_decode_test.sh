@@ -65,7 +65,7 @@ run_decode() {
 synth() {
     local out=$1
     shift
-    if ! "${EMU[@]}" "$SYNTH" --dict "$DICT" --script - --out "$out" "$@" 2>"$W/synth.err"; then
+    if ! "${EMU[@]}" "$SYNTH" --dict "$DICT" --script - --output "$out" "$@" 2>"$W/synth.err"; then
         echo "binlog-synth failed for $out:" >&2
         cat "$W/synth.err" >&2
         exit 1
@@ -524,7 +524,7 @@ case_capture_errors() {
     # Not a log capture: a link type other than 1 and 150.
     synth "$W/linktype147.pcap" --plain <<'EOF'
 linktype 147
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 EOF
     run_decode --stats "$DICT" "$W/linktype147.pcap"
     expect_rc 1
@@ -567,9 +567,9 @@ case_problems_inside_capture() {
     # Problems inside a capture are the library's to report, on standard
     # error; they do not change the exit status.
     synth "$W/inside.pcap" --plain <<'EOF'
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 record logid=0x09090001 payload=00
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=10243 cut=20
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 cut=20
 EOF
     binlog_line "2024-05-01T12:00:00.000Z" "L1:phy" "CellStateChange" "INFO" "DIAG" 1 \
         "cellId=7 carrier=1 " "Cell moved to state=ACTIVE at sfn=0000-03" >"$W/first.out"
@@ -590,8 +590,8 @@ EOF
     expect_err_text "$inside_err"
     # An oversized record stops the file too.
     synth "$W/oversized.pcap.gz" --gzip <<'EOF'
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=10243 storagelen=25001
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 storagelen=25001
 EOF
     run_decode --stats "$DICT" "$W/oversized.pcap.gz"
     expect_rc 0
@@ -628,7 +628,7 @@ case_ethernet_without_port() {
     # Over IPv6 too.
     synth "$W/ipv6.pcap" --plain <<'EOF'
 link ipv6 port=5000
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 EOF
     run_decode "$DICT" "$W/ipv6.pcap"
     expect_rc 1
