@@ -18,8 +18,8 @@ root=$(pwd)
 
 scripts/install-deps.sh time gzip
 BUILD_DIR=build-release BUILD_TYPE=Release scripts/build.sh -DWEXBL_BUILD_TESTS=OFF >/dev/null
-decode=$root/build-release/binlog-decode
-synth=$root/build-release/tools/synth/binlog-synth
+decode=$root/build-release/bin/binlog-decode
+synth=$root/build-release/bin/binlog-synth
 
 work=${BENCH_WORK:-$(mktemp -d /tmp/wexbl-bench-XXXXXX)}
 mkdir -p "$work/dict"
