@@ -154,7 +154,7 @@ one_record() {
     local file=$1 cell=$2
     shift 2
     synth "$file" "$@" <<EOF
-binlog L1:phy CellStateChange cellId=$cell carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=$cell carrier=1 state=ACTIVE sfn=0x2803
 EOF
 }
 one_record_line() {
@@ -1097,7 +1097,7 @@ case_temp_files() {
     fi
     # A reader that goes away: SIGPIPE ends the program, the copy is gone.
     synth "$W/many.pcap" --plain <<'EOF'
-repeat 5000 binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+repeat 5000 binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 EOF
     # (env --default-signal: the program gets the signals with their default
     # action even where this shell was started with them ignored.)
