@@ -6,8 +6,9 @@
 #
 # With --merge, a target whose run found nothing then has its committed corpus
 # rebuilt: the hand-written seeds (the files not named by a SHA-1) are kept as
-# they are, and the smallest set of the other committed inputs and the new ones
-# that adds coverage beyond them replaces the other committed inputs.
+# they are, and a small set of the other committed inputs and the new ones,
+# covering every feature they add beyond the seeds, replaces the other
+# committed inputs. SECONDS_PER_TARGET 0 skips fuzzing (merge only).
 #
 #   scripts/run-fuzz.sh [--merge] BUILD_DIR [SECONDS_PER_TARGET] [TARGET...]
 set -euo pipefail
@@ -42,7 +43,7 @@ merge_corpus() {
             cp "$file" "$kept/"
         fi
     done
-    "$build_dir/fuzz/$target" -merge=1 "${common[@]}" "${dict[@]}" \
+    "$build_dir/fuzz/$target" -set_cover_merge=1 "${common[@]}" "${dict[@]}" \
         "$kept" "$others" "$scratch/corpus" >"$scratch/merge.log" 2>&1 || {
         echo "run-fuzz: merging $target failed; see $scratch/merge.log" >&2
         return 1
@@ -66,13 +67,17 @@ for target in "${targets[@]}"; do
     case $target in
         *_xml) dict=(-dict="$source_dir/fuzz/xml.dict") ;;
     esac
-    echo "fuzzing $target for ${seconds}s"
-    if ! (cd "$scratch" && "$build_dir/fuzz/$target" -max_total_time="$seconds" \
-            "${common[@]}" "${dict[@]}" -print_final_stats=1 \
-            corpus "$source_dir/fuzz/corpus/$target" 2>&1 | tail -n 12); then
-        echo "run-fuzz: $target failed; its input is in $scratch" >&2
-        status=1
-        continue
+    if [ "$seconds" -gt 0 ]; then
+        echo "fuzzing $target for ${seconds}s"
+        if ! (cd "$scratch" && "$build_dir/fuzz/$target" -max_total_time="$seconds" \
+                "${common[@]}" "${dict[@]}" -print_final_stats=1 \
+                corpus "$source_dir/fuzz/corpus/$target" >"$scratch/fuzz.log" 2>&1); then
+            tail -n 40 "$scratch/fuzz.log"
+            echo "run-fuzz: $target failed; its input is in $scratch" >&2
+            status=1
+            continue
+        fi
+        grep -E '^#[0-9]+.*(INITED|DONE)|^stat::' "$scratch/fuzz.log" || true
     fi
     if [ $merge -eq 1 ]; then
         merge_corpus "$target" "$scratch" || status=1
