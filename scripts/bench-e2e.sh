@@ -18,8 +18,8 @@ root=$(pwd)
 
 scripts/install-deps.sh time gzip
 BUILD_DIR=build-release BUILD_TYPE=Release scripts/build.sh -DWEXBL_BUILD_TESTS=OFF >/dev/null
-decode=$root/build-release/binlog-decode
-synth=$root/build-release/tools/synth/binlog-synth
+decode=$root/build-release/bin/binlog-decode
+synth=$root/build-release/bin/binlog-synth
 
 work=${BENCH_WORK:-$(mktemp -d /tmp/wexbl-bench-XXXXXX)}
 mkdir -p "$work/dict"
@@ -87,14 +87,15 @@ done
 
 # ---- The captures -------------------------------------------------------
 echo "writing $records records ..."
-"$synth" --dict "$work/dict" --out "$work/capture.pcap.gz" --records "$records" --seed 1 \
+"$synth" --dict "$work/dict" --output "$work/capture.pcap.gz" --records "$records" --seed 1 \
     --gzip-level 6 --gap-every 5000
-"$synth" --dict "$work/dict" --out "$work/capture.pcap" --records "$records" --seed 1 \
+"$synth" --dict "$work/dict" --output "$work/capture.pcap" --records "$records" --seed 1 \
     --plain --gap-every 5000
-"$synth" --dict "$work/dict" --out "$work/ethernet.pcap.gz" --records "$records" --seed 1 \
+"$synth" --dict "$work/dict" --output "$work/ethernet.pcap.gz" --records "$records" --seed 1 \
     --gzip-level 6 --link ipv4 --udp-port 5000 --gap-every 5000
 small=20000
-"$synth" --dict "$work/dict" --out "$work/small.pcap.gz" --records "$small" --seed 1 --gzip-level 6
+"$synth" --dict "$work/dict" --output "$work/small.pcap.gz" --records "$small" --seed 1 \
+    --gzip-level 6
 
 # ---- Timing ---------------------------------------------------------------
 # Runs a command RUNS times, alternating with the others of its group, and

@@ -1,11 +1,25 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing need, and only those
-# that are missing. As root it runs apt-get; otherwise it prints the command.
+# Installs the Debian packages that building (and, when asked, testing and
+# benchmarking) needs, and only those that are missing. As root it runs
+# apt-get; otherwise it prints the command. Everything it prints goes to
+# standard error.
 #
-#   scripts/install-deps.sh [extra-package ...]
+#   scripts/install-deps.sh [--tests] [--bench] [extra-package ...]
+#
+#   --tests   also GoogleTest (WEXBL_BUILD_TESTS)
+#   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
 set -euo pipefail
+exec >&2
 
-packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libgtest-dev libbenchmark-dev "$@")
+packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev)
+while [ $# -gt 0 ]; do
+    case $1 in
+    --tests) packages+=(libgtest-dev) ;;
+    --bench) packages+=(libbenchmark-dev) ;;
+    *) packages+=("$1") ;;
+    esac
+    shift
+done
 
 missing=()
 for pkg in "${packages[@]}"; do
@@ -20,7 +34,7 @@ if [ "$(id -u)" -eq 0 ]; then
     apt-get update -q
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 else
-    echo "Missing packages. Install them with:" >&2
-    echo "  sudo apt-get install -y ${missing[*]}" >&2
+    echo "Missing packages. Install them with:"
+    echo "  sudo apt-get install -y ${missing[*]}"
     exit 1
 fi

@@ -15,9 +15,9 @@ root=$(pwd)
 
 quick=${WEXBL_QUICK:-0}
 if [ "$quick" = 1 ]; then
-    scripts/install-deps.sh
+    scripts/install-deps.sh --tests --bench
 else
-    scripts/install-deps.sh clang libclang-rt-14-dev valgrind clang-format
+    scripts/install-deps.sh --tests --bench clang libclang-rt-dev valgrind clang-format
 fi
 
 passed=0

@@ -33,7 +33,7 @@ fi
 
 [ -f "$sysroot/.complete" ] && exit 0
 
-arm_packages=(libxml2 libxml2-dev zlib1g zlib1g-dev libicu72 liblzma5 libgtest-dev)
+arm_packages=(libxml2 libxml2-dev zlib1g zlib1g-dev liblzma5 libgtest-dev)
 apt_dir="$sysroot.apt"
 rm -rf "$sysroot" "$apt_dir"
 mkdir -p "$apt_dir/lists/partial" "$apt_dir/cache/archives/partial" "$apt_dir/debs" "$sysroot"
@@ -51,6 +51,10 @@ for attempt in 1 2 3; do
     echo "setup-arm: package index update incomplete (attempt $attempt), going on" >&2
     sleep 5
 done
+# libxml2 links against ICU, whose runtime package carries its version in its
+# name (libicu72 in Debian 12): take the one the armhf libxml2 depends on.
+icu=$(apt-cache "${apt_opts[@]}" depends libxml2 | sed -nE 's/^ *Depends: (libicu[0-9]+)$/\1/p' | head -n1)
+[ -z "$icu" ] || arm_packages+=("$icu")
 (cd "$apt_dir/debs" && apt-get "${apt_opts[@]}" download "${arm_packages[@]}")
 for deb in "$apt_dir"/debs/*.deb; do
     dpkg-deb -x "$deb" "$sysroot"

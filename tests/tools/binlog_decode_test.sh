@@ -54,10 +54,10 @@ fail() {
 
 # Runs binlog-decode with the given arguments. Standard output goes to
 # $OUT_TARGET (default $W/out), standard error to $W/err, the exit status to
-# $rc.
+# $rc. A run that hangs is stopped after two minutes (exit status 124).
 run_decode() {
     last_cmd="binlog-decode $*"
-    "${EMU[@]}" "$DECODE" "$@" >"${OUT_TARGET:-$W/out}" 2>"$W/err"
+    timeout 120 "${EMU[@]}" "$DECODE" "$@" >"${OUT_TARGET:-$W/out}" 2>"$W/err"
     rc=$?
 }
 
@@ -65,7 +65,7 @@ run_decode() {
 synth() {
     local out=$1
     shift
-    if ! "${EMU[@]}" "$SYNTH" --dict "$DICT" --script - --out "$out" "$@" 2>"$W/synth.err"; then
+    if ! "${EMU[@]}" "$SYNTH" --dict "$DICT" --script - --output "$out" "$@" 2>"$W/synth.err"; then
         echo "binlog-synth failed for $out:" >&2
         cat "$W/synth.err" >&2
         exit 1
@@ -93,11 +93,49 @@ expect_out_empty() { same_text "" "$W/out" "standard output"; }
 expect_err_text() { same_text "$1" "$W/err" "standard error"; }
 expect_err_empty() { same_text "" "$W/err" "standard error"; }
 
-# The names in directory DIR that hold "pcap.gz", in the order readdir
-# yields them (ls -f does not sort).
+# The names of the entries of directory DIR that binlog-decode takes as
+# captures (regular files whose names end in ".pcap" or contain "pcap.gz"), in
+# byte order, one a line.
 capture_entries() {
-    # shellcheck disable=SC2010 # the unsorted order is the point here
-    ls -f "$1" | grep -F 'pcap.gz'
+    local path
+    for path in "$1"/* "$1"/.*; do
+        [ -f "$path" ] || continue
+        case ${path##*/} in
+            *.pcap | *pcap.gz*) printf '%s\n' "${path##*/}" ;;
+        esac
+    done | LC_ALL=C sort
+}
+
+# The note binlog-decode gives for directory operand DIR (as written) whose
+# entries other than the captures are NAME_COUNT entries without a capture
+# name and SUBDIR_COUNT subdirectories (and nothing else), or nothing when
+# both are 0.
+skip_note() {
+    local dir=$1 names=$2 subdirs=$3 total=$(($2 + $3)) what="" word=entries
+    [ "$total" = 0 ] && return
+    [ "$total" = 1 ] && word=entry
+    [ "$names" != 0 ] && what="not .pcap or .pcap.gz: $names"
+    [ "$subdirs" != 0 ] && what="${what:+$what, }subdirectory: $subdirs"
+    printf 'binlog-decode: %s: skipped %s %s (%s)\n' "$dir" "$total" "$word" "$what"
+}
+
+# The note for the example captures directory, written as DIR: its entries
+# that are not captures are counted by the rule.
+example_dir_note() {
+    local path name names=0 subdirs=0
+    for path in "$CAPS"/* "$CAPS"/.*; do
+        name=${path##*/}
+        case $name in . | .. | '*' | '.*') continue ;; esac
+        if [ -d "$path" ]; then
+            subdirs=$((subdirs + 1))
+        else
+            case $name in
+                *.pcap | *pcap.gz*) ;;
+                *) names=$((names + 1)) ;;
+            esac
+        fi
+    done
+    skip_note "$1" "$names" "$subdirs"
 }
 
 # The two sample captures' outputs without statistics: the statistics are
@@ -108,6 +146,20 @@ without_stats() { grep -v '^>>' "$1"; }
 # library prints it.
 binlog_line() {
     printf '[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] [%s] \n' "$@"
+}
+
+# one_record FILE CELL [SYNTH OPTIONS]: a capture of one CellStateChange
+# record of cell CELL; one_record_line CELL: its decoded line.
+one_record() {
+    local file=$1 cell=$2
+    shift 2
+    synth "$file" "$@" <<EOF
+binlog L1:phy CellStateChange cellId=$cell carrier=1 state=ACTIVE sfn=0x2803
+EOF
+}
+one_record_line() {
+    binlog_line "2024-05-01T12:00:00.000Z" "L1:phy" "CellStateChange" "INFO" "DIAG" 1 \
+        "cellId=$1 carrier=1 " "Cell moved to state=ACTIVE at sfn=0000-03"
 }
 
 # ---------------------------------------------------------------------------
@@ -129,8 +181,10 @@ case_example_files() {
 }
 
 case_example_directory() {
-    # The directory form takes the "pcap.gz" entries in the order the
-    # directory yields them (not sorted).
+    # The directory form takes the captures in byte order of their names:
+    # ipv4_port5000.pcap.gz before link150.pcap.gz. The other entries (the
+    # scripts that made the captures, a README) are counted on standard
+    # error; they do not change the exit status.
     : >"$W/golden.out"
     local name
     while IFS= read -r name; do
@@ -140,15 +194,19 @@ case_example_directory() {
             *) fail "unexpected capture $name in $CAPS" ;;
         esac
     done < <(capture_entries "$CAPS")
-    [ "$(wc -l <"$W/golden.out")" -gt 40 ] || fail "the example directory lacks its captures"
+    cat "$EXP_IPV4" "$EXP_LINK150" >"$W/sorted.out"
+    same_file "$W/sorted.out" "$W/golden.out" "the example directory's captures"
     run_decode --stats --udp-port 5000 "$DICT" "$CAPS"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_text "$(example_dir_note "$CAPS")"$'\n'
+    grep -q '^binlog-decode: .*: skipped [1-9][0-9]* entr' "$W/err" ||
+        fail "the example directory's other entries were not counted"
+    # With a trailing slash the directory is named as written.
     run_decode --stats --udp-port 5000 "$DICT" "$CAPS/"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_text "$(example_dir_note "$CAPS/")"$'\n'
 }
 
 case_without_stats() {
@@ -317,9 +375,34 @@ case_output_file() {
     run_decode -o "$W/partial.txt" "$DICT" "$W/missing.pcap.gz" "$LINK150"
     expect_rc 1
     expect_out_empty
-    expect_err_text "File open failed [$W/missing.pcap.gz]"$'\n'
+    expect_err_text "binlog-decode: cannot open '$W/missing.pcap.gz': No such file or directory"$'\n'
     without_stats "$EXP_LINK150" >"$W/link150.out"
     same_file "$W/link150.out" "$W/partial.txt" "the -o file"
+    # "-o -" is standard output: no file named "-" is made.
+    mkdir -p "$W/cwd"
+    cd "$W/cwd" || exit 1
+    run_decode --stats --udp-port 5000 -o - "$DICT" "$LINK150" "$IPV4"
+    expect_rc 0
+    expect_out_file "$W/golden.out"
+    expect_err_empty
+    [ ! -e "$W/cwd/-" ] || fail "-o - made a file named -"
+    run_decode --stats --udp-port 5000 --output=- "$DICT" "$LINK150" "$IPV4"
+    expect_rc 0
+    expect_out_file "$W/golden.out"
+    expect_err_empty
+    # A later -o wins.
+    run_decode --stats -o "$W/first.txt" -o - "$DICT" "$LINK150"
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    if [ -e "$W/first.txt" ] || [ -e "$W/cwd/-" ]; then
+        fail "an output file was made"
+    fi
+    # A file really named "-" is written as ./-
+    run_decode --stats -o ./- "$DICT" "$LINK150"
+    expect_rc 0
+    expect_out_empty
+    same_file "$EXP_LINK150" "$W/cwd/-" "the file ./-"
+    cd "$W" || exit 1
 }
 
 case_output_not_writable() {
@@ -366,17 +449,24 @@ case_stdin() {
     cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
     expect_out_file "$W/golden.out"
     expect_err_empty
-    # Empty standard input is a capture without a global header.
+    # Empty standard input is no pcap file.
     run_decode "$DICT" - </dev/null
     expect_rc 1
     expect_out_empty
-    expect_err_text $'No global header found\n'
+    expect_err_text $'binlog-decode: \'-\' is not a pcap file (it is empty)\n'
+    # Standard input is read once: a second "-" decodes the same bytes again.
+    # shellcheck disable=SC2094 # the capture is only read
+    run_decode --stats "$DICT" - "$LINK150" - <"$LINK150"
+    expect_rc 0
+    cat "$EXP_LINK150" "$EXP_LINK150" "$EXP_LINK150" >"$W/three.out"
+    expect_out_file "$W/three.out"
+    expect_err_empty
 }
 
 case_capture_directory() {
-    # Only the entries whose names contain "pcap.gz" are decoded, in the
-    # order the directory yields them; other files and subdirectories are
-    # left alone.
+    # Of a directory, the regular files whose names end in ".pcap" or contain
+    # "pcap.gz" are decoded, in byte order of their names; the other entries
+    # are counted on standard error, by reason; the exit status stays 0.
     local d=$W/caps
     mkdir -p "$d/sub.d"
     cp "$LINK150" "$d/link150.pcap.gz"
@@ -386,31 +476,89 @@ case_capture_directory() {
     cp "$IPV4" "$d/other.gz"
     echo "not a capture" >"$d/readme.txt"
     cp "$LINK150" "$d/sub.d/nested.pcap.gz"
-    : >"$W/expected.out"
-    local name count=0
-    while IFS= read -r name; do
-        case $name in
-            link150.pcap.gz | again.pcap.gz.old) cat "$EXP_LINK150" >>"$W/expected.out" ;;
-            ipv4_port5000.pcap.gz) cat "$EXP_IPV4" >>"$W/expected.out" ;;
-            *) fail "unexpected entry $name" ;;
-        esac
-        count=$((count + 1))
-    done < <(capture_entries "$d")
-    [ "$count" = 3 ] || fail "expected 3 capture entries, found $count"
+    # Byte order: again.pcap.gz.old, ipv4_port5000.pcap.gz, link150.pcap.gz,
+    # plain.pcap; skipped: other.gz and readme.txt (names), sub.d.
+    cat "$EXP_LINK150" "$EXP_IPV4" "$EXP_LINK150" "$EXP_LINK150" >"$W/expected.out"
+    local note
+    note=$'binlog-decode: DIR: skipped 3 entries (not .pcap or .pcap.gz: 2, subdirectory: 1)\n'
     run_decode --stats --udp-port 5000 "$DICT" "$d"
     expect_rc 0
     expect_out_file "$W/expected.out"
-    expect_err_empty
+    expect_err_text "${note/DIR/$d}"
     run_decode --stats --udp-port 5000 "$DICT" "$d/"
     expect_rc 0
     expect_out_file "$W/expected.out"
-    expect_err_empty
+    expect_err_text "${note/DIR/$d/}"
     # A directory and a file in one call: the directory's captures first.
     cat "$W/expected.out" "$EXP_IPV4" >"$W/both.out"
     run_decode --stats --udp-port 5000 "$DICT" "$d" "$IPV4"
     expect_rc 0
     expect_out_file "$W/both.out"
-    expect_err_empty
+    expect_err_text "${note/DIR/$d}"
+    # The note comes at the directory's turn, after what the captures before
+    # it reported.
+    run_decode --stats --udp-port 5000 "$DICT" "$W/missing.pcap" "$d"
+    expect_rc 1
+    expect_out_file "$W/expected.out"
+    expect_err_text "binlog-decode: cannot open '$W/missing.pcap': No such file or directory"$'\n'"${note/DIR/$d}"
+}
+
+case_directory_order() {
+    # Byte order, not the locale's: "B" (42) < "_" (5f) < "a" (61) < "l" (6c)
+    # < the UTF-8 e-acute (c3 a9). A link to a capture is taken as the file it
+    # names; a pipe is skipped even with a capture name, and a subdirectory
+    # even with one.
+    local d=$W/order cell
+    mkdir -p "$d/sub.pcap.gz"
+    one_record "$d/a.pcap" 1 --plain
+    one_record "$d/B.pcap" 2 --plain
+    one_record "$d/_c.pcap.gz" 3 --gzip
+    one_record "$d/"$'\xc3\xa9'".pcap" 4 --plain
+    one_record "$W/target.pcap.gz" 5 --gzip
+    ln -s "$W/target.pcap.gz" "$d/link.pcap"
+    mkfifo "$d/fifo.pcap"
+    echo "notes" >"$d/notes.txt"
+    for cell in 2 3 1 5 4; do
+        one_record_line "$cell"
+    done >"$W/expected.out"
+    run_decode "$DICT" "$d"
+    expect_rc 0
+    expect_out_file "$W/expected.out"
+    expect_err_text "binlog-decode: $d: skipped 3 entries (not .pcap or .pcap.gz: 1, subdirectory: 1, not a regular file: 1)"$'\n'
+    # The same order whatever the locale.
+    LC_ALL=C.UTF-8 run_decode "$DICT" "$d"
+    expect_rc 0
+    expect_out_file "$W/expected.out"
+    # One skipped entry is an "entry".
+    rm -r "$d/sub.pcap.gz" "$d/fifo.pcap"
+    run_decode "$DICT" "$d"
+    expect_rc 0
+    expect_out_file "$W/expected.out"
+    expect_err_text "binlog-decode: $d: skipped 1 entry (not .pcap or .pcap.gz: 1)"$'\n'
+}
+
+case_empty_directory() {
+    # A directory without captures is a warning; the exit status stays what
+    # the other captures make it.
+    mkdir -p "$W/empty" "$W/nocaps/sub"
+    echo "notes" >"$W/nocaps/notes.txt"
+    run_decode "$DICT" "$W/empty"
+    expect_rc 0
+    expect_out_empty
+    expect_err_text "binlog-decode: $W/empty: no captures found"$'\n'
+    run_decode --stats "$DICT" "$W/empty/" "$LINK150"
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_text "binlog-decode: $W/empty/: no captures found"$'\n'
+    run_decode --stats "$DICT" "$LINK150" "$W/nocaps"
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_text "binlog-decode: $W/nocaps: skipped 2 entries (not .pcap or .pcap.gz: 1, subdirectory: 1)"$'\n'"binlog-decode: $W/nocaps: no captures found"$'\n'
+    # With a failing capture besides, the status is that capture's.
+    run_decode "$DICT" "$W/empty" "$W/missing.pcap"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text "binlog-decode: $W/empty: no captures found"$'\n'"binlog-decode: cannot open '$W/missing.pcap': No such file or directory"$'\n'
 }
 
 case_help() {
@@ -418,10 +566,10 @@ case_help() {
     expect_rc 0
     expect_err_empty
     cp "$W/out" "$W/help.out"
-    [ "$(head -n 1 "$W/help.out")" = "Usage: binlog-decode [options] DICTIONARY_DIR CAPTURE..." ] ||
-        fail "the help does not start with the usage line"
+    [ "$(head -n 2 "$W/help.out")" = "Usage: binlog-decode [options] -d DICTIONARY_DIR CAPTURE..."$'\n'"   or: binlog-decode [options] DICTIONARY_DIR CAPTURE..." ] ||
+        fail "the help does not start with the two usage lines"
     local option
-    for option in "-s, --stats" "-p, --udp-port PORT" "-m, --max-var-bytes N" \
+    for option in "-d, --dict DIR" "-s, --stats" "-p, --udp-port PORT" "-m, --max-var-bytes N" \
         "-u, --utc-offset MINUTES" "-o, --output FILE" "-h, --help" "-V, --version"; do
         grep -qF -- "  $option " "$W/help.out" || fail "the help does not list $option"
     done
@@ -434,6 +582,15 @@ case_help() {
     grep -qF "1 when the dictionaries did not load" "$W/help.flat" ||
         fail "the help lacks exit status 1"
     grep -qF "2 on a usage error" "$W/help.flat" || fail "the help lacks exit status 2"
+    # What a directory gives, where standard input is copied, what "-o -" is.
+    grep -qF 'names end in ".pcap" or contain "pcap.gz" are decoded, in byte order' \
+        "$W/help.flat" || fail "the help does not say which directory entries are decoded"
+    # shellcheck disable=SC2016 # the help names the variable
+    grep -qF 'temporary file in $TMPDIR (default /tmp)' "$W/help.flat" ||
+        fail "the help does not say where standard input is copied"
+    grep -qF 'FILE (- for standard output)' "$W/help.flat" || fail "the help lacks -o -"
+    grep -qF 'Only little-endian microsecond pcap is read' "$W/help.flat" ||
+        fail "the help does not say which pcap format is read"
     run_decode -h
     expect_rc 0
     expect_out_file "$W/help.out"
@@ -502,29 +659,30 @@ EOF
 }
 
 case_capture_errors() {
-    # A missing capture, and one below a regular file: the library's
-    # message, the other captures still decoded, exit status 1.
+    # A missing capture, and one below a regular file: the reason, the other
+    # captures still decoded, exit status 1.
+    local missing="binlog-decode: cannot open '$W/missing.pcap.gz': No such file or directory"$'\n'
     run_decode --stats "$DICT" "$W/missing.pcap.gz"
     expect_rc 1
     expect_out_empty
-    expect_err_text "File open failed [$W/missing.pcap.gz]"$'\n'
+    expect_err_text "$missing"
     run_decode "$DICT" "$LINK150/x.pcap.gz"
     expect_rc 1
     expect_out_empty
-    expect_err_text "File open failed [$LINK150/x.pcap.gz]"$'\n'
+    expect_err_text "binlog-decode: cannot open '$LINK150/x.pcap.gz': Not a directory"$'\n'
     run_decode --stats "$DICT" "$W/missing.pcap.gz" "$LINK150"
     expect_rc 1
     expect_out_file "$EXP_LINK150"
-    expect_err_text "File open failed [$W/missing.pcap.gz]"$'\n'
+    expect_err_text "$missing"
     run_decode --stats "$DICT" "$LINK150" "$W/missing.pcap.gz"
     expect_rc 1
     expect_out_file "$EXP_LINK150"
-    expect_err_text "File open failed [$W/missing.pcap.gz]"$'\n'
+    expect_err_text "$missing"
 
     # Not a log capture: a link type other than 1 and 150.
     synth "$W/linktype147.pcap" --plain <<'EOF'
 linktype 147
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 EOF
     run_decode --stats "$DICT" "$W/linktype147.pcap"
     expect_rc 1
@@ -538,8 +696,7 @@ EOF
     expect_out_file "$EXP_LINK150"
     expect_err_text $'Invalid link type 0 found. Not a valid log pcap file\n'
 
-    # No global header: an empty file, a header cut short, plain and gzip.
-    : >"$W/empty.pcap"
+    # A pcap global header cut short (the magic is there), plain and gzip.
     synth "$W/short.pcap" --plain <<'EOF'
 globalheader short=20
 EOF
@@ -547,13 +704,30 @@ EOF
 globalheader short=23
 EOF
     local f
-    for f in empty.pcap short.pcap short.pcap.gz; do
+    for f in short.pcap short.pcap.gz; do
         run_decode --stats "$DICT" "$W/$f"
         expect_rc 1
         expect_out_empty
         expect_err_text $'No global header found\n'
     done
     [ "$(stat -c %s "$W/short.pcap")" = 20 ] || fail "short.pcap is not 20 bytes long"
+    # Shorter than the magic, or empty: no pcap file at all.
+    synth "$W/short3.pcap" --plain <<'EOF'
+globalheader short=3
+EOF
+    run_decode --stats "$DICT" "$W/short3.pcap"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text "binlog-decode: '$W/short3.pcap' is not a pcap file (it holds only 3 bytes: d4 c3 b2)"$'\n'
+    printf '\x0a' >"$W/short1.pcap"
+    run_decode --stats "$DICT" "$W/short1.pcap"
+    expect_rc 1
+    expect_err_text "binlog-decode: '$W/short1.pcap' is not a pcap file (it holds only 1 byte: 0a)"$'\n'
+    : >"$W/empty.pcap"
+    run_decode --stats "$DICT" "$W/empty.pcap"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text "binlog-decode: '$W/empty.pcap' is not a pcap file (it is empty)"$'\n'
 
     # A capture that holds only a global header is read without error.
     synth "$W/header_only.pcap" --plain </dev/null
@@ -563,13 +737,74 @@ EOF
     expect_err_empty
 }
 
+case_not_pcap() {
+    # The first bytes tell what a capture is; for no capture at all the
+    # first four bytes are shown in hex (after decompression for gzip). The
+    # other captures are still decoded; exit status 1.
+    printf 'data,1,2\n' >"$W/notes.pcap"
+    run_decode --stats "$DICT" "$W/notes.pcap" "$LINK150"
+    expect_rc 1
+    expect_out_file "$EXP_LINK150"
+    expect_err_text "binlog-decode: '$W/notes.pcap' is not a pcap file (it starts with 64 61 74 61)"$'\n'
+    gzip -c "$W/notes.pcap" >"$W/notes.pcap.gz"
+    run_decode --stats "$DICT" "$LINK150" "$W/notes.pcap.gz"
+    expect_rc 1
+    expect_out_file "$EXP_LINK150"
+    expect_err_text "binlog-decode: '$W/notes.pcap.gz' is not a pcap file (its decompressed content starts with 64 61 74 61)"$'\n'
+    # A gzip stream with nothing in it, and one whose data is damaged (a
+    # deflate block of the reserved type 3).
+    printf '\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03' >"$W/hollow.pcap.gz"
+    run_decode "$DICT" "$W/hollow.pcap.gz"
+    expect_rc 1
+    expect_err_text "binlog-decode: '$W/hollow.pcap.gz' is not a pcap file (its decompressed content is empty)"$'\n'
+    printf '\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03\x07\x00\x00\x00' >"$W/damaged.pcap.gz"
+    run_decode "$DICT" "$W/damaged.pcap.gz" "$LINK150"
+    expect_rc 1
+    without_stats "$EXP_LINK150" >"$W/link150.out"
+    expect_out_file "$W/link150.out"
+    expect_err_text "binlog-decode: cannot read '$W/damaged.pcap.gz': invalid block type"$'\n'
+
+    # Captures of other formats: named, not read yet, skipped. The bytes are
+    # a whole global header of each kind, with link type 150.
+    local rest='\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\xff\xff\x00\x00\x96\x00\x00\x00'
+    local rest_be='\x00\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\xff\xff\x00\x00\x00\x96'
+    printf '\x4d\x3c\xb2\xa1%b' "$rest" >"$W/nano.pcap"
+    printf '\xa1\xb2\xc3\xd4%b' "$rest_be" >"$W/big.pcap"
+    printf '\xa1\xb2\x3c\x4d%b' "$rest_be" >"$W/bignano.pcap"
+    printf '\x0a\x0d\x0d\x0a\x1c\x00\x00\x00\x4d\x3c\x2b\x1a\x01\x00\x00\x00\xff\xff\xff\xff\xff\xff\xff\xff\x1c\x00\x00\x00' >"$W/next.pcapng"
+    gzip -c "$W/next.pcapng" >"$W/next.pcapng.gz"
+    [ "$(od -An -tx1 -N4 "$W/nano.pcap" | tr -d ' ')" = 4d3cb2a1 ] ||
+        fail "nano.pcap was not written as intended"
+    local tail=': this format is not read yet (only little-endian microsecond pcap is)'
+    local f kind
+    for f in nano.pcap:nanosecond big.pcap:big-endian bignano.pcap:big-endian\ nanosecond; do
+        kind=${f#*:}
+        f=${f%%:*}
+        run_decode --stats "$DICT" "$W/$f" "$LINK150"
+        expect_rc 1
+        expect_out_file "$EXP_LINK150"
+        expect_err_text "binlog-decode: '$W/$f' is a $kind pcap capture$tail"$'\n'
+    done
+    for f in next.pcapng next.pcapng.gz; do
+        run_decode "$DICT" "$W/$f"
+        expect_rc 1
+        expect_out_empty
+        expect_err_text "binlog-decode: '$W/$f' is a pcapng capture$tail"$'\n'
+    done
+    # From standard input the capture is named "-".
+    run_decode "$DICT" - <"$W/notes.pcap.gz"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text $'binlog-decode: \'-\' is not a pcap file (its decompressed content starts with 64 61 74 61)\n'
+}
+
 case_problems_inside_capture() {
     # Problems inside a capture are the library's to report, on standard
     # error; they do not change the exit status.
     synth "$W/inside.pcap" --plain <<'EOF'
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 record logid=0x09090001 payload=00
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=10243 cut=20
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 cut=20
 EOF
     binlog_line "2024-05-01T12:00:00.000Z" "L1:phy" "CellStateChange" "INFO" "DIAG" 1 \
         "cellId=7 carrier=1 " "Cell moved to state=ACTIVE at sfn=0000-03" >"$W/first.out"
@@ -590,8 +825,8 @@ EOF
     expect_err_text "$inside_err"
     # An oversized record stops the file too.
     synth "$W/oversized.pcap.gz" --gzip <<'EOF'
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=10243 storagelen=25001
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 storagelen=25001
 EOF
     run_decode --stats "$DICT" "$W/oversized.pcap.gz"
     expect_rc 0
@@ -611,15 +846,13 @@ case_ethernet_without_port() {
     expect_rc 1
     expect_out_file "$EXP_LINK150"
     expect_err_text "binlog-decode: '$IPV4' $msg"$'\n'
+    # In a directory: its note, then the Ethernet capture (first in name
+    # order) is reported and the link type 150 one decoded.
     run_decode "$DICT" "$CAPS"
     expect_rc 1
-    : >"$W/dir.out"
-    local name
-    while IFS= read -r name; do
-        [ "$name" = link150.pcap.gz ] && without_stats "$EXP_LINK150" >>"$W/dir.out"
-    done < <(capture_entries "$CAPS")
+    without_stats "$EXP_LINK150" >"$W/dir.out"
     expect_out_file "$W/dir.out"
-    expect_err_text "binlog-decode: '$CAPS/ipv4_port5000.pcap.gz' $msg"$'\n'
+    expect_err_text "$(example_dir_note "$CAPS")"$'\n'"binlog-decode: '$CAPS/ipv4_port5000.pcap.gz' $msg"$'\n'
     # From standard input the capture is named as the user named it.
     run_decode "$DICT" - <"$IPV4"
     expect_rc 1
@@ -628,7 +861,7 @@ case_ethernet_without_port() {
     # Over IPv6 too.
     synth "$W/ipv6.pcap" --plain <<'EOF'
 link ipv6 port=5000
-binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=10243
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 EOF
     run_decode "$DICT" "$W/ipv6.pcap"
     expect_rc 1
@@ -640,6 +873,339 @@ EOF
         "cellId=7 carrier=1 " "Cell moved to state=ACTIVE at sfn=0000-03" >"$W/ipv6.out"
     expect_out_file "$W/ipv6.out"
     expect_err_empty
+}
+
+case_dict_option() {
+    # -d/--dict names the dictionary; every operand is then a capture, so the
+    # first capture is not taken for the dictionary.
+    cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
+    run_decode --stats --udp-port 5000 --dict "$DICT" "$LINK150" "$IPV4"
+    expect_rc 0
+    expect_out_file "$W/golden.out"
+    expect_err_empty
+    run_decode -s -p 5000 -d "$DICT" "$LINK150" "$IPV4"
+    expect_rc 0
+    expect_out_file "$W/golden.out"
+    expect_err_empty
+    run_decode --stats "$LINK150" --dict="$DICT/"
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_empty
+    run_decode -s -d"$DICT" "$LINK150"
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_empty
+    # The last --dict wins.
+    run_decode -s -d "$W/nodict" -d "$DICT" "$LINK150"
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_empty
+    # A dictionary that does not load is named as given.
+    run_decode --dict "$W/nodict" "$LINK150"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text "Error in opening directory $W/nodict/ "$'\n'"binlog-decode: cannot load the dictionaries in '$W/nodict'"$'\n'
+    # With --dict, a directory operand is a capture directory, not the
+    # dictionary: the example dictionary holds no capture.
+    run_decode --dict "$DICT" "$DICT"
+    expect_rc 0
+    expect_out_empty
+    grep -qxF "binlog-decode: $DICT: no captures found" "$W/err" ||
+        fail "the dictionary directory was not taken as a capture directory"
+}
+
+case_output_is_input() {
+    # The output may not be one of the captures: exit status 2 before the
+    # dictionaries load or anything is written, the capture untouched.
+    mkdir -p "$W/caps"
+    cp "$LINK150" "$W/caps/victim.pcap.gz"
+    cp "$LINK150" "$W/original.pcap.gz"
+    local victim=$W/caps/victim.pcap.gz
+    refused() {
+        local shown=$1
+        shift
+        run_decode "$@"
+        expect_rc 2
+        expect_out_empty
+        expect_err_text "binlog-decode: the output '$shown' is the capture '$victim': refusing to overwrite it"$'\n'
+        cmp -s "$W/original.pcap.gz" "$victim" || fail "the capture was changed"
+    }
+    refused "$victim" -o "$victim" "$DICT" "$victim"
+    refused "$victim" --output "$victim" "$DICT" "$LINK150" "$victim"
+    # Named otherwise: through "..", a link, another hard link; the capture
+    # found inside a directory operand; a missing dictionary does not matter.
+    refused "$W/caps/../caps/victim.pcap.gz" -o "$W/caps/../caps/victim.pcap.gz" "$DICT" "$victim"
+    ln -s "$victim" "$W/link.pcap.gz"
+    refused "$W/link.pcap.gz" -o "$W/link.pcap.gz" "$DICT" "$victim"
+    ln "$victim" "$W/hard.pcap.gz"
+    refused "$W/hard.pcap.gz" -o "$W/hard.pcap.gz" "$W/nodict" "$victim"
+    local note="binlog-decode: the output '$victim' is the capture '$W/caps/victim.pcap.gz': refusing to overwrite it"
+    run_decode -o "$victim" --dict "$DICT" "$W/caps"
+    expect_rc 2
+    expect_out_empty
+    expect_err_text "$note"$'\n'
+    cmp -s "$W/original.pcap.gz" "$victim" || fail "the capture was changed"
+    # Standard input redirected from the capture.
+    # shellcheck disable=SC2094 # refused before anything is written
+    run_decode -o "$victim" "$DICT" - <"$victim"
+    expect_rc 2
+    expect_out_empty
+    expect_err_text "binlog-decode: the output '$victim' is the capture '-': refusing to overwrite it"$'\n'
+    cmp -s "$W/original.pcap.gz" "$victim" || fail "the capture was changed"
+    # Standard output appending to a capture (with or without "-o -").
+    local opt
+    for opt in "" "-o-"; do
+        last_cmd="binlog-decode $opt DICT victim >>victim"
+        # shellcheck disable=SC2094 # refused before anything is written
+        timeout 120 "${EMU[@]}" "$DECODE" $opt "$DICT" "$victim" >>"$victim" 2>"$W/err"
+        rc=$?
+        expect_rc 2
+        expect_err_text "binlog-decode: standard output is the capture '$victim': refusing to write into it"$'\n'
+        cmp -s "$W/original.pcap.gz" "$victim" || fail "the capture was changed"
+    done
+    # Any other file is written, also one beside the captures in the
+    # directory (it does not exist yet, so it is not among them).
+    run_decode --stats -o "$W/caps/decoded.pcap" "$DICT" "$W/caps"
+    expect_rc 0
+    expect_out_empty
+    expect_err_empty
+    same_file "$EXP_LINK150" "$W/caps/decoded.pcap" "the output file"
+}
+
+# feed FIFO COMMAND...: writes the output of COMMAND into the named pipe FIFO
+# in the background; it gives up after a minute if no one reads.
+feed() {
+    local fifo=$1
+    shift
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    timeout 60 bash -c 'fifo=$1; shift; "$@" >"$fifo"' feed "$fifo" "$@" &
+}
+
+case_capture_once() {
+    # Each capture is opened once: a named pipe, /dev/stdin and a process
+    # substitution are decoded like the file they carry.
+    mkfifo "$W/fifo.pcap.gz"
+    feed "$W/fifo.pcap.gz" cat "$LINK150"
+    run_decode --stats "$DICT" "$W/fifo.pcap.gz"
+    wait
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_empty
+    feed "$W/fifo.pcap.gz" gzip -dc "$LINK150"
+    run_decode --stats "$DICT" "$LINK150" "$W/fifo.pcap.gz" "$LINK150"
+    wait
+    expect_rc 0
+    cat "$EXP_LINK150" "$EXP_LINK150" "$EXP_LINK150" >"$W/three.out"
+    expect_out_file "$W/three.out"
+    expect_err_empty
+    run_decode --stats "$DICT" /dev/stdin < <(cat "$LINK150")
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_empty
+    run_decode --stats "$DICT" <(cat "$LINK150")
+    expect_rc 0
+    expect_out_file "$EXP_LINK150"
+    expect_err_empty
+    run_decode --stats --udp-port 5000 "$DICT" <(cat "$LINK150") <(gzip -dc "$IPV4")
+    expect_rc 0
+    cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
+    expect_out_file "$W/golden.out"
+    expect_err_empty
+    # Messages name the capture as the user did.
+    run_decode "$DICT" /dev/stdin < <(cat "$IPV4")
+    expect_rc 1
+    expect_out_empty
+    expect_err_text "binlog-decode: '/dev/stdin' is Ethernet-framed: choose the UDP port of its log datagrams with --udp-port"$'\n'
+    feed "$W/fifo.pcap.gz" printf 'text\n'
+    run_decode "$DICT" "$W/fifo.pcap.gz"
+    wait
+    expect_rc 1
+    expect_err_text "binlog-decode: '$W/fifo.pcap.gz' is not a pcap file (it starts with 74 65 78 74)"$'\n'
+    run_decode "$DICT" /dev/stdin </dev/null
+    expect_rc 1
+    expect_err_text $'binlog-decode: \'/dev/stdin\' is not a pcap file (it is empty)\n'
+}
+
+# The temporary files binlog-decode made in directory $1, one a line.
+temp_files_in() {
+    find "$1" -maxdepth 1 -name 'binlog-decode-*'
+}
+
+# Waits (at most 20 s) until process $1 has a temporary file open, and prints
+# its path.
+open_temp_file() {
+    local pid=$1 tries=0 fd target
+    while [ "$tries" -lt 200 ]; do
+        for fd in /proc/"$pid"/fd/*; do
+            target=$(readlink "$fd" 2>/dev/null) || continue
+            case ${target##*/} in
+                binlog-decode-*)
+                    printf '%s\n' "$target"
+                    return 0
+                    ;;
+            esac
+        done
+        sleep 0.1
+        tries=$((tries + 1))
+    done
+    return 1
+}
+
+# Waits at most 20 s for background process $1 to end and sets $rc to its
+# exit status; a process still running then is killed (status 137).
+wait_bounded() {
+    local tries=0
+    while kill -0 "$1" 2>/dev/null && [ "$tries" -lt 200 ]; do
+        sleep 0.1
+        tries=$((tries + 1))
+    done
+    kill -0 "$1" 2>/dev/null && kill -s KILL "$1"
+    wait "$1"
+    rc=$?
+}
+
+case_temp_files() {
+    # Standard input and pipes are copied into $TMPDIR, and the copy is
+    # removed on every way out.
+    local tmp=$W/tmp
+    mkdir -p "$tmp"
+    cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
+    TMPDIR=$tmp run_decode --stats --udp-port 5000 "$DICT" - <(cat "$IPV4") <"$LINK150"
+    expect_rc 0
+    expect_out_file "$W/golden.out"
+    expect_err_empty
+    [ -z "$(temp_files_in "$tmp")" ] || fail "temporary files left after a normal run"
+    # $TMPDIR is where they go: one that does not exist fails the copies
+    # (and only them).
+    # shellcheck disable=SC2094 # the capture is only read
+    TMPDIR=$W/none run_decode --stats "$DICT" - "$LINK150" <"$LINK150"
+    expect_rc 1
+    expect_out_file "$EXP_LINK150"
+    expect_err_text "binlog-decode: cannot create a temporary file in '$W/none': No such file or directory"$'\n'
+    # Error exits: a copy that is no capture, an output that cannot be
+    # written.
+    printf 'text\n' >"$W/text.txt"
+    TMPDIR=$tmp run_decode "$DICT" - <"$W/text.txt"
+    expect_rc 1
+    [ -z "$(temp_files_in "$tmp")" ] || fail "temporary files left after an error"
+    if [ -w /dev/full ]; then
+        # shellcheck disable=SC2094 # the capture is only read
+        TMPDIR=$tmp OUT_TARGET=/dev/full run_decode "$DICT" - <(cat "$LINK150") <"$LINK150"
+        expect_rc 1
+        expect_err_text $'binlog-decode: error writing the output: No space left on device\n'
+        [ -z "$(temp_files_in "$tmp")" ] || fail "temporary files left after a write error"
+    fi
+    # A reader that goes away: SIGPIPE ends the program, the copy is gone.
+    synth "$W/many.pcap" --plain <<'EOF'
+repeat 5000 binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
+EOF
+    # (env --default-signal: the program gets the signals with their default
+    # action even where this shell was started with them ignored.)
+    last_cmd="binlog-decode DICT - <many.pcap | head -c 10"
+    TMPDIR=$tmp timeout 120 env --default-signal=PIPE "${EMU[@]}" "$DECODE" "$DICT" - \
+        <"$W/many.pcap" 2>"$W/err" | head -c 10 >/dev/null
+    rc=${PIPESTATUS[0]}
+    expect_rc 141
+    expect_err_empty
+    [ -z "$(temp_files_in "$tmp")" ] || fail "temporary files left after SIGPIPE"
+
+    # A signal during the copy: the program ends by that signal and removes
+    # its file. The pipe stays open on this side, so the copy waits for more.
+    mkfifo "$W/feed"
+    local signal status pid file
+    for signal in TERM INT HUP; do
+        case $signal in TERM) status=143 ;; INT) status=130 ;; HUP) status=129 ;; esac
+        TMPDIR=$tmp env --default-signal=INT,TERM,HUP "${EMU[@]}" "$DECODE" "$DICT" - \
+            <"$W/feed" >"$W/out" 2>"$W/err" &
+        pid=$!
+        exec 3>"$W/feed"
+        cat "$LINK150" >&3
+        last_cmd="binlog-decode DICT - <feed, then SIG$signal"
+        if file=$(open_temp_file "$pid"); then
+            case $file in
+                "$tmp"/binlog-decode-*) ;;
+                *) fail "the temporary file $file is not in \$TMPDIR" ;;
+            esac
+            [ -e "$file" ] || fail "the temporary file $file does not exist"
+        else
+            fail "no temporary file was seen open"
+        fi
+        kill -s "$signal" "$pid"
+        exec 3>&-
+        wait_bounded "$pid"
+        expect_rc "$status"
+        expect_out_empty
+        expect_err_empty
+        [ -z "$(temp_files_in "$tmp")" ] || fail "temporary files left after SIG$signal"
+    done
+    # Without TMPDIR the file goes to /tmp.
+    env -u TMPDIR --default-signal=TERM "${EMU[@]}" "$DECODE" "$DICT" - \
+        <"$W/feed" >"$W/out" 2>"$W/err" &
+    pid=$!
+    exec 3>"$W/feed"
+    last_cmd="binlog-decode DICT - <feed without TMPDIR, then SIGTERM"
+    file=""
+    if file=$(open_temp_file "$pid"); then
+        case $file in
+            /tmp/binlog-decode-*) ;;
+            *) fail "without TMPDIR the temporary file is $file" ;;
+        esac
+    else
+        fail "no temporary file was seen open"
+    fi
+    kill -s TERM "$pid"
+    exec 3>&-
+    wait_bounded "$pid"
+    expect_rc 143
+    if [ -z "$file" ] || [ -e "$file" ]; then
+        fail "the temporary file '$file' was left"
+    fi
+}
+
+case_out_of_memory() {
+    # A dictionary whose array of 25000 elements shows each element as a
+    # 100000-character enumeration name makes a record text of 2.5 GB. Under
+    # a 256 MiB address-space limit its allocation fails: a message, exit
+    # status 1, no abort, the temporary copy removed.
+    mkdir -p "$W/hugedict" "$W/tmp"
+    cat >"$W/hugedict/huge_binlog.xml" <<'EOF'
+<LoggingSubSystem subsystem="X" subsystemId="9" module="big" moduleid="9" binlogversion="1">
+  <LogId name="Huge" category="DIAG" logString="huge">
+    <param type="TavUint8_t" nameList="v" count="25000" displayFormat="Long"/>
+  </LogId>
+</LoggingSubSystem>
+EOF
+    {
+        printf '<displays><enum name="Long"><entry value="0" text="'
+        head -c 100000 /dev/zero | tr '\0' 'x'
+        printf '"/></enum></displays>\n'
+    } >"$W/hugedict/huge_bindisplay.xml"
+    synth "$W/huge.pcap" --plain <<'EOF'
+record logid=0x09090001 version=1 payload=00
+EOF
+    # From standard input: the copy exists while the record is decoded.
+    (
+        ulimit -v 262144 || exit 99
+        TMPDIR=$W/tmp run_decode "$W/hugedict" - "$LINK150" <"$W/huge.pcap"
+        echo "$rc" >"$W/rc"
+    )
+    [ $? = 99 ] && fail "the address-space limit could not be set"
+    rc=$(cat "$W/rc")
+    last_cmd="(ulimit -v 262144; binlog-decode HUGEDICT - LINK150 <huge.pcap)"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text $'binlog-decode: out of memory while decoding standard input; stopping\n'
+    [ -z "$(temp_files_in "$W/tmp")" ] || fail "temporary files left after running out of memory"
+    (
+        ulimit -v 262144 || exit 99
+        run_decode --dict "$W/hugedict" "$W/huge.pcap"
+        echo "$rc" >"$W/rc"
+    )
+    rc=$(cat "$W/rc")
+    last_cmd="(ulimit -v 262144; binlog-decode --dict HUGEDICT huge.pcap)"
+    expect_rc 1
+    expect_out_empty
+    expect_err_text "binlog-decode: out of memory while decoding '$W/huge.pcap'; stopping"$'\n'
 }
 
 # usage_error MESSAGE ARGS...: exit status 2, nothing on standard output, and
@@ -676,6 +1242,12 @@ case_usage_errors() {
     usage_error "$missing"
     usage_error "$missing" "$DICT"
     usage_error "$missing" --stats -p 5000 "$DICT"
+    # With --dict every operand is a capture, and one is needed.
+    local no_capture=$'binlog-decode: expected at least one capture\n'"$TRY"
+    usage_error "$no_capture" --dict "$DICT"
+    usage_error "$no_capture" -s -d "$DICT"
+    getopt_error "--dict" "$LINK150" --dict
+    getopt_error "'d'" "$LINK150" -d
     # Unknown options and options without their argument.
     getopt_error "--bogus" --bogus "$DICT" "$LINK150"
     getopt_error "'x'" -x "$DICT" "$LINK150"

@@ -289,11 +289,16 @@ TEST(SynthEncoder, EnumerationNamesAndFrameNumbers) {
     EXPECT_FALSE(parseFieldValue(fieldOf(layout, "state"), "NEG", &formatter, v, error));
     ASSERT_TRUE(parseFieldValue(fieldOf(layout, "signedState"), "NEG", &formatter, v, error));
     EXPECT_EQ(v.ints.at(0), 0xFFFFu);
-    // FRAME-SUBFRAME: frame x 10 + subframe.
-    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "1024-3", &formatter, v, error));
-    EXPECT_EQ(v.ints.at(0), 10243u);
+    // FRAME-SUBFRAME: frame x 10 + subframe, as the decoder prints it too.
+    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "1023-3", &formatter, v, error));
+    EXPECT_EQ(v.ints.at(0), 10233u);
     ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "0210-05", &formatter, v, error));
     EXPECT_EQ(v.ints.at(0), 2105u);
+    // Frame 1024 would show as frame 0.
+    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "sfn"), "1024-3", &formatter, v, error));
+    EXPECT_EQ(error,
+              "bad value \"1024-3\" for TavUint32_t parameter sfn: frame 1024 is above 1023 (it "
+              "would show as 0000-03; write 0x2803 to store it anyway)");
     EXPECT_FALSE(parseFieldValue(fieldOf(layout, "sfn16"), "1024-3", &formatter, v, error));
 }
 

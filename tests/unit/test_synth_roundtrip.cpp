@@ -69,18 +69,21 @@ const char* const kDisplay = R"(<?xml version="1.0"?>
 constexpr unsigned short kPort = 5000;
 constexpr unsigned short kMaxVarBytes = 2;
 
+// The frame stamps 12345, 10243 and 10240 (0x3039, 0x2803, 0x2800: frame
+// numbers above 1023, written as bits since no sender writes them) show how
+// the decoder keeps the frame number to 10 bits.
 const char* const kRecords =
     "start 2024-05-01T12:00:00.250Z\n"
     "step 1ms\n"
-    "binlog RAN:cell StateChange seq=5 cellId=7 carrier=1 state=ACTIVE sfn=12345\n"
+    "binlog RAN:cell StateChange seq=5 cellId=7 carrier=1 state=ACTIVE sfn=0x3039\n"
     "binlog RAN:cell AllKinds level=DEBUG cellId=9 carrier=2 vb=01020304 s=abc b=0a1bff "
     "i8=-128 u8=255 i16=-1,2 u16=65535 i32=-100000 u32=4000000000 i64=-2 "
     "u64=18446744073709551615\n"
-    "legacy RAN:cell Trace frame=10243 ueId=1 rnti=2 cid=12 tag=abc detail=xyz\n"
+    "legacy RAN:cell Trace frame=0x2803 ueId=1 rnti=2 cid=12 tag=abc detail=xyz\n"
     "syslog seq=3 tag=mytag text=\"hello\\nworld\"\n"
     "capture seq=7 bytes=16\n"
     "binlog OAM:sys Boot level=NOTICE count=3\n"
-    "binlog RAN:cell StateChange state=9 sfn=10240\n";
+    "binlog RAN:cell StateChange state=9 sfn=0x2800\n";
 
 // Line layouts: "[%s] [%10s] [%25s] [%8s] [%10s] [%u] [%s] [%s] \n" with a
 // module header, the legacy, syslog and capture layouts; the message texts

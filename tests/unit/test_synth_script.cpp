@@ -325,7 +325,7 @@ TEST_F(SynthScript, HeaderFieldsSequenceNumbersAndTimes) {
 
 TEST_F(SynthScript, BinLogPayloads) {
     const std::vector<Rec> r = records(
-        "binlog RAN:cell StateChange cellId=0x0102 carrier=3 state=ACTIVE sfn=1234-5\n"
+        "binlog RAN:cell StateChange cellId=0x0102 carrier=3 state=ACTIVE sfn=1023-9\n"
         "binlog RAN:cell Clash hdr.cellId=7 log.cellId=8\n"
         "binlog RAN:cell Second\n"
         "binlog OAM:sys Boot payload=0102 extra=03\n"
@@ -337,8 +337,8 @@ TEST_F(SynthScript, BinLogPayloads) {
               "0201"
               "03"
               "00"
-              "39300000"
-              "0200");  // 12345 = 0x3039
+              "ff270000"
+              "0200");  // 10239 = 0x27ff
     EXPECT_EQ(r[1].payloadHex(),
               "0700"
               "00"
@@ -378,13 +378,13 @@ TEST_F(SynthScript, HeaderOverrides) {
 
 TEST_F(SynthScript, LegacyPayloadFromNamesAndSlots) {
     const std::vector<Rec> r = records(
-        "legacy RAN:cell Trace frame=1024-3 ueId=1 rnti=2 cid=12 tag=abc detail=xyz\n"
+        "legacy RAN:cell Trace frame=1023-3 ueId=1 rnti=2 cid=12 tag=abc detail=xyz\n"
         "legacy RAN:cell Trace frame=7 u32=1,2,3,4,5 u8=9,8,7,6 text1=\"a b\" "
         "text2=TRAILERTRAILER\n");
     ASSERT_EQ(r.size(), 2u);
     ASSERT_EQ(r[0].data.size(), 16u + 56u);
     EXPECT_EQ(r[0].payloadHex(),
-              "03280000"  // 10243
+              "f9270000"  // 10233
               "01000000"
               "02000000"
               "00000000"
@@ -501,6 +501,91 @@ TEST_F(SynthScript, RandomFillFollowsTheSeed) {
     EXPECT_NE(all, allC);
 }
 
+TEST_F(SynthScript, FrameStampsStayWithinWhatTheDecoderShows) {
+    // SF-SFN values are FRAME * 10 + SUBFRAME, frames 0-1023 and subframes
+    // 0-9; 0x numbers are written as the bits given.
+    const std::vector<Rec> r = records(
+        "binlog RAN:cell StateChange sfn=0-0\n"
+        "binlog RAN:cell StateChange sfn=1023-9\n"
+        "binlog RAN:cell StateChange sfn=10239\n"
+        "binlog RAN:cell StateChange sfn=0x3039\n"
+        "legacy RAN:cell Trace frame=512-3\n"
+        "legacy RAN:cell Trace frame=10239\n"
+        "legacy RAN:cell Trace frame=0x2803\n");
+    ASSERT_EQ(r.size(), 7u);
+    // Module header (4 bytes), then sfn.
+    EXPECT_EQ(r[0].payloadHex().substr(8, 8), "00000000");
+    EXPECT_EQ(r[1].payloadHex().substr(8, 8), "ff270000");  // 10239
+    EXPECT_EQ(r[2].payloadHex().substr(8, 8), "ff270000");
+    EXPECT_EQ(r[3].payloadHex().substr(8, 8), "39300000");  // 12345
+    EXPECT_EQ(r[4].payloadHex().substr(0, 8), "03140000");  // 5123 = 0x1403
+    EXPECT_EQ(r[5].payloadHex().substr(0, 8), "ff270000");
+    EXPECT_EQ(r[6].payloadHex().substr(0, 8), "03280000");  // 10243
+
+    const std::string what = "s.synth:3: bad value ";
+    const std::string prefix = "syslog tag=a\nbinlog RAN:cell First\n";
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=1234-5\n"),
+              what +
+                  "\"1234-5\" for TavUint32_t parameter sfn: frame 1234 is above 1023 (it "
+                  "would show as 0210-05; write 0x3039 to store it anyway)");
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=1024-0\n"),
+              what +
+                  "\"1024-0\" for TavUint32_t parameter sfn: frame 1024 is above 1023 (it "
+                  "would show as 0000-00; write 0x2800 to store it anyway)");
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=5-10\n"),
+              what + "\"5-10\" for TavUint32_t parameter sfn: subframe 10 is above 9");
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=10240\n"),
+              what +
+                  "\"10240\" for TavUint32_t parameter sfn: 10240 is frame 1024, above 1023 "
+                  "(it would show as 0000-00; write 0x2800 to store it anyway)");
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=-1\n"),
+              what + "\"-1\" for TavUint32_t parameter sfn: a frame stamp is not negative");
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=5-0x1\n"),
+              what +
+                  "\"5-0x1\" for TavUint32_t parameter sfn (FRAME-SUBFRAME up to 1023-9, "
+                  "FRAME*10+SUBFRAME up to 10239, or 0x bits)");
+    EXPECT_EQ(errorOf(prefix + "binlog RAN:cell StateChange sfn=0x100000000\n"),
+              what +
+                  "\"0x100000000\" for TavUint32_t parameter sfn (FRAME-SUBFRAME up to "
+                  "1023-9, FRAME*10+SUBFRAME up to 10239, or 0x bits)");
+    // The legacy record's frame timing follows the same rules.
+    EXPECT_EQ(errorOf(prefix + "legacy RAN:cell Trace frame=1024-3\n"),
+              what +
+                  "\"1024-3\" for frame=: frame 1024 is above 1023 (it would show as "
+                  "0000-03; write 0x2803 to store it anyway)");
+    EXPECT_EQ(errorOf(prefix + "legacy RAN:cell Trace frame=10243\n"),
+              what +
+                  "\"10243\" for frame=: 10243 is frame 1024, above 1023 (it would show as "
+                  "0000-03; write 0x2803 to store it anyway)");
+    EXPECT_EQ(errorOf(prefix + "legacy RAN:cell Trace frame=7-12\n"),
+              what + "\"7-12\" for frame=: subframe 12 is above 9");
+}
+
+TEST_F(SynthScript, ALogByItsPositionNeedsNoQuotes) {
+    // "@N" is the N-th log of the module's file; "#N" still works quoted
+    // (unquoted, '#' starts a comment and the line lacks its log).
+    const std::vector<Rec> r = records(
+        "binlog RAN:cell @2 n=7  # Second\n"
+        "binlog RAN:cell Second n=7\n"
+        "binlog RAN:cell \"#2\" n=7\n"
+        "legacy RAN:cell @4 ueId=3\n");
+    ASSERT_EQ(r.size(), 4u);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(r[i].logId(), 0x03040002u) << i;
+        EXPECT_EQ(r[i].payloadHex(), r[1].payloadHex()) << i;
+    }
+    EXPECT_EQ(r[0].payloadHex(), "0000000007000000");
+    EXPECT_EQ(r[3].logId(), 0x03040004u);
+    EXPECT_EQ(r[3].packetType(), 1u);
+    EXPECT_EQ(r[3].payloadHex().substr(0, 16), "0000000003000000");
+
+    EXPECT_EQ(errorOf("binlog RAN:cell @9\n"),
+              "s.synth:1: module RAN:cell has no log with index 9");
+    EXPECT_EQ(errorOf("binlog RAN:cell @x\n"), "s.synth:1: bad log index @x");
+    EXPECT_EQ(errorOf("binlog RAN:cell #2 n=7\n"),
+              "s.synth:1: binlog needs a module and a log: binlog SUBSYSTEM:MODULE LOGNAME|@N ...");
+}
+
 TEST_F(SynthScript, RecordErrorsNameTheLine) {
     EXPECT_EQ(errorOf("\nbinlog RAN:nope X\n"),
               "s.synth:2: unknown module RAN:nope (known: RAN:cell, OAM:sys)");
@@ -520,7 +605,7 @@ TEST_F(SynthScript, RecordErrorsNameTheLine) {
               "s.synth:1: bad value \"RUNNING\" for TavUint16_t parameter state (a number or a "
               "name of enumeration CellState)");
     EXPECT_EQ(errorOf("binlog RAN:cell\n"),
-              "s.synth:1: binlog needs a module and a log: binlog SUBSYSTEM:MODULE LOGNAME ...");
+              "s.synth:1: binlog needs a module and a log: binlog SUBSYSTEM:MODULE LOGNAME|@N ...");
     EXPECT_EQ(errorOf("syslog tag=seventeen-chars-x\n"),
               "s.synth:1: a syslog tag holds at most 16 bytes");
     EXPECT_EQ(errorOf("legacy RAN:cell Trace tag=fifteen-chars-x\n"),

@@ -1,7 +1,10 @@
 // binlog-synth: writes binary log captures for a dictionary directory, either
 // a random mix of records or the records a script lists.
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cerrno>
 #include <cstdarg>
@@ -37,13 +40,14 @@ using wexbl_cli::message;
 
 void printUsage(FILE* to) {
     fprintf(to,
-            "Usage: %s --dict DIR --out FILE --records N [options]   (random mode)\n"
-            "       %s [--dict DIR] --out FILE --script FILE [options] (scripted mode)\n"
+            "Usage: %s --dict DIR --output FILE --records N [options]   (random mode)\n"
+            "       %s [--dict DIR] --output FILE --script FILE [options] (scripted mode)\n"
             "Write a binary log capture (pcap, plain or gzip) for a dictionary directory.\n"
             "\n"
             "  -d, --dict DIR          dictionary directory (binlog and bindisplay XML files)\n"
-            "  -o, --out FILE          capture to write; - for standard output\n"
-            "  -s, --script FILE       scripted mode: write the records FILE lists\n"
+            "  -o, --output FILE       capture to write; - for standard output (--out is\n"
+            "                          the same)\n"
+            "      --script FILE       scripted mode: write the records FILE lists\n"
             "                          (- for standard input; format in tools/synth/README.md)\n"
             "  -n, --records N         random mode: write N records\n"
             "\n"
@@ -52,9 +56,11 @@ void printUsage(FILE* to) {
             "      --plain             do not compress\n"
             "      --gzip-level N      compression level 0-9 (default: 1 in random mode,\n"
             "                          zlib's default for scripts)\n"
+            "      --force             write to standard output even when it is a terminal\n"
             "  -l, --link KIND         150 (default), ipv4 or ipv6 (Ethernet, UDP)\n"
-            "  -p, --udp-port P        UDP destination port (default 5000; alone it\n"
-            "                          selects ipv4)\n"
+            "  -p, --udp-port P        UDP destination port (default 5000); without --link\n"
+            "                          it makes the capture Ethernet: ipv4, or ipv6 when the\n"
+            "                          script says link ipv6\n"
             "      --start TIME        first time stamp: 2024-05-01T12:00:00.250Z or\n"
             "                          seconds since 1970 (default 2024-05-01T12:00:00Z)\n"
             "\n"
@@ -66,7 +72,7 @@ void printUsage(FILE* to) {
             "      --reorder-every K   every K-th record is sent before its predecessor\n"
             "      --repeat-every K    every K-th record repeats its predecessor's number\n"
             "      --mix LIST          weights, e.g. binlog=960,syslog=20,legacy=10,capture=10\n"
-            "      --max-var-bytes N   longest random var binary string (default 48)\n"
+            "      --max-var-length N  longest random var binary string (default 48)\n"
             "  -v, --verbose           print what was written on standard error\n"
             "\n"
             "  -h, --help              show this help and exit\n"
@@ -74,9 +80,12 @@ void printUsage(FILE* to) {
             "\n"
             "Command-line --gzip/--plain, --link and --udp-port win over a script's\n"
             "own settings; --start sets the clock before the script's first line.\n"
+            "A file is written under a temporary name beside it and takes its place only\n"
+            "when everything was written: on a failure an existing file is left as it was.\n"
             "\n"
             "Exit status: 0 on success, 1 when the dictionary, the script or the output\n"
-            "fails (a partly written output file is removed), 2 on a usage error.\n",
+            "fails, 2 on a usage error (also when standard output is a terminal and the\n"
+            "output is -, unless --force).\n",
             kProgram, kProgram);
 }
 
@@ -153,16 +162,67 @@ enum OptionId {
     kOptReorderEvery,
     kOptRepeatEvery,
     kOptMix,
-    kOptMaxVarBytes,
+    kOptMaxVarLength,
+    kOptOldMaxVarBytes,
+    kOptScript,
+    kOptForce,
 };
+
+/// The temporary file being written, removed by the handler of a signal
+/// that ends the program (a NUL-terminated copy: the handler may only call
+/// async-signal-safe functions).
+char gTemporaryPath[4096];
+
+void removeTemporaryAndDie(int sig) {
+    if (gTemporaryPath[0] != '\0') {
+        unlink(gTemporaryPath);
+    }
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = SIG_DFL;
+    sigaction(sig, &action, nullptr);
+    raise(sig);
+}
+
+const int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+/// Removes the temporary file `sink` writes when the program is ended by
+/// SIGINT, SIGTERM or SIGHUP.
+void removeTemporaryOnSignals(const OutputSink& sink) {
+    const std::string& path = sink.temporaryPath();
+    if (path.empty() || path.size() >= sizeof gTemporaryPath) {
+        return;
+    }
+    memcpy(gTemporaryPath, path.c_str(), path.size() + 1);
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = removeTemporaryAndDie;
+    sigemptyset(&action.sa_mask);
+    for (const int sig : kEndingSignals) {
+        struct sigaction current;
+        // A signal the program was started ignoring stays ignored.
+        if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
+            sigaction(sig, &action, nullptr);
+        }
+    }
+}
+
+void forgetTemporary() {
+    sigset_t all, old;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &old);
+    gTemporaryPath[0] = '\0';
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
     static const option kOptions[] = {
         {"dict", required_argument, nullptr, 'd'},
+        {"output", required_argument, nullptr, 'o'},
         {"out", required_argument, nullptr, 'o'},
-        {"script", required_argument, nullptr, 's'},
+        {"script", required_argument, nullptr, kOptScript},
         {"records", required_argument, nullptr, 'n'},
         {"gzip", no_argument, nullptr, 'z'},
         {"plain", no_argument, nullptr, kOptPlain},
@@ -176,7 +236,9 @@ int main(int argc, char** argv) {
         {"reorder-every", required_argument, nullptr, kOptReorderEvery},
         {"repeat-every", required_argument, nullptr, kOptRepeatEvery},
         {"mix", required_argument, nullptr, kOptMix},
-        {"max-var-bytes", required_argument, nullptr, kOptMaxVarBytes},
+        {"max-var-length", required_argument, nullptr, kOptMaxVarLength},
+        {"max-var-bytes", required_argument, nullptr, kOptOldMaxVarBytes},
+        {"force", no_argument, nullptr, kOptForce},
         {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
@@ -184,7 +246,7 @@ int main(int argc, char** argv) {
     };
 
     std::string dictDir, outPath, scriptPath;
-    bool haveRecords = false, verbose = false;
+    bool haveRecords = false, verbose = false, force = false;
     int gzipChoice = -1;  // -1: not given, 0: plain, 1: gzip
     int gzipLevel = -1;
     bool linkGiven = false, portGiven = false;
@@ -196,7 +258,7 @@ int main(int argc, char** argv) {
 
     opterr = 0;
     int c = 0;
-    while ((c = getopt_long(argc, argv, ":d:o:s:n:zl:p:vhV", kOptions, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, ":d:o:n:zl:p:vhV", kOptions, nullptr)) != -1) {
         std::uint64_t n = 0;
         const std::string arg = optarg != nullptr ? optarg : "";
         switch (c) {
@@ -206,8 +268,11 @@ int main(int argc, char** argv) {
             case 'o':
                 outPath = arg;
                 break;
-            case 's':
+            case kOptScript:
                 scriptPath = arg;
+                break;
+            case kOptForce:
+                force = true;
                 break;
             case 'n':
                 if (!parseUnsigned(arg, UINT64_MAX, n)) {
@@ -299,14 +364,16 @@ int main(int argc, char** argv) {
                 }
                 randomOnly = "--mix";
                 break;
-            case kOptMaxVarBytes:
+            case kOptMaxVarLength:
                 if (!parseUnsigned(arg, 0xFFFF, n)) {
-                    return usageError("--max-var-bytes needs a number from 0 to 65535, not '%s'",
+                    return usageError("--max-var-length needs a number from 0 to 65535, not '%s'",
                                       arg.c_str());
                 }
                 random.values.maxVarBinaryBytes = static_cast<std::uint32_t>(n);
-                randomOnly = "--max-var-bytes";
+                randomOnly = "--max-var-length";
                 break;
+            case kOptOldMaxVarBytes:
+                return usageError("--max-var-bytes is now called --max-var-length");
             case 'v':
                 verbose = true;
                 break;
@@ -336,13 +403,23 @@ int main(int argc, char** argv) {
         return usageError("give --records N (random mode) or --script FILE (scripted mode)");
     }
     if (outPath.empty()) {
-        return usageError("--out FILE is required");
+        return usageError("--output FILE is required");
     }
     if (!scripted && dictDir.empty()) {
         return usageError("random mode needs --dict DIR");
     }
     if (scripted && randomOnly != nullptr) {
         return usageError("%s applies to random mode only", randomOnly);
+    }
+    if (portGiven && linkGiven && link == LinkKind::Raw150) {
+        return usageError("--udp-port needs Ethernet framing (--link ipv4 or ipv6)");
+    }
+    if (outPath == "-" && !force && isatty(STDOUT_FILENO)) {
+        // A capture is binary: on a terminal it is noise that can upset the
+        // terminal itself.
+        return usageError(
+            "will not write a capture to a terminal: redirect standard output or give "
+            "--force");
     }
     Dictionary dictionary;
     std::string error;
@@ -364,17 +441,17 @@ int main(int argc, char** argv) {
         }
     }
 
+    // The command line wins over the script: --link sets the framing, and
+    // --udp-port, which only Ethernet framing has, makes a capture that would
+    // be link type 150 an IPv4 one.
     Framing framing = script.settings.framing;
     if (linkGiven) {
         framing.kind = link;
-    } else if (portGiven && !script.settings.framingSet) {
+    } else if (portGiven && framing.kind == LinkKind::Raw150) {
         framing.kind = LinkKind::Ipv4;
     }
     if (portGiven) {
         framing.dstPort = port;
-    }
-    if (portGiven && framing.kind == LinkKind::Raw150) {
-        return usageError("--udp-port needs Ethernet framing (--link ipv4 or ipv6)");
     }
     bool gzip = endsWith(outPath, ".gz");
     if (script.settings.gzipSet) {
@@ -387,8 +464,27 @@ int main(int argc, char** argv) {
     if (!scripted && gzipLevel < 0) {
         gzipLevel = 1;  // big random captures: fast compression, files ~10% larger
     }
+    // While a temporary file is made, the signals that end the program wait
+    // until the handler that removes it knows its name. Opening a pipe or a
+    // device (written directly) may wait for a reader and stays interruptible.
+    struct stat info;
+    const bool direct =
+        outPath == "-" || (stat(outPath.c_str(), &info) == 0 && !S_ISREG(info.st_mode));
+    sigset_t ending, before;
+    sigemptyset(&ending);
+    for (const int sig : kEndingSignals) {
+        if (!direct) {
+            sigaddset(&ending, sig);
+        }
+    }
+    sigprocmask(SIG_BLOCK, &ending, &before);
     OutputSink sink;
-    if (!sink.open(outPath, gzip, error, gzipLevel)) {
+    const bool opened = sink.open(outPath, gzip, error, gzipLevel);
+    if (opened) {
+        removeTemporaryOnSignals(sink);
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (!opened) {
         message("%s", error.c_str());
         return kExitFailure;
     }
@@ -405,13 +501,19 @@ int main(int argc, char** argv) {
         ok = writeRandomCapture(dictionary, random, writer, error, &summary);
     }
     ok = ok && writer.finish();
+    if (!ok) {
+        // Nothing of a failed run is kept: an existing file stays as it was.
+        const std::string why = !sink.failure().empty() ? sink.failure() : error;
+        sink.abandon();
+        forgetTemporary();
+        message("%s", why.c_str());
+        return kExitFailure;
+    }
     std::string closeError;
     const bool closed = sink.close(closeError);
-    if (!ok || !closed) {
-        message("%s", !closed ? closeError.c_str() : error.c_str());
-        if (outPath != "-") {
-            std::remove(outPath.c_str());
-        }
+    forgetTemporary();
+    if (!closed) {
+        message("%s", closeError.c_str());
         return kExitFailure;
     }
     if (verbose) {

@@ -1,9 +1,11 @@
 // Capture file framing and output.
 #include "binlog_synth/Capture.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace binlog_synth {
@@ -218,10 +220,52 @@ void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOpt
 // ---- OutputSink ----------------------------------------------------------
 
 OutputSink::~OutputSink() {
-    std::string ignored;
-    if (mode_ != Mode::Closed) {
-        close(ignored);
+    abandon();
+}
+
+bool OutputSink::openTemporary(const std::string& path, std::string& error, int& fd) {
+    // The file a symbolic link names is the one replaced (renaming over the
+    // link would replace the link itself). A dangling link keeps its path.
+    std::string target = path;
+    struct stat info;
+    if (lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+        char* resolved = realpath(path.c_str(), nullptr);
+        if (resolved != nullptr) {
+            target = resolved;
+            free(resolved);
+        }
     }
+    const bool exists = stat(target.c_str(), &info) == 0;
+    const std::size_t slash = target.rfind('/');
+    const std::string directory = slash == std::string::npos ? "" : target.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+    std::string name = directory + "." + base + ".XXXXXX";
+    fd = mkstemp(&name[0]);
+    if (fd < 0) {
+        error = "cannot open " + path_ + ": " + std::strerror(errno);
+        return false;
+    }
+    // mkstemp creates the file for its owner only: give it the mode the
+    // replaced file had, or the one a new file gets.
+    mode_t mode = 0;
+    if (exists) {
+        mode = info.st_mode & 07777;
+    } else {
+        // Reading the umask means setting it for a moment: the writer is used
+        // by single-threaded programs only.
+        const mode_t mask = umask(0);
+        umask(mask);
+        mode = 0666 & ~mask;
+    }
+    if (fchmod(fd, mode) != 0 || (exists && (syncFd_ = dup(fd)) < 0)) {
+        error = "cannot open " + path_ + ": " + std::strerror(errno);
+        ::close(fd);
+        unlink(name.c_str());
+        return false;
+    }
+    temporary_ = name;
+    target_ = target;
+    return true;
 }
 
 bool OutputSink::open(const std::string& path, bool gzip, std::string& error, int gzipLevel) {
@@ -233,24 +277,37 @@ bool OutputSink::open(const std::string& path, bool gzip, std::string& error, in
     failed_ = false;
     failure_.clear();
     buffer_.clear();
+
+    int fd = -1;
+    bool direct = path == "-";
+    struct stat info;
+    if (!direct && stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        direct = true;  // a device or a pipe: written as it is
+    }
+    if (path == "-") {
+        fd = gzip ? dup(fileno(stdout)) : -1;
+        if (gzip && fd < 0) {
+            error = "cannot open " + path_ + ": " + std::strerror(errno);
+            return false;
+        }
+    } else if (!direct && !openTemporary(path, error, fd)) {
+        return false;
+    }
+
     if (gzip) {
         std::string mode = "wb";
-        errno = 0;
         if (gzipLevel >= 0 && gzipLevel <= 9) {
             mode.push_back(static_cast<char>('0' + gzipLevel));
         }
-        if (path == "-") {
-            const int fd = dup(fileno(stdout));
-            gz_ = fd >= 0 ? gzdopen(fd, mode.c_str()) : nullptr;
-            if (gz_ == nullptr && fd >= 0) {
-                ::close(fd);
-            }
-        } else {
-            gz_ = gzopen(path.c_str(), mode.c_str());
-        }
+        errno = 0;
+        gz_ = fd >= 0 ? gzdopen(fd, mode.c_str()) : gzopen(path.c_str(), mode.c_str());
         if (gz_ == nullptr) {
             error =
                 "cannot open " + path_ + ": " + (errno ? std::strerror(errno) : "gzopen failed");
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            removeTemporary();
             return false;
         }
         mode_ = Mode::Gzip;
@@ -260,10 +317,14 @@ bool OutputSink::open(const std::string& path, bool gzip, std::string& error, in
         file_ = stdout;
         ownsFile_ = false;
     } else {
-        file_ = fopen(path.c_str(), "wb");
+        file_ = fd >= 0 ? fdopen(fd, "wb") : fopen(path.c_str(), "wb");
         ownsFile_ = true;
         if (file_ == nullptr) {
             error = "cannot open " + path_ + ": " + std::strerror(errno);
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            removeTemporary();
             return false;
         }
     }
@@ -333,16 +394,13 @@ bool OutputSink::write(const void* data, std::size_t n) {
     return true;
 }
 
-bool OutputSink::close(std::string& error) {
-    if (mode_ == Mode::Closed) {
-        return true;
-    }
-    bool ok = flush();
+bool OutputSink::closeStream() {
+    bool ok = true;
     switch (mode_) {
         case Mode::Gzip: {
             const int rc = gzclose(gz_);
             gz_ = nullptr;
-            if (rc != Z_OK && ok) {
+            if (rc != Z_OK) {
                 ok = false;
                 failure_ = "closing " + path_ + " failed (zlib error " + std::to_string(rc) + ")";
             }
@@ -350,11 +408,11 @@ bool OutputSink::close(std::string& error) {
         }
         case Mode::Plain:
             if (ownsFile_) {
-                if (fclose(file_) != 0 && ok) {
+                if (fclose(file_) != 0) {
                     ok = false;
                     failure_ = "closing " + path_ + " failed: " + std::strerror(errno);
                 }
-            } else if ((fflush(file_) != 0 || ferror(file_)) && ok) {
+            } else if (fflush(file_) != 0 || ferror(file_)) {
                 ok = false;
                 failure_ = "write to " + path_ + " failed";
             }
@@ -365,10 +423,56 @@ bool OutputSink::close(std::string& error) {
             break;
     }
     mode_ = Mode::Closed;
+    return ok;
+}
+
+void OutputSink::removeTemporary() {
+    if (syncFd_ >= 0) {
+        ::close(syncFd_);
+        syncFd_ = -1;
+    }
+    if (!temporary_.empty()) {
+        unlink(temporary_.c_str());
+        temporary_.clear();
+    }
+    target_.clear();
+}
+
+bool OutputSink::close(std::string& error) {
+    if (mode_ == Mode::Closed) {
+        return true;
+    }
+    const bool flushed = flush();
+    const std::string flushFailure = failure_;
+    bool ok = closeStream() && flushed;
+    if (!flushed) {
+        failure_ = flushFailure;  // the first failure is the one reported
+    }
+    if (ok && syncFd_ >= 0 && fsync(syncFd_) != 0) {
+        // An existing file is replaced only by bytes that are on the disk.
+        ok = false;
+        failure_ = "write to " + path_ + " failed: " + std::strerror(errno);
+    }
+    if (ok && !temporary_.empty() && rename(temporary_.c_str(), target_.c_str()) != 0) {
+        ok = false;
+        failure_ = "cannot replace " + path_ + ": " + std::strerror(errno);
+    }
+    if (ok && !temporary_.empty()) {
+        temporary_.clear();  // it is the output now
+    }
+    removeTemporary();
     if (!ok) {
         error = failure_;
     }
     return ok;
+}
+
+void OutputSink::abandon() {
+    if (mode_ != Mode::Closed) {
+        buffer_.clear();
+        closeStream();
+    }
+    removeTemporary();
 }
 
 // ---- CaptureWriter -------------------------------------------------------

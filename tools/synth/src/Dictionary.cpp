@@ -290,7 +290,9 @@ bool Dictionary::findModule(const std::string& text, std::uint16_t& key, std::st
 const LogLayout* Dictionary::findLog(std::uint16_t key, const std::string& text,
                                      std::string& error) const {
     std::uint64_t index = 0;
-    const bool byIndex = text.size() > 1 && text[0] == '#';
+    // "@N"; "#N" is the older spelling, which a script can only write quoted
+    // ('#' starts a comment there).
+    const bool byIndex = text.size() > 1 && (text[0] == '@' || text[0] == '#');
     if (byIndex && !parseUnsigned(text.substr(1), 0xFFFF, index)) {
         error = "bad log index " + text;
         return nullptr;

@@ -1,6 +1,8 @@
 // Payload encoding and random parameter values.
 #include "binlog_synth/Encoder.h"
 
+#include <cstdio>
+
 #include "binlog_synth/Text.h"
 
 namespace binlog_synth {
@@ -24,21 +26,6 @@ std::vector<std::string> splitCommas(const std::string& text) {
         }
         start = comma + 1;
     }
-}
-
-/// FRAME-SUBFRAME, as the decoder prints an "SF-SFN" value.
-bool parseFrameText(const std::string& text, std::uint64_t& bits) {
-    const std::size_t dash = text.find('-');
-    if (dash == std::string::npos || dash == 0) {
-        return false;
-    }
-    std::uint64_t frame = 0, subframe = 0;
-    if (!parseUnsigned(text.substr(0, dash), 429496728ULL, frame) ||
-        !parseUnsigned(text.substr(dash + 1), 9, subframe) || text.find('x') != std::string::npos) {
-        return false;
-    }
-    bits = frame * 10 + subframe;
-    return bits <= 0xFFFFFFFFULL;
 }
 
 /// The value an enumeration names `text`.
@@ -132,7 +119,65 @@ std::size_t randomVarLength(const Field& field, SplitMix64& rng,
     return rng.below(most + 1);
 }
 
+/// "FFFF-SS" as the decoder shows the SF-SFN value `bits`.
+std::string shownFrameStamp(std::uint64_t bits) {
+    char text[32];
+    snprintf(text, sizeof text, "%04u-%02u", static_cast<unsigned>((bits / 10) & 0x3FF),
+             static_cast<unsigned>(bits % 10));
+    return text;
+}
+
+std::string hexOf(std::uint64_t bits) {
+    char text[32];
+    snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(bits));
+    return text;
+}
+
 }  // namespace
+
+bool parseSfSfn(const std::string& text, std::uint64_t& bits, std::string& reason) {
+    reason.clear();
+    if (text.size() > 1 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        return parseIntegerBits(text, 4, bits);
+    }
+    if (!text.empty() && text[0] == '-') {
+        reason = "a frame stamp is not negative";
+        return false;
+    }
+    const std::size_t dash = text.find('-');
+    std::uint64_t frame = 0, subframe = 0, value = 0;
+    if (dash != std::string::npos) {
+        if (!parseUnsigned(text.substr(0, dash), 0xFFFFFFFFULL, frame) ||
+            !parseUnsigned(text.substr(dash + 1), 0xFFFFFFFFULL, subframe) ||
+            text.find_first_of("xX") != std::string::npos) {
+            return false;
+        }
+        if (subframe > kLargestSubframe) {
+            reason = "subframe " + std::to_string(subframe) + " is above " +
+                     std::to_string(kLargestSubframe);
+            return false;
+        }
+        value = frame * 10 + subframe;
+    } else {
+        if (!parseUnsigned(text, 0xFFFFFFFFULL, value)) {
+            return false;
+        }
+        frame = value / 10;
+    }
+    if (frame > kLargestFrame) {
+        reason = dash != std::string::npos ? "frame " + std::to_string(frame) + " is above " +
+                                                 std::to_string(kLargestFrame)
+                                           : text + " is frame " + std::to_string(frame) +
+                                                 ", above " + std::to_string(kLargestFrame);
+        if (value <= 0xFFFFFFFFULL) {
+            reason += " (it would show as " + shownFrameStamp(value) + "; write " + hexOf(value) +
+                      " to store it anyway)";
+        }
+        return false;
+    }
+    bits = value;
+    return true;
+}
 
 bool parseFieldValue(const Field& field, const std::string& text,
                      const Tav::BinaryLogDisplayFormatter* formatter, ParamValue& value,
@@ -151,10 +196,18 @@ bool parseFieldValue(const Field& field, const std::string& text,
         }
         for (const std::string& part : parts) {
             std::uint64_t bits = 0;
+            if (field.kind == FieldKind::U32 && field.displayFormat == Tav::kFormatSfSfn) {
+                std::string reason;
+                if (!parseSfSfn(part, bits, reason)) {
+                    error = "bad value \"" + part + "\" for " + what +
+                            (reason.empty() ? std::string(kSfSfnForms) : ": " + reason);
+                    return false;
+                }
+                value.ints.push_back(bits);
+                continue;
+            }
             const bool ok =
                 parseIntegerBits(part, static_cast<unsigned>(elementSize(field.kind)), bits) ||
-                (field.kind == FieldKind::U32 && field.displayFormat == Tav::kFormatSfSfn &&
-                 parseFrameText(part, bits)) ||
                 lookupEnumName(field, part, formatter, bits);
             if (!ok) {
                 error = "bad value \"" + part + "\" for " + what;

@@ -354,7 +354,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
     const LogLayout* layout = nullptr;
     if (needsLog) {
         if (tokens.size() < at + 2 || tokens[at].hasValue || tokens[at + 1].hasValue) {
-            error = kind + " needs a module and a log: " + kind + " SUBSYSTEM:MODULE LOGNAME ...";
+            error =
+                kind + " needs a module and a log: " + kind + " SUBSYSTEM:MODULE LOGNAME|@N ...";
             return false;
         }
         if (dictionary_ == nullptr || dictionary_->reader() == nullptr) {
@@ -557,15 +558,14 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
             }
             if (!prefixed && legacyKeys().count(k) != 0) {
                 if (k == "frame") {
-                    Field frameField;
-                    frameField.kind = FieldKind::U32;
-                    frameField.name = "frame";
-                    frameField.displayFormat = Tav::kFormatSfSfn;
-                    ParamValue v;
-                    if (!parseFieldValue(frameField, t.value, nullptr, v, error)) {
+                    std::uint64_t bits = 0;
+                    std::string reason;
+                    if (!parseSfSfn(t.value, bits, reason)) {
+                        error = "bad value \"" + t.value + "\" for frame=" +
+                                (reason.empty() ? std::string(kSfSfnForms) : ": " + reason);
                         return false;
                     }
-                    legacy.frameTiming = static_cast<std::uint32_t>(v.ints[0]);
+                    legacy.frameTiming = static_cast<std::uint32_t>(bits);
                 } else if (k == "u32" || k == "u8") {
                     const bool wide = k == "u32";
                     std::size_t slot = 0;

@@ -106,30 +106,51 @@ void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOpt
 
 /// A buffered destination: a file (plain or gzip), standard output ("-"), or
 /// memory.
+///
+/// A file is never written in place: the bytes go to a temporary file beside
+/// it (same directory, so that the final rename stays on one file system),
+/// which close() renames over the file only when every write succeeded. An
+/// existing file is therefore either replaced whole or left as it was. A
+/// path that exists and is not a regular file (a device, a pipe) is written
+/// directly, as there is nothing there to keep; a symbolic link is followed
+/// and the file it names is replaced.
 class OutputSink {
   public:
     OutputSink() = default;
+    /// Abandons an output still open: a temporary file is removed.
     ~OutputSink();
     OutputSink(const OutputSink&) = delete;
     OutputSink& operator=(const OutputSink&) = delete;
 
-    /// Opens `path` ("-": standard output). gzip: zlib's gzopen "wb" (with
+    /// Opens `path` ("-": standard output). gzip: zlib's gzdopen "wb" (with
     /// `gzipLevel` 0-9 appended when it is not negative).
     bool open(const std::string& path, bool gzip, std::string& error, int gzipLevel = -1);
     /// Collects everything in memory (memory()).
     void openMemory();
     bool write(const void* data, std::size_t n);
     bool write(const std::string& data) { return write(data.data(), data.size()); }
-    /// Flushes and closes; false (with `error`) when any write or the close
-    /// failed.
+    /// Flushes and closes, then puts a temporary file in the place of the
+    /// output; false (with `error`) when any write, the close or the rename
+    /// failed, in which case the temporary file is removed.
     bool close(std::string& error);
+    /// Closes without keeping anything: a temporary file is removed and the
+    /// output path is left as it was.
+    void abandon();
 
     const std::string& memory() const { return memory_; }
     bool isOpen() const { return mode_ != Mode::Closed; }
+    /// Why a write failed, empty when none did.
+    const std::string& failure() const { return failure_; }
+    /// The temporary file being written, empty when there is none.
+    const std::string& temporaryPath() const { return temporary_; }
 
   private:
     enum class Mode { Closed, Plain, Gzip, Memory };
     bool flush();
+    /// Closes the stream; false (with failure_ set) when that fails.
+    bool closeStream();
+    bool openTemporary(const std::string& path, std::string& error, int& fd);
+    void removeTemporary();
 
     Mode mode_ = Mode::Closed;
     FILE* file_ = nullptr;
@@ -140,6 +161,12 @@ class OutputSink {
     std::string path_;
     bool failed_ = false;
     std::string failure_;
+    /// The temporary file and the file it replaces on success.
+    std::string temporary_;
+    std::string target_;
+    /// A second descriptor of the temporary file, to sync it after the
+    /// stream is closed when it replaces an existing file (-1 otherwise).
+    int syncFd_ = -1;
 };
 
 /// How the global header is written.

@@ -105,7 +105,8 @@ class Dictionary {
 
     /// A module by "subsystem:module" name or by numeric key (decimal or 0x).
     bool findModule(const std::string& text, std::uint16_t& key, std::string& error) const;
-    /// A log of module `key` by name, or by index written "#N".
+    /// A log of module `key` by name, or by its 1-based index in its file
+    /// written "@N" (or "#N").
     const LogLayout* findLog(std::uint16_t key, const std::string& text, std::string& error) const;
 
   private:

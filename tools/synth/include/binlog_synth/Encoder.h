@@ -34,12 +34,29 @@ struct RecordValues {
     std::map<std::string, ParamValue> log;
 };
 
+/// The frame stamps an "SF-SFN" value (frame * 10 + subframe in an unsigned
+/// 32-bit field) can carry: the decoder shows the frame modulo 1024, so a
+/// larger frame would show as another one.
+constexpr std::uint64_t kLargestFrame = 1023;
+constexpr std::uint64_t kLargestSubframe = 9;
+
+/// What parseSfSfn accepts, for messages.
+constexpr const char* kSfSfnForms =
+    " (FRAME-SUBFRAME up to 1023-9, FRAME*10+SUBFRAME up to 10239, or 0x bits)";
+
+/// An "SF-SFN" value: FRAME-SUBFRAME (frame 0-1023, subframe 0-9) or the
+/// decimal number FRAME*10+SUBFRAME (0-10239); or a 0x hexadecimal number,
+/// written as the bits given whatever they mean (to see how a decoder shows
+/// a value no sender writes). False on anything else, with `reason` saying
+/// why a well-formed value is refused (empty for malformed text).
+bool parseSfSfn(const std::string& text, std::uint64_t& bits, std::string& reason);
+
 /// Parses the script text of a value for `field`:
 /// - integers: decimal (negative allowed) or 0x hexadecimal; arrays as a
 ///   comma list with exactly as many values as the field's count; a field
 ///   whose display format is an enumeration also takes the enumeration's
-///   names; an unsigned 32-bit "SF-SFN" field also takes FRAME-SUBFRAME
-///   (1024-3 is 10243);
+///   names; an unsigned 32-bit "SF-SFN" field takes what parseSfSfn does
+///   (512-3 is 5123);
 /// - "string": the text, at most the declared size;
 /// - "binarystring": hex bytes, at most the declared size (zero-padded);
 /// - "varbinarystring": hex bytes, at most the declared size; COUNT#HEX
