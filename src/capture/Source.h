@@ -1,0 +1,138 @@
+// Byte sources: the uncompressed bytes of a capture, read from a file, a
+// descriptor or memory, gzip-compressed or not, seen through a window.
+//
+// A source hands out its bytes in place: ensure(n) makes at least n bytes
+// contiguous at data() (refilling the window when needed), consume(n) moves
+// past them. Readers build their record views straight on the window, so no
+// record is copied on the way from the file to the decoder.
+//
+// gzip is recognised the way zlib's gzopen(path, "rb") recognises it: a
+// stream whose first two bytes are 1f 8b is inflated (with zlib's inflate(),
+// not gzread()), member after member; bytes after a complete member that do
+// not start another member are ignored as trailing garbage; any other stream
+// is passed through unchanged. gzread() is not used because it cannot tell a
+// corrupt stream from a truncated one in its return value and withholds the
+// bytes it inflated in the call that met the error. Here:
+//   - a data error (corrupt deflate data, wrong CRC or length in a trailer,
+//     bad member header) is state() DataError with zlib's message; every byte
+//     inflated before the error is delivered first, and errorOffset() is the
+//     number of uncompressed bytes produced;
+//   - a stream that simply stops (a truncated file) is End after the bytes
+//     inflated so far, as gzread treats it.
+//
+// Window: up to kWindowLimit (1 MiB) bytes can be asked for at once; the
+// window holds kWindowLimit plus 512 KiB, so every refill inflates or reads at
+// least 512 KiB of output; compressed input is read 256 KiB at a time. A plain
+// memory buffer is not copied at all: the window is the buffer itself.
+//
+// Errors never throw: they are states. Only std::bad_alloc escapes (the window
+// allocation, or zlib reporting that it is out of memory).
+#ifndef WEXBL_SRC_CAPTURE_SOURCE_H
+#define WEXBL_SRC_CAPTURE_SOURCE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace Tav {
+namespace capture {
+
+enum class SourceState {
+    Ok,         // more bytes may follow
+    End,        // the stream ended (cleanly or truncated)
+    DataError,  // corrupt compressed data; error() has zlib's message
+    ReadError,  // read() failed; error() has the system's message
+};
+
+/// A stream of uncompressed capture bytes seen through a window.
+///
+/// state() tells why ensure() came back short; while enough bytes are
+/// available it is not consulted. A DataError or ReadError is set as soon as
+/// it is met, while the bytes produced before it are still available, so a
+/// reader asks for the state only when ensure() returns fewer bytes than it
+/// needs.
+class ByteSource {
+  public:
+    /// The largest `n` ensure() serves; larger requests are served as this.
+    static constexpr std::size_t kWindowLimit = 1024 * 1024;
+
+    virtual ~ByteSource();
+    ByteSource(const ByteSource&) = delete;
+    ByteSource& operator=(const ByteSource&) = delete;
+
+    /// Makes at least `n` bytes available at data() and returns the number
+    /// available (which may be more than `n`). It is less than `n` only when
+    /// the stream ended (state() End), failed (DataError, ReadError), or an
+    /// incremental source has no more bytes yet (state() Ok, wouldBlock()).
+    /// Pointers obtained from data() before the call are invalid after it.
+    std::size_t ensure(std::size_t n) { return n <= available_ ? available_ : refill(n); }
+    /// The first available byte (null while nothing was ever available).
+    const unsigned char* data() const { return data_; }
+    /// Bytes available at data() now.
+    std::size_t available() const { return available_; }
+    /// Moves past `n` available bytes (at most available()). The bytes stay
+    /// where they are until the next ensure().
+    void consume(std::size_t n) {
+        if (n > available_) {
+            n = available_;
+        }
+        data_ += n;
+        available_ -= n;
+        offset_ += n;
+    }
+    /// Uncompressed bytes consumed so far.
+    std::uint64_t offset() const { return offset_; }
+    SourceState state() const { return state_; }
+    /// zlib's message for a DataError ("incorrect data check", ...) or the
+    /// system's text for a ReadError; empty otherwise.
+    const std::string& error() const { return error_; }
+    /// Uncompressed bytes produced before a DataError or ReadError.
+    std::uint64_t errorOffset() const { return errorOffset_; }
+    /// A gzip member was found.
+    bool compressed() const { return compressed_; }
+    /// The last ensure() came back short because an incremental source has no
+    /// more bytes yet (a non-blocking descriptor, or end of file while
+    /// following); a later ensure() may get more.
+    bool wouldBlock() const { return wouldBlock_; }
+
+  protected:
+    ByteSource() = default;
+    /// Serves ensure(n) when fewer than `n` bytes are available.
+    virtual std::size_t refill(std::size_t n) = 0;
+    /// Enters DataError or ReadError with `message`; the bytes available now
+    /// stay available.
+    void fail(SourceState state, std::string message);
+
+    const unsigned char* data_ = nullptr;
+    std::size_t available_ = 0;
+    std::uint64_t offset_ = 0;
+    SourceState state_ = SourceState::Ok;
+    std::string error_;
+    std::uint64_t errorOffset_ = 0;
+    bool compressed_ = false;
+    bool wouldBlock_ = false;
+};
+
+/// Opens `path` ("-" is standard input, not closed by the source) and reads it
+/// as gzip or plain as described above. Returns null when open() fails, with
+/// errno as open() left it.
+std::unique_ptr<ByteSource> openFile(const std::string& path);
+
+/// Reads an already open descriptor incrementally (pipes, sockets, growing
+/// files): every refill is one read() of what is there. `own` closes the
+/// descriptor when the source is destroyed. With `follow`, end of file is not
+/// the end of the stream: ensure() comes back short with wouldBlock() and a
+/// later call reads what was appended since. A non-blocking descriptor with
+/// nothing to read also gives wouldBlock(). gzip is decided once two bytes are
+/// there (or the stream ended with fewer).
+std::unique_ptr<ByteSource> openDescriptor(int fd, bool own, bool follow = false);
+
+/// Reads `size` bytes at `data` (not copied; they must outlive the source),
+/// gzip or plain as a file would be.
+std::unique_ptr<ByteSource> openMemory(const unsigned char* data, std::size_t size);
+
+}  // namespace capture
+}  // namespace Tav
+
+#endif

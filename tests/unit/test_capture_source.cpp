@@ -1,0 +1,416 @@
+// Byte sources: plain and gzip data from memory, files and descriptors; a
+// gzip data error told apart from a stream that simply ends, with every byte
+// inflated before the error delivered; concatenated members and trailing
+// garbage as zlib's gzread treats them; incremental descriptors.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "CaptureBytes.h"
+#include "TestSupport.h"
+#include "capture/Source.h"
+
+namespace {
+
+using namespace capture_test;
+using Tav::capture::ByteSource;
+using Tav::capture::openDescriptor;
+using Tav::capture::openFile;
+using Tav::capture::openMemory;
+using Tav::capture::SourceState;
+using wexbl_test::TempDir;
+
+std::string asString(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+std::string writeBytes(const TempDir& dir, const std::string& name, const Bytes& bytes) {
+    return dir.writeFile(name, asString(bytes));
+}
+
+/// Writes all of `bytes` to `fd`.
+void writeAll(int fd, const Bytes& bytes) {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
+        ASSERT_GT(wrote, 0);
+        done += static_cast<std::size_t>(wrote);
+    }
+}
+
+void appendToFile(const std::string& path, const Bytes& bytes) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(fd, 0);
+    writeAll(fd, bytes);
+    ::close(fd);
+}
+
+Bytes sub(const Bytes& bytes, std::size_t from, std::size_t to) {
+    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(from),
+                 bytes.begin() + static_cast<std::ptrdiff_t>(to));
+}
+
+TEST(CaptureSource, PlainMemoryIsHandedOutInPlace) {
+    const Bytes plain = ByteTable().text("not a gzip stream").bytes();
+    auto source = openMemory(plain.data(), plain.size());
+    ASSERT_TRUE(source);
+    EXPECT_EQ(source->ensure(4), plain.size());
+    EXPECT_EQ(source->data(), plain.data());
+    EXPECT_FALSE(source->compressed());
+    source->consume(4);
+    EXPECT_EQ(source->offset(), 4u);
+    EXPECT_EQ(source->data(), plain.data() + 4);
+    EXPECT_EQ(source->available(), plain.size() - 4);
+    EXPECT_EQ(source->ensure(plain.size()), plain.size() - 4);
+    EXPECT_EQ(source->state(), SourceState::End);
+    EXPECT_TRUE(source->error().empty());
+    EXPECT_FALSE(source->wouldBlock());
+}
+
+TEST(CaptureSource, EmptyMemoryAndEmptyFileEndAtOnce) {
+    auto memory = openMemory(nullptr, 0);
+    EXPECT_EQ(memory->ensure(1), 0u);
+    EXPECT_EQ(memory->state(), SourceState::End);
+    EXPECT_FALSE(memory->compressed());
+
+    TempDir dir;
+    auto file = openFile(dir.writeFile("empty", ""));
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->ensure(24), 0u);
+    EXPECT_EQ(file->state(), SourceState::End);
+    EXPECT_FALSE(file->compressed());
+}
+
+TEST(CaptureSource, OneGzipMagicByteAloneIsPlain) {
+    const Bytes one = {0x1f};
+    auto source = openMemory(one.data(), one.size());
+    EXPECT_EQ(drain(*source, 16), one);
+    EXPECT_FALSE(source->compressed());
+    EXPECT_EQ(source->state(), SourceState::End);
+}
+
+TEST(CaptureSource, GzipMagicAloneIsAnEmptyTruncatedStream) {
+    const Bytes two = {0x1f, 0x8b};
+    auto source = openMemory(two.data(), two.size());
+    EXPECT_EQ(source->ensure(1), 0u);
+    EXPECT_TRUE(source->compressed());
+    EXPECT_EQ(source->state(), SourceState::End);
+    EXPECT_TRUE(source->error().empty());
+}
+
+TEST(CaptureSource, GzipMemoryInflatesInEveryStepSize) {
+    const Bytes data = noise(3 * 1024 * 1024 + 17, 1);
+    const Bytes member = gzip(data);
+    for (const std::size_t step :
+         {std::size_t(1), std::size_t(7), std::size_t(25016), ByteSource::kWindowLimit}) {
+        auto source = openMemory(member.data(), member.size());
+        const Bytes got = drain(*source, step);
+        EXPECT_EQ(got.size(), data.size()) << "step " << step;
+        EXPECT_TRUE(got == data) << "step " << step;
+        EXPECT_TRUE(source->compressed());
+        EXPECT_EQ(source->state(), SourceState::End);
+        EXPECT_EQ(source->offset(), data.size());
+    }
+}
+
+TEST(CaptureSource, LargeFilesPlainAndGzip) {
+    TempDir dir;
+    const Bytes data = noise(5 * 1024 * 1024 + 3, 2);
+    for (const bool compress : {false, true}) {
+        const std::string path =
+            writeBytes(dir, compress ? "big.gz" : "big", compress ? gzip(data) : data);
+        auto source = openFile(path);
+        ASSERT_TRUE(source);
+        const Bytes got = drain(*source, 25016);
+        EXPECT_TRUE(got == data) << "compressed " << compress;
+        EXPECT_EQ(source->compressed(), compress);
+        EXPECT_EQ(source->state(), SourceState::End);
+    }
+}
+
+TEST(CaptureSource, ARequestIsContiguousAcrossRefills) {
+    // 100 bytes consumed, then 1 MiB asked for again and again: the rest of
+    // each window and the next inflated bytes must lie side by side.
+    const Bytes data = noise(4 * 1024 * 1024, 3);
+    const Bytes member = gzip(data);
+    auto source = openMemory(member.data(), member.size());
+    // A request above the limit is served as the limit.
+    EXPECT_GE(source->ensure(3 * ByteSource::kWindowLimit), ByteSource::kWindowLimit);
+    EXPECT_EQ(source->state(), SourceState::Ok);
+    source->consume(100);
+    std::size_t position = 100;
+    while (position + ByteSource::kWindowLimit <= data.size()) {
+        ASSERT_GE(source->ensure(ByteSource::kWindowLimit), ByteSource::kWindowLimit);
+        ASSERT_EQ(std::memcmp(source->data(), data.data() + position, ByteSource::kWindowLimit), 0)
+            << "at " << position;
+        source->consume(ByteSource::kWindowLimit - 1);
+        position += ByteSource::kWindowLimit - 1;
+    }
+    const std::size_t rest = data.size() - position;
+    EXPECT_EQ(source->ensure(ByteSource::kWindowLimit), rest);
+    EXPECT_EQ(source->state(), SourceState::End);
+    EXPECT_EQ(std::memcmp(source->data(), data.data() + position, rest), 0);
+}
+
+TEST(CaptureSource, ConcatenatedMembersFollowOneAnother) {
+    const Bytes first = noise(70000, 4);
+    const Bytes second = noise(12345, 5);
+    const Bytes stream = concat(concat(gzip(first), gzip(Bytes())), gzip(second));
+    auto source = openMemory(stream.data(), stream.size());
+    EXPECT_TRUE(drain(*source, 1000) == concat(first, second));
+    EXPECT_EQ(source->state(), SourceState::End);
+}
+
+TEST(CaptureSource, TrailingGarbageAfterAMemberIsIgnored) {
+    const Bytes data = noise(5000, 6);
+    for (const Bytes& garbage : {ByteTable().text("garbage after the member").bytes(), Bytes{0x1f},
+                                 Bytes{0x00, 0x8b, 0x1f}}) {
+        const Bytes stream = concat(gzip(data), garbage);
+        auto source = openMemory(stream.data(), stream.size());
+        EXPECT_TRUE(drain(*source, 512) == data);
+        EXPECT_EQ(source->state(), SourceState::End);
+        EXPECT_TRUE(source->error().empty());
+    }
+}
+
+TEST(CaptureSource, ABadSecondMemberHeaderIsADataErrorAfterTheFirstMember) {
+    const Bytes data = noise(5000, 7);
+    const Bytes stream =
+        concat(gzip(data), ByteTable().u8(0x1f).u8(0x8b).u8(0x00).fill(7, 0).bytes());
+    auto source = openMemory(stream.data(), stream.size());
+    EXPECT_TRUE(drain(*source, 512) == data);
+    EXPECT_EQ(source->state(), SourceState::DataError);
+    EXPECT_EQ(source->error(), "unknown compression method");
+    EXPECT_EQ(source->errorOffset(), data.size());
+}
+
+TEST(CaptureSource, WrongCrcDeliversEveryByteThenDataError) {
+    const Bytes data = noise(200000, 8);
+    const Bytes stream = withBadCrc(gzip(data));
+    auto source = openMemory(stream.data(), stream.size());
+    // One request for more than there is: everything inflated comes back,
+    // with the error already known.
+    EXPECT_EQ(source->ensure(data.size() + 1), data.size());
+    EXPECT_EQ(source->state(), SourceState::DataError);
+    EXPECT_EQ(source->error(), "incorrect data check");
+    EXPECT_EQ(source->errorOffset(), data.size());
+    EXPECT_EQ(std::memcmp(source->data(), data.data(), data.size()), 0);
+    source->consume(1000);
+    EXPECT_EQ(source->errorOffset(), data.size());
+    EXPECT_EQ(source->ensure(data.size()), data.size() - 1000);
+}
+
+TEST(CaptureSource, WrongLengthIsADataError) {
+    const Bytes data = noise(3000, 9);
+    const Bytes stream = withBadLength(gzip(data));
+    auto source = openMemory(stream.data(), stream.size());
+    EXPECT_TRUE(drain(*source, 100) == data);
+    EXPECT_EQ(source->state(), SourceState::DataError);
+    EXPECT_EQ(source->error(), "incorrect length check");
+    EXPECT_EQ(source->errorOffset(), data.size());
+}
+
+TEST(CaptureSource, CorruptDeflateDataInFileAndMemory) {
+    // Several windows and input chunks of good data before the bad block.
+    const Bytes good = noise(2500000, 10);
+    const Bytes stream = gzipThenBadBlock(good);
+    TempDir dir;
+    auto file = openFile(writeBytes(dir, "bad.gz", stream));
+    auto memory = openMemory(stream.data(), stream.size());
+    for (ByteSource* source : {file.get(), memory.get()}) {
+        EXPECT_TRUE(drain(*source, 25016) == good);
+        EXPECT_EQ(source->state(), SourceState::DataError);
+        EXPECT_EQ(source->error(), "invalid block type");
+        EXPECT_EQ(source->errorOffset(), good.size());
+        EXPECT_EQ(source->offset(), good.size());
+    }
+}
+
+TEST(CaptureSource, TruncatedGzipEndsCleanlyAfterWhatWasInflated) {
+    const Bytes first = noise(40000, 11);
+    const Bytes second = noise(40000, 12);
+    // Cut right after a flush point: exactly the first part inflates.
+    const Bytes flushed = gzipParts({first}, false);
+    auto exact = openMemory(flushed.data(), flushed.size());
+    EXPECT_TRUE(drain(*exact, 4096) == first);
+    EXPECT_EQ(exact->state(), SourceState::End);
+    EXPECT_TRUE(exact->error().empty());
+
+    // Cut anywhere: a prefix of the data, then End.
+    const Bytes whole = gzipParts({first, second}, true);
+    const Bytes cut = truncated(whole, whole.size() - 5000);
+    auto source = openMemory(cut.data(), cut.size());
+    const Bytes got = drain(*source, 4096);
+    EXPECT_EQ(source->state(), SourceState::End);
+    EXPECT_GE(got.size(), first.size());
+    EXPECT_LT(got.size(), first.size() + second.size());
+    EXPECT_TRUE(got == sub(concat(first, second), 0, got.size()));
+
+    // Only the member header.
+    const Bytes header = truncated(whole, 10);
+    auto bare = openMemory(header.data(), header.size());
+    EXPECT_EQ(bare->ensure(1), 0u);
+    EXPECT_EQ(bare->state(), SourceState::End);
+    EXPECT_TRUE(bare->compressed());
+}
+
+TEST(CaptureSource, AFileThatIsNotGzipIsReadAsIs) {
+    TempDir dir;
+    const Bytes plain = ByteTable().u8(0x1f).u8(0x8c).text("almost a gzip magic").bytes();
+    auto source = openFile(writeBytes(dir, "plain", plain));
+    ASSERT_TRUE(source);
+    EXPECT_TRUE(drain(*source, 3) == plain);
+    EXPECT_FALSE(source->compressed());
+}
+
+TEST(CaptureSource, OpenFailureKeepsErrno) {
+    TempDir dir;
+    errno = 0;
+    EXPECT_FALSE(openFile(dir.slash() + "missing.pcap"));
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(CaptureSource, ReadErrorCarriesTheSystemText) {
+    TempDir dir;
+    const int fd = ::open(dir.path().c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    auto source = openDescriptor(fd, true);
+    EXPECT_EQ(source->ensure(16), 0u);
+    EXPECT_EQ(source->state(), SourceState::ReadError);
+    EXPECT_EQ(source->error(), std::strerror(EISDIR));
+    EXPECT_EQ(source->errorOffset(), 0u);
+}
+
+TEST(CaptureSource, ABadDescriptorIsAReadError) {
+    auto source = openDescriptor(-1, false);
+    EXPECT_EQ(source->ensure(1), 0u);
+    EXPECT_EQ(source->state(), SourceState::ReadError);
+    EXPECT_EQ(source->error(), std::strerror(EBADF));
+}
+
+TEST(CaptureSource, DescriptorOwnership) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    openDescriptor(fds[0], false).reset();
+    EXPECT_NE(::fcntl(fds[0], F_GETFD), -1);
+    openDescriptor(fds[0], true).reset();
+    errno = 0;
+    EXPECT_EQ(::fcntl(fds[0], F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
+    ::close(fds[1]);
+}
+
+TEST(CaptureSource, StandardInputIsDash) {
+    TempDir dir;
+    const Bytes data = noise(30000, 13);
+    const std::string path = writeBytes(dir, "stdin.gz", gzip(data));
+    const int saved = ::dup(STDIN_FILENO);
+    ASSERT_GE(saved, 0);
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::dup2(fd, STDIN_FILENO), STDIN_FILENO);
+    ::close(fd);
+    {
+        auto source = openFile("-");
+        ASSERT_TRUE(source);
+        EXPECT_TRUE(drain(*source, 1000) == data);
+        EXPECT_TRUE(source->compressed());
+    }
+    // Standard input stays open.
+    EXPECT_NE(::fcntl(STDIN_FILENO, F_GETFD), -1);
+    ::dup2(saved, STDIN_FILENO);
+    ::close(saved);
+}
+
+TEST(CaptureSource, NonBlockingPipeWouldBlock) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    ASSERT_EQ(::fcntl(fds[0], F_SETFL, O_NONBLOCK), 0);
+    auto source = openDescriptor(fds[0], true);
+    EXPECT_EQ(source->ensure(1), 0u);
+    EXPECT_TRUE(source->wouldBlock());
+    EXPECT_EQ(source->state(), SourceState::Ok);
+
+    writeAll(fds[1], ByteTable().text("ABCDEFGHIJ").bytes());
+    EXPECT_EQ(source->ensure(20), 10u);
+    EXPECT_TRUE(source->wouldBlock());
+    EXPECT_EQ(source->state(), SourceState::Ok);
+    EXPECT_FALSE(source->compressed());
+
+    writeAll(fds[1], ByteTable().text("KLMNOPQRST").bytes());
+    EXPECT_EQ(source->ensure(20), 20u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(source->data()), 20),
+              "ABCDEFGHIJKLMNOPQRST");
+    ::close(fds[1]);
+    EXPECT_EQ(source->ensure(21), 20u);
+    EXPECT_FALSE(source->wouldBlock());
+    EXPECT_EQ(source->state(), SourceState::End);
+}
+
+TEST(CaptureSource, GzipOverAPipeWaitsForTheSecondMagicByte) {
+    const Bytes data = noise(10000, 14);
+    const Bytes member = gzip(data);
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    ASSERT_EQ(::fcntl(fds[0], F_SETFL, O_NONBLOCK), 0);
+    auto source = openDescriptor(fds[0], true);
+    writeAll(fds[1], sub(member, 0, 1));
+    EXPECT_EQ(source->ensure(1), 0u);
+    EXPECT_TRUE(source->wouldBlock());
+    writeAll(fds[1], sub(member, 1, member.size()));
+    ::close(fds[1]);
+    EXPECT_TRUE(drain(*source, 999) == data);
+    EXPECT_TRUE(source->compressed());
+    EXPECT_EQ(source->state(), SourceState::End);
+}
+
+TEST(CaptureSource, FollowingAGrowingPlainFile) {
+    TempDir dir;
+    const Bytes data = noise(50000, 15);
+    const std::string path = writeBytes(dir, "growing", sub(data, 0, 20000));
+    auto source = openDescriptor(::open(path.c_str(), O_RDONLY), true, true);
+    EXPECT_EQ(source->ensure(30000), 20000u);
+    EXPECT_TRUE(source->wouldBlock());
+    EXPECT_EQ(source->state(), SourceState::Ok);
+    source->consume(20000);
+    appendToFile(path, sub(data, 20000, data.size()));
+    EXPECT_EQ(source->ensure(30000), 30000u);
+    EXPECT_EQ(std::memcmp(source->data(), data.data() + 20000, 30000), 0);
+    source->consume(30000);
+    // End of file is not the end while following.
+    EXPECT_EQ(source->ensure(1), 0u);
+    EXPECT_TRUE(source->wouldBlock());
+    EXPECT_EQ(source->state(), SourceState::Ok);
+}
+
+TEST(CaptureSource, FollowingAGrowingGzipFile) {
+    TempDir dir;
+    const Bytes data = noise(300000, 16);
+    const Bytes member = gzip(data);
+    const std::size_t split = member.size() / 2;
+    const std::string path = writeBytes(dir, "growing.gz", sub(member, 0, split));
+    auto source = openDescriptor(::open(path.c_str(), O_RDONLY), true, true);
+    const std::size_t early = source->ensure(data.size());
+    EXPECT_LT(early, data.size());
+    EXPECT_TRUE(source->wouldBlock());
+    EXPECT_EQ(source->state(), SourceState::Ok);
+    EXPECT_EQ(std::memcmp(source->data(), data.data(), early), 0);
+
+    appendToFile(path, sub(member, split, member.size()));
+    EXPECT_EQ(source->ensure(data.size()), data.size());
+    EXPECT_EQ(std::memcmp(source->data(), data.data(), data.size()), 0);
+    source->consume(data.size());
+    // Another member may still be appended.
+    EXPECT_EQ(source->ensure(1), 0u);
+    EXPECT_TRUE(source->wouldBlock());
+    const Bytes more = noise(100, 17);
+    appendToFile(path, gzip(more));
+    EXPECT_EQ(source->ensure(100), 100u);
+    EXPECT_EQ(std::memcmp(source->data(), more.data(), 100), 0);
+}
+
+}  // namespace
