@@ -1,55 +1,22 @@
-// The capture file loop: a pcap file, gzip-compressed or not, read record by
-// record and handed to the dispatcher.
+// readBinaryFiledata: one capture file read record by record through the
+// capture layer in its strict mode (the original pcap format, link types 150
+// and 1 with the fixed Ethernet framing), each record handed to the
+// dispatcher, the statistics printed at the normal end of the file.
 //
-// Link type 150: the record data is the binary log itself.
-//   +----------------+---------------------------------+
-//   | BinLogHeader 16| log payload                     |
-//   +----------------+---------------------------------+
-//
-// Link type 1: an Ethernet frame carrying the log in a UDP datagram whose
-// payload starts with the sender's own 16-byte record header.
-//                      IPv4 (0x0800)   IPv6 (0x86DD)
-//   EtherType          12-13           12-13
-//   protocol (17)      23              20
-//   UDP dest port      36-37           56-57
-//   PcapRecHeader      42-57           62-77
-//   BinLogHeader       58-73           78-93
-//   log payload        74-             94-
-#include <zlib.h>
-
+// A damaged compressed stream is not the end of the file: every complete
+// record inflated before the damage is decoded, then the data error is
+// reported with the number of uncompressed bytes before it, and the file
+// ends as it does on a truncated record (no statistics).
 #include <cstdio>
-#include <memory>
-#include <new>
 
 #include "BinaryLogXmlReader.h"
-#include "capture/RecordHeaders.h"
+#include "capture/Framing.h"
+#include "capture/PcapReader.h"
+#include "capture/Source.h"
+#include "capture/Unframe.h"
 #include "reader/ReaderCore.h"
 
 namespace Tav {
-namespace {
-
-struct GzClose {
-    void operator()(gzFile_s* file) const { gzclose(file); }
-};
-/// Owns an open capture file; closed on every exit path.
-using GzOwner = std::unique_ptr<gzFile_s, GzClose>;
-
-constexpr std::uint32_t kLinkTypeEthernet = 1;
-constexpr std::uint32_t kLinkTypeBinLog = 150;
-constexpr std::uint16_t kEtherTypeIpv4 = 0x0800;
-constexpr std::uint16_t kEtherTypeIpv6 = 0x86DD;
-constexpr std::uint8_t kProtocolUdp = 17;
-
-/// Where the fields of a UDP-framed record lie for one IP version.
-struct UdpFraming {
-    std::uint32_t protocolOffset;
-    std::uint32_t destPortOffset;
-    std::uint32_t udpPayloadOffset;
-};
-constexpr UdpFraming kIpv4Framing = {23, 36, 42};
-constexpr UdpFraming kIpv6Framing = {20, 56, 62};
-
-}  // namespace
 
 int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
                                               const BinLogHeader& binLogHeader,
@@ -63,82 +30,86 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
 
 void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffsetMinutes,
                                             FILE* out) {
-    detail::ReaderCore& core = *core_;
-    GzOwner file(gzopen(path.c_str(), "rb"));
-    if (!file) {
+    detail::Printer& printer = core_->printer;
+    printer.setOutput(out);
+    std::unique_ptr<capture::ByteSource> source = capture::openFile(path);
+    if (!source) {
         fprintf(stderr, "File open failed [%s]\n", path.c_str());
         return;
     }
-    // Larger reads than zlib's default 8 KiB: fewer system calls.
-    gzbuffer(file.get(), 128 * 1024);
-
-    unsigned char globalBytes[sizeof(PcapGlobalHeader)];
-    if (gzread(file.get(), globalBytes, sizeof globalBytes) <
-        static_cast<int>(sizeof globalBytes)) {
-        fprintf(stderr, "No global header found\n");
-        return;
+    capture::PcapReader pcap(*source, true);
+    auto dataError = [&source]() {
+        fprintf(stderr, "Warning: capture data error: %s after %llu bytes\n",
+                source->error().c_str(), static_cast<unsigned long long>(source->errorOffset()));
+    };
+    switch (pcap.open()) {
+        case capture::ReadResult::Ok:
+            break;
+        case capture::ReadResult::DataError:
+            dataError();
+            return;
+        default:
+            fprintf(stderr, "No global header found\n");
+            return;
     }
-    const std::uint32_t linkType = ByteReader(globalBytes, sizeof globalBytes).get_u32le(20);
-    if (linkType != kLinkTypeEthernet && linkType != kLinkTypeBinLog) {
+    const std::uint32_t linkType = pcap.linkType();
+    if (linkType != capture::kLinkEthernet && linkType != capture::kLinkBinLog) {
         fprintf(stderr, "Invalid link type %d found. Not a valid log pcap file\n",
                 static_cast<int>(linkType));
         return;
     }
 
-    std::unique_ptr<unsigned char[]> buffer(new unsigned char[MAX_BINLOG_LENGTH]);
+    detail::RecordOrigin origin;
+    origin.capture = path;
+    capture::RawRecord raw;
     for (;;) {
-        unsigned char headerBytes[sizeof(PcapRecHeader)] = {};
-        if (gzread(file.get(), headerBytes, sizeof headerBytes) !=
-            static_cast<int>(sizeof headerBytes)) {
-            // No further complete record header: the normal end of the file.
-            file.reset();
-            core.printer.flush();
-            if (statsEnabled) {
-                statsCollector.printStats(out);
+        const capture::ReadResult result = pcap.next(raw);
+        if (result == capture::ReadResult::Record) {
+            const capture::Unframed frame =
+                capture::unframe(linkType, raw.header, raw.data, udpPort, true);
+            if (frame.status == capture::FrameStatus::Ok) {
+                origin.number = raw.number;
+                origin.offset = raw.offset;
+                core_->dispatch(frame.pcapHeader, frame.binLogHeader, frame.payload,
+                                frame.statsLength, out, utcOffsetMinutes, origin);
             }
-            return;
-        }
-        PcapRecHeader recHeader =
-            detail::readPcapRecHeader(ByteReader(headerBytes, sizeof headerBytes), 0);
-        const std::uint32_t storageLength = recHeader.storageLength;
-        if (storageLength > MAX_BINLOG_LENGTH) {
-            core.printer.flush();
-            fprintf(stderr, "pHdr storageLength %d is more thanMAX_BINLOG_LENGTH\n",
-                    static_cast<int>(storageLength));
-            return;
-        }
-        const int got = gzread(file.get(), buffer.get(), storageLength);
-        if (got != static_cast<int>(storageLength)) {
-            core.printer.flush();
-            fprintf(stderr,
-                    "Warning: Possibly truncated file. Actual payloadBytes :%d Expected "
-                    "payloadBytes :%d\n",
-                    got, static_cast<int>(storageLength));
-            return;
-        }
-        const ByteReader record(buffer.get(), storageLength);
-
-        if (linkType == kLinkTypeBinLog) {
-            const BinLogHeader binLogHeader = detail::readBinLogHeader(record, 0);
-            core.dispatch(recHeader, binLogHeader, record.from(sizeof(BinLogHeader)), storageLength,
-                          out, utcOffsetMinutes, detail::RecordOrigin());
             continue;
         }
-
-        const std::uint16_t etherType = record.get_u16be(12);
-        const UdpFraming* framing = etherType == kEtherTypeIpv4   ? &kIpv4Framing
-                                    : etherType == kEtherTypeIpv6 ? &kIpv6Framing
-                                                                  : nullptr;
-        if (framing == nullptr || record.get_u8(framing->protocolOffset) != kProtocolUdp ||
-            record.get_u16be(framing->destPortOffset) != udpPort) {
-            continue;
+        printer.flush();
+        switch (result) {
+            case capture::ReadResult::Oversized:
+                fprintf(stderr, "pHdr storageLength %d is more thanMAX_BINLOG_LENGTH\n",
+                        static_cast<int>(pcap.oversizedLength()));
+                return;
+            case capture::ReadResult::Truncated:
+                fprintf(stderr,
+                        "Warning: Possibly truncated file. Actual payloadBytes :%d Expected "
+                        "payloadBytes :%d\n",
+                        static_cast<int>(pcap.truncatedGot()),
+                        static_cast<int>(pcap.truncatedExpected()));
+                return;
+            case capture::ReadResult::DataError:
+                dataError();
+                return;
+            case capture::ReadResult::ReadError:
+                if (pcap.truncatedExpected() != 0) {
+                    // The read of the record's data failed.
+                    fprintf(stderr,
+                            "Warning: Possibly truncated file. Actual payloadBytes :%d Expected "
+                            "payloadBytes :%d\n",
+                            -1, static_cast<int>(pcap.truncatedExpected()));
+                    return;
+                }
+                break;  // a record header that cannot be read ends the file
+            default:
+                break;
         }
-        const std::uint32_t payloadOffset = framing->udpPayloadOffset;
-        recHeader = detail::readPcapRecHeader(record, payloadOffset);
-        const BinLogHeader binLogHeader = detail::readBinLogHeader(record, payloadOffset + 16);
-        core.dispatch(recHeader, binLogHeader, record.from(payloadOffset + 32),
-                      storageLength + 16 - payloadOffset, out, utcOffsetMinutes,
-                      detail::RecordOrigin());
+        // The normal end of the file.
+        source.reset();
+        if (statsEnabled) {
+            statsCollector.printStats(out);
+        }
+        return;
     }
 }
 

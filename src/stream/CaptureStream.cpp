@@ -129,8 +129,7 @@ struct CaptureStream::Impl : detail::EventSink {
         opened = true;
         const std::uint32_t linkType = pcap->linkType();
         const bool pcapng = pcap->format() == capture::CaptureFormat::PcapNg;
-        if (options.strict ? linkType != capture::kLinkEthernet &&
-                                 linkType != capture::kLinkBinLog
+        if (options.strict ? linkType != capture::kLinkEthernet && linkType != capture::kLinkBinLog
                            : !pcapng && !readableLinkType(linkType)) {
             const std::string text = "Invalid link type " +
                                      std::to_string(static_cast<int>(linkType)) +
@@ -146,9 +145,7 @@ struct CaptureStream::Impl : detail::EventSink {
         phase = Phase::Read;
     }
 
-    void note(const std::string& text) {
-        streamEvent(EventKind::Note, EventStream::Error, text);
-    }
+    void note(const std::string& text) { streamEvent(EventKind::Note, EventStream::Error, text); }
 
     /// Ends the capture on `result` (anything but a record).
     void finish(capture::ReadResult result) {
@@ -251,16 +248,15 @@ struct CaptureStream::Impl : detail::EventSink {
                 finish(result);
                 return;
             }
-            const capture::Unframed frame =
-                capture::unframe(raw.linkType, raw.header, raw.data, options.udpPort,
-                                 options.strict);
+            const capture::Unframed frame = capture::unframe(raw.linkType, raw.header, raw.data,
+                                                             options.udpPort, options.strict);
             if (frame.status != capture::FrameStatus::Ok) {
                 continue;
             }
             if (!options.strict && raw.linkType != capture::kLinkBinLog) {
                 // Count the records the original loop would not have read.
-                const capture::Unframed fixed = capture::unframe(
-                    raw.linkType, raw.header, raw.data, options.udpPort, true);
+                const capture::Unframed fixed =
+                    capture::unframe(raw.linkType, raw.header, raw.data, options.udpPort, true);
                 if (fixed.status != capture::FrameStatus::Ok ||
                     fixed.udpPayloadOffset != frame.udpPayloadOffset) {
                     ++extendedFramings;
