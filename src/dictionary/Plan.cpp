@@ -188,7 +188,9 @@ void planTable(const FlexiParams& params, const std::vector<std::string>& paramO
 
     plan.listed.reserve(paramOrder.size());
     for (const std::string& name : paramOrder) {
-        plan.listed.push_back(plan.lookup(name));
+        const std::int32_t slot = plan.lookup(name);
+        plan.listed.push_back(slot);
+        plan.listedLead.push_back(slot < 0 ? std::string() : name + "=");
     }
 }
 
@@ -223,7 +225,12 @@ void planMessage(LogPlan& plan) {
             // Substitution stops here: the rest stays as it is.
             break;
         }
-        plan.pieces.push_back(MessagePiece{whole.substr(position, open - position), slot});
+        MessagePiece piece;
+        piece.lead = std::string(whole.substr(position, open - position));
+        piece.lead += key;
+        piece.lead += '=';
+        piece.slot = slot;
+        plan.pieces.push_back(std::move(piece));
         position = close + 1;
     }
     plan.tail = whole.substr(position);
@@ -275,6 +282,8 @@ void PlanSet::build(const std::map<std::uint16_t, ModuleDetails>& modules,
             planTable(log, log.paramOrder, false, *enums_, plan->params, plan->mayHaveNul);
             plan->paddedName = padded(log.logName, 25);
             plan->paddedCategory = padded(log.category, 10);
+            plan->lineHead = "] [" + modulePlan->source + "] [" + plan->paddedName + "] [";
+            plan->lineCategory = "] [" + plan->paddedCategory + "] [";
             plan->name = printed(log.logName);
             plan->category = printed(log.category);
             planMessage(*plan);

@@ -101,8 +101,9 @@ struct TablePlan {
     std::vector<ParamPlan> params;
     /// For each name of the declaration's parameter list: the index of the
     /// parameter whose text it shows (the last one decoded under that name),
-    /// or -1 when no parameter of that name is decoded.
+    /// or -1 when no parameter of that name is decoded; and "name=".
     std::vector<std::int32_t> listed;
+    std::vector<std::string> listedLead;
     /// Fields of a record of this table.
     std::uint32_t fieldCount = 0;
     /// The longest parameter name (bounds a placeholder key worth looking up).
@@ -111,10 +112,10 @@ struct TablePlan {
     std::int32_t lookup(std::string_view name) const;
 };
 
-/// One piece of a message template: literal text, then optionally the text
-/// of a parameter as "name=text".
+/// One piece of a message template: literal text and "name=", then the text
+/// of the parameter in `slot`.
 struct MessagePiece {
-    std::string_view literal;
+    std::string lead;
     std::int32_t slot = -1;
 };
 
@@ -142,6 +143,10 @@ struct LogPlan {
     /// The log name as "%25s" prints it, and the category as "%10s" does.
     std::string paddedName;
     std::string paddedCategory;
+    /// The constant parts of the line: "] [source] [name] [" after the time,
+    /// and "] [category] [" after the level.
+    std::string lineHead;
+    std::string lineCategory;
     /// The log name, category and source as "%s" prints them.
     std::string_view name;
     std::string_view category;

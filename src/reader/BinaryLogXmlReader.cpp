@@ -42,7 +42,7 @@ void Printer::flush() {
 
 ReaderCore::ReaderCore(BinaryLogXmlReader& owner)
     : reader(owner),
-      levels(owner.logLevelNames, false),
+      levels(owner.logLevelNames),
       decoder(levels, owner.statsCollector, printer) {}
 
 int ReaderCore::dispatch(const PcapRecHeader& pcap, const BinLogHeader& header,

@@ -22,6 +22,8 @@ int BinaryLogXmlReader::getLogDetailsForLogId(const PcapRecHeader& pcapHeader,
                                               const BinLogHeader& binLogHeader,
                                               const ByteReader& payload, unsigned int length,
                                               FILE* out, int utcOffsetMinutes) {
+    // The caller may have changed the level table since the last call.
+    core_->decoder.forgetLevels();
     const int result = core_->dispatch(pcapHeader, binLogHeader, payload, length, out,
                                        utcOffsetMinutes, detail::RecordOrigin());
     core_->printer.flush();
@@ -32,6 +34,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
                                             FILE* out) {
     detail::Printer& printer = core_->printer;
     printer.setOutput(out);
+    // The caller may have changed the level table since the last call.
+    core_->decoder.forgetLevels();
     std::unique_ptr<capture::ByteSource> source = capture::openFile(path);
     if (!source) {
         fprintf(stderr, "File open failed [%s]\n", path.c_str());

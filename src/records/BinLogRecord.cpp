@@ -1,10 +1,15 @@
 // Binary log records: the module header and the log's parameters decoded by
-// their plans into typed values and texts, and the line built from them.
+// their plans into typed values, and the line rendered from those values.
 //
 //   [time] [subsystem:module] [log name] [level] [category] [seqNo] [header values] [message]
 //
 // The header values field is there only when the module declares a header
 // and some header value was decoded.
+//
+// Decoding reads every value and reports what a value's display format
+// cannot show; rendering formats the values straight into the line. Texts
+// are built once more, into the arena, only for streams that want each
+// value's text as a field of the record.
 #include <cstdio>
 #include <cstring>
 
@@ -46,9 +51,62 @@ std::uint64_t rawOf(T value) {
     }
 }
 
-bool textHasBrace(const TextBuilder& arena, const DecodedTable::Ref& ref) {
-    const char* text = arena.data() + ref.offset;
-    for (std::uint32_t i = 0; i < ref.size; ++i) {
+/// The text of one integer value held as `raw`, as its display kind shows
+/// it (an enumeration's text is passed in: null shows nothing).
+template <typename Out>
+void appendIntText(Out& out, ParamType type, DisplayKind display, std::uint64_t raw,
+                   const std::string* enumText) {
+    switch (display) {
+        case DisplayKind::Enum:
+            if (enumText != nullptr) {
+                out.append(enumText->data(), enumText->size());
+            }
+            return;
+        case DisplayKind::FrameStamp:
+            appendFrameStamp(out, static_cast<std::uint32_t>(raw));
+            return;
+        default:
+            break;
+    }
+    const DisplayKind plain = display == DisplayKind::Hex ? DisplayKind::Hex : DisplayKind::Decimal;
+    switch (type) {
+        case ParamType::Uint64:
+            appendPlainInt(out, plain, raw);
+            break;
+        case ParamType::Int64:
+            appendPlainInt(out, plain, static_cast<std::int64_t>(raw));
+            break;
+        case ParamType::Uint32:
+            appendPlainInt(out, plain, static_cast<std::uint32_t>(raw));
+            break;
+        case ParamType::Int32:
+            appendPlainInt(out, plain, static_cast<std::int32_t>(raw));
+            break;
+        case ParamType::Uint16:
+            appendPlainInt(out, plain, static_cast<std::uint16_t>(raw));
+            break;
+        case ParamType::Int16:
+            appendPlainInt(out, plain, static_cast<std::int16_t>(raw));
+            break;
+        case ParamType::Uint8:
+            appendPlainInt(out, plain, static_cast<std::uint8_t>(raw));
+            break;
+        default:
+            appendPlainInt(out, plain, static_cast<std::int8_t>(raw));
+            break;
+    }
+}
+
+/// Appends `count` bytes as hex, the first `size` from `bytes` and the rest
+/// zero, as appendHexBytes does on the payload.
+template <typename Out>
+void appendStoredHex(Out& out, const char* bytes, std::uint32_t size, std::uint32_t count) {
+    const ByteReader reader(reinterpret_cast<const unsigned char*>(bytes), size);
+    appendHexBytes(out, reader, 0, count);
+}
+
+bool hasBrace(const char* text, std::size_t size) {
+    for (std::size_t i = 0; i < size; ++i) {
         if (text[i] == '{' || text[i] == '}') {
             return true;
         }
@@ -67,340 +125,366 @@ void cutAtNul(TextBuilder& line, std::size_t start) {
 
 }  // namespace
 
+void RecordDecoder::reportDisplay(const ParamPlan& param) {
+    Event event;
+    if (param.display == DisplayKind::UnknownEnum) {
+        event.kind = EventKind::DisplayNotFound;
+        event.name = *param.format;
+        eventText_ = "Displayformat ";
+        eventText_.append(printed(*param.format));
+        eventText_ += " not found\n";
+        emit(event, eventText_);
+    } else {
+        event.kind = EventKind::DisplayUnavailable;
+        emit(event, "BinaryLogDisplayFormatter not initialized correctly\n");
+    }
+}
+
 template <typename T>
 void RecordDecoder::decodeInts(const ParamPlan& param, const ByteReader& payload,
-                               unsigned int& offset, DecodedTable& table, std::size_t index) {
-    const bool fields = settings_.fields;
-    const bool texts = settings_.texts;
-    const std::uint32_t start = static_cast<std::uint32_t>(arena_.size());
-    // The enumeration's text of `value`, or null: the text is then left as
-    // it was. A format that is no enumeration (or enumerations that did not
-    // load) gives the decimal text, with a message each time.
-    auto enumText = [&](T value, bool& replaced) -> const std::string* {
-        replaced = true;
-        if (param.display == DisplayKind::Enum) {
-            bool negative;
-            std::uint64_t magnitude;
-            signAndMagnitude(value, negative, magnitude);
-            const std::string* text = param.enumTable->find(negative, magnitude);
-            replaced = text != nullptr;
-            return text;
-        }
-        Event event;
-        if (param.display == DisplayKind::UnknownEnum) {
-            event.kind = EventKind::DisplayNotFound;
-            event.name = *param.format;
-            eventText_ = "Displayformat ";
-            eventText_.append(printed(*param.format));
-            eventText_ += " not found\n";
-            emit(event, eventText_);
-        } else {
-            event.kind = EventKind::DisplayUnavailable;
-            emit(event, "BinaryLogDisplayFormatter not initialized correctly\n");
-        }
-        return nullptr;
+                               unsigned int& offset, DecodedTable& table, DecodedValue& value) {
+    const bool enumerated = param.display == DisplayKind::Enum;
+    const bool reported =
+        param.display == DisplayKind::UnknownEnum || param.display == DisplayKind::NoEnums;
+    auto lookUp = [&param](T v) {
+        bool negative;
+        std::uint64_t magnitude;
+        signAndMagnitude(v, negative, magnitude);
+        return param.enumTable->find(negative, magnitude);
     };
-    const bool plain = param.display == DisplayKind::Decimal || param.display == DisplayKind::Hex ||
-                       param.display == DisplayKind::FrameStamp;
-
     if (param.length == 0) {
-        const T value = readLittleEndian<T>(payload, offset);
+        const T v = readLittleEndian<T>(payload, offset);
         offset += sizeof(T);
-        const std::string* name = nullptr;
-        if (plain) {
-            if (texts) {
-                appendPlainInt(arena_, param.display, value);
-            }
-        } else {
-            bool replaced;
-            name = enumText(value, replaced);
-            if (texts) {
-                if (name != nullptr) {
-                    arena_.append(*name);
-                } else if (replaced) {
-                    appendDecimal(arena_, value);
-                }
-            }
-        }
-        const DecodedTable::Ref ref{start, static_cast<std::uint32_t>(arena_.size() - start)};
-        table.text[index] = ref;
-        table.brace[index] = param.textMayHaveBrace && texts && textHasBrace(arena_, ref);
-        if (fields) {
-            ParamField& field = table.fields[param.firstField];
-            field = ParamField();
-            field.name = *param.name;
-            field.type = typeOf<T>();
-            field.raw = rawOf(value);
-            if (name != nullptr) {
-                field.enumName = *param.format;
-            }
-            table.fieldText[param.firstField] = ref;
+        value.raw = rawOf(v);
+        value.enumText = enumerated ? lookUp(v) : nullptr;
+        if (reported) {
+            reportDisplay(param);
         }
         return;
     }
-
-    // An array: "[name[0]=text,name[1]=text,...]". The element text is shared
-    // by the whole array, so an element whose enumeration lacks its value
-    // shows the text of the element before it.
+    // An array: its elements up to the rendering limit; the declared count
+    // moves the offset.
     const std::uint32_t count = param.length;
     const std::uint32_t rendered = count < kMaxRenderedElements ? count : kMaxRenderedElements;
-    DecodedTable::Ref element{0, 0};
-    if (texts) {
-        arena_.push_back('[');
-    }
+    value.first = static_cast<std::uint32_t>(table.elements.size());
+    value.size = rendered;
     for (std::uint32_t i = 0; i < rendered; ++i) {
-        const T value = readLittleEndian<T>(payload, offset);
+        const T v = readLittleEndian<T>(payload, offset);
         offset += sizeof(T);
-        const std::string* name = nullptr;
-        bool replaced = true;
-        if (!plain) {
-            name = enumText(value, replaced);
-        }
-        if (texts) {
-            appendLabel(arena_, *param.name, i);
-            const std::uint32_t at = static_cast<std::uint32_t>(arena_.size());
-            if (plain) {
-                appendPlainInt(arena_, param.display, value);
-            } else if (name != nullptr) {
-                arena_.append(*name);
-            } else if (replaced) {
-                appendDecimal(arena_, value);
-            } else if (element.size != 0) {
-                char* to = arena_.grow(element.size);
-                std::memmove(to, arena_.data() + element.offset, element.size);
-            }
-            element = DecodedTable::Ref{at, static_cast<std::uint32_t>(arena_.size() - at)};
-            if (i + 1 < count) {
-                arena_.push_back(',');
-            }
-        }
-        if (fields) {
-            ParamField& field = table.fields[param.firstField + i];
-            field = ParamField();
-            field.name = *param.name;
-            field.type = typeOf<T>();
-            field.index = static_cast<std::int32_t>(i);
-            field.raw = rawOf(value);
-            if (name != nullptr) {
-                field.enumName = *param.format;
-            }
-            table.fieldText[param.firstField + i] = element;
+        table.elements.push_back(DecodedElement{rawOf(v), enumerated ? lookUp(v) : nullptr});
+        if (reported) {
+            reportDisplay(param);
         }
     }
     if (rendered < count) {
         // Everything past here lies beyond any record and reads as zero.
         offset += static_cast<unsigned int>((count - rendered) * sizeof(T));
-        if (texts) {
-            appendLiteral(arena_, "...");
-        }
     }
-    if (texts) {
-        arena_.push_back(']');
-    }
-    const DecodedTable::Ref ref{start, static_cast<std::uint32_t>(arena_.size() - start)};
-    table.text[index] = ref;
-    table.brace[index] = param.textMayHaveBrace && texts && textHasBrace(arena_, ref);
 }
 
 void RecordDecoder::decodeTable(const TablePlan& plan, const ByteReader& payload,
                                 unsigned int& offset, DecodedTable& table) {
     const std::size_t count = plan.params.size();
-    table.text.resize(count);
-    table.brace.resize(count);
-    if (settings_.fields) {
-        table.fields.resize(plan.fieldCount);
-        table.fieldText.resize(plan.fieldCount);
-        table.fieldBytes.resize(plan.fieldCount);
-        table.bytesInArena.assign(plan.fieldCount, false);
-    }
+    table.values.resize(count);
+    table.elements.clear();
     for (std::size_t i = 0; i < count; ++i) {
         const ParamPlan& param = plan.params[i];
+        DecodedValue& value = table.values[i];
         switch (param.type) {
             case ParamType::Uint64:
-                decodeInts<std::uint64_t>(param, payload, offset, table, i);
+                decodeInts<std::uint64_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Int64:
-                decodeInts<std::int64_t>(param, payload, offset, table, i);
+                decodeInts<std::int64_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Uint32:
-                decodeInts<std::uint32_t>(param, payload, offset, table, i);
+                decodeInts<std::uint32_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Int32:
-                decodeInts<std::int32_t>(param, payload, offset, table, i);
+                decodeInts<std::int32_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Uint16:
-                decodeInts<std::uint16_t>(param, payload, offset, table, i);
+                decodeInts<std::uint16_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Int16:
-                decodeInts<std::int16_t>(param, payload, offset, table, i);
+                decodeInts<std::int16_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Uint8:
-                decodeInts<std::uint8_t>(param, payload, offset, table, i);
+                decodeInts<std::uint8_t>(param, payload, offset, table, value);
                 break;
             case ParamType::Int8:
-                decodeInts<std::int8_t>(param, payload, offset, table, i);
+                decodeInts<std::int8_t>(param, payload, offset, table, value);
                 break;
-            case ParamType::String:
+            case ParamType::String: {
+                // The text up to its first NUL; bytes past the record are NULs.
+                const std::size_t have = payload.available(offset);
+                const std::size_t span = param.length < have ? param.length : have;
+                const char* at =
+                    span != 0 ? reinterpret_cast<const char*>(payload.data()) + offset : "";
+                const void* nul = span != 0 ? std::memchr(at, '\0', span) : nullptr;
+                value.bytes = at;
+                value.size = static_cast<std::uint32_t>(
+                    nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
+                value.brace = hasBrace(at, value.size);
+                offset += param.length;
+                break;
+            }
             case ParamType::BinaryString:
             case ParamType::VarBinaryString: {
-                const std::uint32_t start = static_cast<std::uint32_t>(arena_.size());
-                std::uint32_t size = param.length;  // bytes of the value
-                std::uint64_t from = offset;
-                if (param.type == ParamType::String) {
-                    // The text up to its first NUL; bytes past the record are NULs.
-                    const std::size_t have = payload.available(offset);
-                    const std::size_t span = size < have ? size : have;
-                    const char* at = reinterpret_cast<const char*>(payload.data()) + offset;
-                    const void* nul = span != 0 ? std::memchr(at, '\0', span) : nullptr;
-                    const std::size_t length =
-                        nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span;
-                    arena_.append(at, length);
-                    offset += param.length;
-                } else if (param.type == ParamType::BinaryString) {
-                    if (settings_.texts) {
-                        appendHexBytes(arena_, payload, offset, param.length);
-                    }
-                    offset += param.length;
-                } else {
+                std::uint32_t length = param.length;
+                if (param.type == ParamType::VarBinaryString) {
                     std::uint16_t varCount = payload.get_u16le(offset);
                     offset += 2;
-                    from = offset;
                     if (varCount > param.length) {
                         Event event;
                         event.kind = EventKind::VarBinaryTooLong;
                         event.count = varCount;
                         event.length = param.length;
                         char text[96];
-                        const int length =
+                        const int size =
                             snprintf(text, sizeof text,
                                      "Variable length:%d in payload is greater thanthe "
                                      "definition %d\n",
                                      static_cast<int>(varCount), static_cast<int>(param.length));
-                        emit(event, std::string_view(text, static_cast<std::size_t>(length)));
+                        emit(event, std::string_view(text, static_cast<std::size_t>(size)));
                         varCount = static_cast<std::uint16_t>(param.length);
                     }
-                    size = varCount;
-                    if (settings_.texts) {
-                        appendLiteral(arena_, "payload size:");
-                        appendDecimal(arena_, static_cast<unsigned int>(varCount));
-                        arena_.push_back(' ');
-                        const std::uint16_t shown = varCount < settings_.maxVarBinaryBytes
-                                                        ? varCount
-                                                        : settings_.maxVarBinaryBytes;
-                        appendHexBytes(arena_, payload, offset, shown);
-                    }
-                    // The capped count: bytes the payload's own count still
-                    // covers are read as the following parameters.
-                    offset += varCount;
+                    value.count = varCount;
+                    length = varCount;
                 }
-                const DecodedTable::Ref ref{start,
-                                            static_cast<std::uint32_t>(arena_.size() - start)};
-                table.text[i] = ref;
-                table.brace[i] = param.type == ParamType::String && textHasBrace(arena_, ref);
-                if (settings_.fields) {
-                    ParamField& field = table.fields[param.firstField];
-                    field = ParamField();
-                    field.name = *param.name;
-                    field.type = param.type;
-                    table.fieldText[param.firstField] = ref;
-                    if (param.type == ParamType::String) {
-                        table.fieldBytes[param.firstField] = ref;
-                        table.bytesInArena[param.firstField] = true;
-                    } else {
-                        // The raw bytes; those past the record read as zero.
-                        const std::uint32_t kept =
-                            size < kMaxRenderedElements ? size : kMaxRenderedElements;
-                        if (payload.available(from) >= kept) {
-                            field.bytes = std::string_view(
-                                reinterpret_cast<const char*>(payload.data()) + from, kept);
-                        } else {
-                            const std::uint32_t at = static_cast<std::uint32_t>(arena_.size());
-                            payload.copy(from, arena_.grow(kept), kept);
-                            table.fieldBytes[param.firstField] = DecodedTable::Ref{at, kept};
-                            table.bytesInArena[param.firstField] = true;
-                        }
-                    }
-                }
+                const std::size_t have = payload.available(offset);
+                value.bytes =
+                    have != 0 ? reinterpret_cast<const char*>(payload.data()) + offset : "";
+                value.size = static_cast<std::uint32_t>(length < have ? length : have);
+                // A var binary string moves on by its capped count: bytes the
+                // payload's own count still covers are read as the following
+                // parameters.
+                offset += length;
                 break;
             }
         }
     }
 }
 
-void RecordDecoder::finishFields(DecodedTable& table, View<ParamField>& out) {
-    for (std::size_t i = 0; i < table.fields.size(); ++i) {
-        ParamField& field = table.fields[i];
-        const DecodedTable::Ref text = table.fieldText[i];
-        field.text = settings_.texts ? arena_.view(text.offset, text.size) : std::string_view();
-        if (table.bytesInArena[i]) {
-            const DecodedTable::Ref bytes = table.fieldBytes[i];
-            field.bytes = arena_.view(bytes.offset, bytes.size);
+template <typename Out>
+void RecordDecoder::appendText(Out& out, const ParamPlan& param, const DecodedValue& value,
+                               const DecodedTable& table) const {
+    switch (param.type) {
+        case ParamType::String:
+            out.append(value.bytes, value.size);
+            return;
+        case ParamType::BinaryString:
+            appendStoredHex(out, value.bytes, value.size, param.length);
+            return;
+        case ParamType::VarBinaryString: {
+            appendLiteral(out, "payload size:");
+            appendDecimal(out, value.count);
+            out.push_back(' ');
+            const std::uint32_t shown =
+                value.count < settings_.maxVarBinaryBytes ? value.count : settings_.maxVarBinaryBytes;
+            appendStoredHex(out, value.bytes, value.size, shown);
+            return;
+        }
+        default:
+            break;
+    }
+    if (param.length == 0) {
+        appendIntText(out, param.type, param.display, value.raw, value.enumText);
+        return;
+    }
+    // "[name[0]=text,name[1]=text,...]". The element text is shared by the
+    // whole array: an element whose enumeration lacks its value shows the
+    // text of the element before it.
+    out.push_back('[');
+    const std::string* previous = nullptr;
+    for (std::uint32_t i = 0; i < value.size; ++i) {
+        const DecodedElement& element = table.elements[value.first + i];
+        appendLabel(out, *param.name, i);
+        if (param.display == DisplayKind::Enum) {
+            if (element.enumText != nullptr) {
+                previous = element.enumText;
+            }
+            appendIntText(out, param.type, param.display, element.raw, previous);
+        } else {
+            appendIntText(out, param.type, param.display, element.raw, nullptr);
+        }
+        if (i + 1 < param.length) {
+            out.push_back(',');
         }
     }
-    out = View<ParamField>(table.fields.data(), table.fields.size());
+    if (value.size < param.length) {
+        appendLiteral(out, "...");
+    }
+    out.push_back(']');
 }
 
 void RecordDecoder::appendMessage(const LogPlan& plan) {
     const DecodedTable& table = logTable_;
     const std::vector<ParamPlan>& params = plan.params.params;
-    const std::string& logString = plan.log->logString;
-    auto appendText = [&](std::int32_t slot) {
-        const DecodedTable::Ref ref = table.text[static_cast<std::size_t>(slot)];
-        line_.append(arena_.data() + ref.offset, ref.size);
+    auto text = [&](std::int32_t slot) {
+        const std::size_t index = static_cast<std::size_t>(slot);
+        appendText(line_, params[index], table.values[index], table);
     };
     MessageShape shape = plan.shape;
     if (shape == MessageShape::Template) {
+        // A value that holds a brace takes part in the substitution itself.
         for (const MessagePiece& piece : plan.pieces) {
-            if (table.brace[static_cast<std::size_t>(piece.slot)]) {
-                shape = MessageShape::General;  // a value that holds a brace
+            const std::size_t index = static_cast<std::size_t>(piece.slot);
+            const ParamPlan& param = params[index];
+            if (!param.textMayHaveBrace) {
+                continue;
+            }
+            const DecodedValue& value = table.values[index];
+            const bool brace = param.type == ParamType::String ? value.brace
+                               : param.length == 0
+                                   ? value.enumText != nullptr &&
+                                         hasBrace(value.enumText->data(), value.enumText->size())
+                                   : true;
+            if (brace) {
+                shape = MessageShape::General;
                 break;
             }
         }
     }
     switch (shape) {
-        case MessageShape::List:
+        case MessageShape::List: {
             // No placeholders: the text, a blank and the parameter list.
-            line_.append(logString.data(), logString.size());
+            line_.append(plan.log->logString);
             line_.push_back(' ');
-            for (std::size_t i = 0; i < plan.params.listed.size(); ++i) {
-                const std::int32_t slot = plan.params.listed[i];
-                if (slot >= 0) {
-                    line_.append(*params[static_cast<std::size_t>(slot)].name);
-                    line_.push_back('=');
-                    appendText(slot);
+            const TablePlan& list = plan.params;
+            for (std::size_t i = 0; i < list.listed.size(); ++i) {
+                if (list.listed[i] >= 0) {
+                    line_.append(list.listedLead[i]);
+                    text(list.listed[i]);
                     line_.push_back(' ');
                 }
             }
             break;
+        }
         case MessageShape::Template:
             for (const MessagePiece& piece : plan.pieces) {
-                line_.append(piece.literal);
-                line_.append(*params[static_cast<std::size_t>(piece.slot)].name);
-                line_.push_back('=');
-                appendText(piece.slot);
+                line_.append(piece.lead);
+                text(piece.slot);
             }
             line_.append(plan.tail);
             break;
-        case MessageShape::General:
+        case MessageShape::General: {
+            // Every text first, then the loop over them.
+            TextBuilder& texts = generalTexts_;
+            texts.clear();
+            std::vector<std::size_t>& starts = generalStarts_;
+            starts.clear();
+            for (std::size_t i = 0; i < params.size(); ++i) {
+                starts.push_back(texts.size());
+                appendText(texts, params[i], table.values[i], table);
+            }
+            starts.push_back(texts.size());
             substitutePlaceholders(
-                line_, logString,
+                line_, plan.log->logString,
                 [&](std::string_view key, std::string_view& name, std::string_view& value) {
                     const std::int32_t slot = plan.params.lookup(key);
                     if (slot < 0) {
                         return false;
                     }
-                    name = *params[static_cast<std::size_t>(slot)].name;
-                    const DecodedTable::Ref ref = table.text[static_cast<std::size_t>(slot)];
-                    value = arena_.view(ref.offset, ref.size);
+                    const std::size_t index = static_cast<std::size_t>(slot);
+                    name = *params[index].name;
+                    value = texts.view(starts[index], starts[index + 1] - starts[index]);
                     return true;
                 },
                 plan.params.longestName, placeholders_);
             break;
+        }
     }
 }
 
+void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out) {
+    table.fields.resize(plan.fieldCount);
+    // Texts go to the arena, their positions to the fields' sizes; the views
+    // are taken once the arena is complete.
+    std::vector<FieldSpan>& spans = fieldSpans_;
+    spans.assign(plan.fieldCount, FieldSpan());
+    const bool texts = settings_.texts;
+    for (std::size_t i = 0; i < plan.params.size(); ++i) {
+        const ParamPlan& param = plan.params[i];
+        const DecodedValue& value = table.values[i];
+        ParamField field;
+        field.name = *param.name;
+        field.type = param.type;
+        if (param.type >= ParamType::String) {
+            FieldSpan& span = spans[param.firstField];
+            if (texts) {
+                span.text = arena_.size();
+                appendText(arena_, param, value, table);
+                span.textSize = arena_.size() - span.text;
+            }
+            if (param.type == ParamType::String) {
+                field.bytes = std::string_view(value.bytes, value.size);
+            } else {
+                // The raw bytes, those past the record as zeros.
+                const std::uint32_t wanted =
+                    param.type == ParamType::VarBinaryString ? value.count : param.length;
+                const std::uint32_t kept =
+                    wanted < kMaxRenderedElements ? wanted : kMaxRenderedElements;
+                if (value.size >= kept) {
+                    field.bytes = std::string_view(value.bytes, kept);
+                } else {
+                    span.bytes = arena_.size();
+                    span.bytesSize = kept;
+                    char* to = arena_.grow(kept);
+                    std::memcpy(to, value.bytes, value.size);
+                    std::memset(to + value.size, 0, kept - value.size);
+                }
+            }
+            table.fields[param.firstField] = field;
+            continue;
+        }
+        if (param.length == 0) {
+            field.raw = value.raw;
+            if (value.enumText != nullptr) {
+                field.enumName = *param.format;
+            }
+            if (texts) {
+                FieldSpan& span = spans[param.firstField];
+                span.text = arena_.size();
+                appendIntText(arena_, param.type, param.display, value.raw, value.enumText);
+                span.textSize = arena_.size() - span.text;
+            }
+            table.fields[param.firstField] = field;
+            continue;
+        }
+        const std::string* previous = nullptr;
+        for (std::uint32_t e = 0; e < value.size; ++e) {
+            const DecodedElement& element = table.elements[value.first + e];
+            ParamField& item = table.fields[param.firstField + e];
+            item = field;
+            item.index = static_cast<std::int32_t>(e);
+            item.raw = element.raw;
+            if (element.enumText != nullptr) {
+                item.enumName = *param.format;
+                previous = element.enumText;
+            }
+            if (texts) {
+                FieldSpan& span = spans[param.firstField + e];
+                span.text = arena_.size();
+                appendIntText(arena_, param.type, param.display, element.raw,
+                              param.display == DisplayKind::Enum ? previous : nullptr);
+                span.textSize = arena_.size() - span.text;
+            }
+        }
+    }
+    for (std::size_t i = 0; i < table.fields.size(); ++i) {
+        ParamField& field = table.fields[i];
+        if (texts) {
+            field.text = arena_.view(spans[i].text, spans[i].textSize);
+        }
+        if (spans[i].bytes != FieldSpan::kNone) {
+            field.bytes = arena_.view(spans[i].bytes, spans[i].bytesSize);
+        }
+    }
+    out = View<ParamField>(table.fields.data(), table.fields.size());
+}
+
 void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {
-    arena_.clear();
     const ModulePlan& module = *plan.module;
     unsigned int offset = 0;
     if (module.hasHeader) {
@@ -414,13 +498,14 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
     record_.module = module.module->moduleName;
     record_.log = plan.log->logName;
     record_.category = plan.log->category;
-    const std::string& level = levels_->name(header_.logLevel);
-    record_.levelName = level;
+    const LevelTable::Level& level = levels_->get(header_.logLevel);
+    record_.levelName = *level.name;
     if (settings_.fields) {
+        arena_.clear();
         if (module.hasHeader) {
-            finishFields(headerTable_, record_.header);
+            fillFields(module.header, headerTable_, record_.header);
         }
-        finishFields(logTable_, record_.params);
+        fillFields(plan.params, logTable_, record_.params);
     }
     produced_ = true;
     if (!settings_.texts) {
@@ -428,27 +513,23 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
     }
 
     startLine(pcap_);
-    line_.append(module.source);
-    appendLiteral(line_, "] [");
-    line_.append(plan.paddedName);
-    appendLiteral(line_, "] [");
-    appendPadded(line_, printed(level), 8);
-    appendLiteral(line_, "] [");
-    line_.append(plan.paddedCategory);
-    appendLiteral(line_, "] [");
+    line_.append(plan.lineHead);
+    line_.append(level.padded);
+    line_.append(plan.lineCategory);
     appendDecimal(line_, header_.seqNo);
     appendLiteral(line_, "] [");
     if (module.hasHeader) {
         // The header values go straight into the line; their field is
         // dropped again when no value was found.
         const std::size_t start = line_.size();
-        const std::vector<ParamPlan>& params = module.header.params;
-        for (const std::int32_t slot : module.header.listed) {
+        const TablePlan& header = module.header;
+        for (std::size_t i = 0; i < header.listed.size(); ++i) {
+            const std::int32_t slot = header.listed[i];
             if (slot >= 0) {
-                line_.append(*params[static_cast<std::size_t>(slot)].name);
-                line_.push_back('=');
-                const DecodedTable::Ref ref = headerTable_.text[static_cast<std::size_t>(slot)];
-                line_.append(arena_.data() + ref.offset, ref.size);
+                const std::size_t index = static_cast<std::size_t>(slot);
+                line_.append(header.listedLead[i]);
+                appendText(line_, header.params[index], headerTable_.values[index],
+                           headerTable_);
                 line_.push_back(' ');
             }
         }

@@ -7,19 +7,16 @@
 namespace Tav {
 namespace detail {
 
-const std::string& LevelTable::name(std::uint16_t level) {
-    if (own_ && level < cache_.size() && cache_[level] != nullptr) {
-        return *cache_[level];
+const LevelTable::Level& LevelTable::fill(std::uint16_t level) {
+    if (cache_.size() <= level) {
+        cache_.resize(static_cast<std::size_t>(level) + 1);
     }
+    Level& entry = cache_[level];
     // An unknown level gets an empty name, and the table keeps it.
-    const std::string& found = (*names_)[level];
-    if (own_) {
-        if (cache_.size() <= level) {
-            cache_.resize(static_cast<std::size_t>(level) + 1, nullptr);
-        }
-        cache_[level] = &found;
-    }
-    return found;
+    entry.name = &(*names_)[level];
+    entry.padded.clear();
+    appendPadded(entry.padded, printed(*entry.name), 8);
+    return entry;
 }
 
 void RecordDecoder::emit(Event& event, std::string_view text) {
@@ -66,7 +63,6 @@ void RecordDecoder::startLine(const PcapRecHeader& pcap) {
         event.kind = EventKind::TimestampFailed;
         emit(event, "timestamp decoding failed\n");
     }
-    appendLiteral(line_, "] [");
 }
 
 int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
@@ -85,7 +81,19 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
                     static_cast<int>(header.seqNo), statsLength, *this);
     }
 
-    record_ = Record();
+    // Every field a record kind does not set is reset here.
+    record_.kind = RecordKind::Capture;
+    record_.subsystem = std::string_view();
+    record_.module = std::string_view();
+    record_.log = std::string_view();
+    record_.levelName = std::string_view();
+    record_.category = std::string_view();
+    record_.header = View<ParamField>();
+    record_.params = View<ParamField>();
+    record_.frameTiming = 0;
+    record_.syslogTag = std::string_view();
+    record_.syslogMessage = std::string_view();
+    record_.text = std::string_view();
     record_.capture = origin.capture;
     record_.number = origin.number;
     record_.offset = origin.offset;

@@ -51,42 +51,73 @@ struct RecordOrigin {
 };
 
 /// The level-name table a stream reads and grows: the reader's own map, or
-/// a private copy of it (which may keep pointers to its names, since nothing
-/// else changes it).
+/// a private copy of it. Names are looked up once per level and kept with
+/// their padded form; the cache holds pointers into the map, which stay
+/// valid while entries are only added. The reader's own map may be changed
+/// by its caller between calls, so its stream forgets the cache at the start
+/// of every call (forget()).
 class LevelTable {
   public:
-    LevelTable(std::map<std::uint16_t, std::string>& names, bool own) : names_(&names), own_(own) {}
+    struct Level {
+        const std::string* name = nullptr;
+        /// The name as "%8s" prints it.
+        std::string padded;
+    };
+    explicit LevelTable(std::map<std::uint16_t, std::string>& names) : names_(&names) {}
     std::size_t size() const { return names_->size(); }
-    /// The name of `level`, adding an empty entry for an unknown level.
-    const std::string& name(std::uint16_t level);
+    /// The level, adding an empty entry to the table for an unknown one.
+    const Level& get(std::uint16_t level) {
+        if (level < cache_.size() && cache_[level].name != nullptr) {
+            return cache_[level];
+        }
+        return fill(level);
+    }
+    void forget() { cache_.clear(); }
 
   private:
+    const Level& fill(std::uint16_t level);
     std::map<std::uint16_t, std::string>* names_;
-    bool own_;
-    std::vector<const std::string*> cache_;
+    std::vector<Level> cache_;
 };
 
-/// The decoded values and texts of one parameter table of a record.
+/// One decoded parameter value (integer scalar, array, or string kind).
+struct DecodedValue {
+    /// Integer scalars: the value, sign-extended; and the text an
+    /// enumeration gave it (null when none did).
+    std::uint64_t raw = 0;
+    const std::string* enumText = nullptr;
+    /// String kinds: the bytes in the payload (for a string: its text up to
+    /// the first NUL); `size` of them exist, bytes past them read as zero.
+    const char* bytes = nullptr;
+    std::uint32_t size = 0;
+    /// Arrays: the first of `rendered` elements in DecodedTable::elements.
+    /// Var binary strings: the count (capped by the declared size).
+    std::uint32_t first = 0;
+    std::uint32_t count = 0;
+    /// A string whose text holds a brace.
+    bool brace = false;
+};
+
+struct DecodedElement {
+    std::uint64_t raw;
+    const std::string* enumText;
+};
+
+/// The decoded values of one parameter table of a record, in wire order.
 struct DecodedTable {
-    struct Ref {
-        std::uint32_t offset = 0;
-        std::uint32_t size = 0;
-    };
-    /// Per parameter (wire order): its whole text in the arena, and whether
-    /// it holds a brace.
-    std::vector<Ref> text;
-    std::vector<bool> brace;
-    /// Per field (declaration order).
+    std::vector<DecodedValue> values;
+    std::vector<DecodedElement> elements;
+    /// The record's fields (declaration order), when the stream wants them.
     std::vector<ParamField> fields;
-    std::vector<Ref> fieldText;
-    std::vector<Ref> fieldBytes;  // bytes copied into the arena (short records)
-    std::vector<bool> bytesInArena;
 };
 
 class RecordDecoder : private SequenceReport {
   public:
     RecordDecoder(LevelTable& levels, BinaryLogStatsCollector& stats, EventSink& sink)
         : levels_(&levels), stats_(&stats), sink_(&sink) {}
+
+    /// Forgets what the decoder keeps from the level table.
+    void forgetLevels() { levels_->forget(); }
 
     /// Decodes one record as the dispatcher does. Returns its result: 0 when
     /// the record was rendered or deliberately skipped with a version or
@@ -108,19 +139,27 @@ class RecordDecoder : private SequenceReport {
              std::int32_t missingBefore) override;
     void reorder(std::uint32_t module, std::int32_t last, std::int32_t current) override;
 
-    /// Starts the line with "[time] [" and sets the record's time.
+    /// Starts the line with "[time".
     void startLine(const PcapRecHeader& pcap);
     void decodeBinLog(const LogPlan& plan, const ByteReader& payload);
     void decodeTable(const TablePlan& plan, const ByteReader& payload, unsigned int& offset,
                      DecodedTable& table);
     template <typename T>
     void decodeInts(const ParamPlan& param, const ByteReader& payload, unsigned int& offset,
-                    DecodedTable& table, std::size_t index);
+                    DecodedTable& table, DecodedValue& value);
+    /// Reports a value whose display format names no enumeration (or whose
+    /// enumerations did not load).
+    void reportDisplay(const ParamPlan& param);
+    /// Appends the text of a parameter as the line shows it.
+    template <typename Out>
+    void appendText(Out& out, const ParamPlan& param, const DecodedValue& value,
+                    const DecodedTable& table) const;
     void appendMessage(const LogPlan& plan);
+    /// Fills the table's fields (declaration order) and their texts.
+    void fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out);
     void decodeLegacy(const LogPlan& plan, const ByteReader& payload);
     int decodeSyslog(const ByteReader& payload);
     void decodeCapture();
-    void finishFields(DecodedTable& table, View<ParamField>& out);
 
     LevelTable* levels_;
     BinaryLogStatsCollector* stats_;
@@ -139,6 +178,19 @@ class RecordDecoder : private SequenceReport {
     DecodedTable headerTable_;
     DecodedTable logTable_;
     PlaceholderScratch placeholders_;
+    /// Texts of the general placeholder loop: one per parameter of the log.
+    TextBuilder generalTexts_;
+    std::vector<std::size_t> generalStarts_;
+    /// Where each field's text (and, for bytes past the record, its bytes)
+    /// lies in the arena while the fields are filled.
+    struct FieldSpan {
+        static constexpr std::size_t kNone = ~std::size_t{0};
+        std::size_t text = 0;
+        std::size_t textSize = 0;
+        std::size_t bytes = kNone;
+        std::size_t bytesSize = 0;
+    };
+    std::vector<FieldSpan> fieldSpans_;
     std::vector<ParamField> legacyFields_;
     std::string eventText_;
 };

@@ -61,8 +61,8 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
     record_.log = log.logName;
     record_.category = log.category;
     record_.frameTiming = frameTiming;
-    const std::string& level = levels_->name(header_.logLevel);
-    record_.levelName = level;
+    const LevelTable::Level& level = levels_->get(header_.logLevel);
+    record_.levelName = *level.name;
 
     if (settings_.fields) {
         // The first five, four and two parameters carry the payload's values.
@@ -84,20 +84,21 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
             add(log.stringParams[i].name, ParamType::String, 0);
         }
         // Texts and bytes go to the arena; views are taken once it is full.
-        DecodedTable::Ref refs[11];
+        FieldSpan refs[11];
         std::size_t textIndex = 0;
         for (std::size_t i = 0; i < legacyFields_.size(); ++i) {
-            const std::uint32_t at = static_cast<std::uint32_t>(arena_.size());
+            const std::size_t at = arena_.size();
             if (legacyFields_[i].type == ParamType::String) {
                 arena_.append(texts[textIndex++]);
             } else {
                 appendDecimal(arena_, legacyFields_[i].raw);
             }
-            refs[i] = DecodedTable::Ref{at, static_cast<std::uint32_t>(arena_.size() - at)};
+            refs[i].text = at;
+            refs[i].textSize = arena_.size() - at;
         }
         for (std::size_t i = 0; i < legacyFields_.size(); ++i) {
             ParamField& field = legacyFields_[i];
-            const std::string_view text = arena_.view(refs[i].offset, refs[i].size);
+            const std::string_view text = arena_.view(refs[i].text, refs[i].textSize);
             if (field.type == ParamType::String) {
                 field.bytes = text;
             }
@@ -113,11 +114,12 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
     }
 
     startLine(pcap_);
+    appendLiteral(line_, "] [");
     line_.append(module.source);
     appendLiteral(line_, "] [");
     line_.append(plan.paddedName);
     appendLiteral(line_, "] [");
-    appendPadded(line_, printed(level), 8);
+    line_.append(level.padded);
     appendLiteral(line_, "] [");
     line_.append(plan.paddedCategory);
     appendLiteral(line_, "] [");

@@ -42,17 +42,17 @@ int RecordDecoder::decodeSyslog(const ByteReader& payload) {
     record_.kind = RecordKind::Syslog;
     record_.syslogTag = tagText;
     record_.syslogMessage = message;
-    const std::string& level = levels_->name(header_.logLevel);
-    record_.levelName = level;
+    const LevelTable::Level& level = levels_->get(header_.logLevel);
+    record_.levelName = *level.name;
     produced_ = true;
     if (!settings_.texts) {
         return 0;
     }
     startLine(pcap_);
-    appendLiteral(line_, "syslog] [");
+    appendLiteral(line_, "] [syslog] [");
     appendPadded(line_, tagText, 16);
     appendLiteral(line_, "] [");
-    appendPadded(line_, printed(level), 8);
+    line_.append(level.padded);
     appendLiteral(line_, "] [");
     appendDecimal(line_, header_.seqNo);
     appendLiteral(line_, "] [");
@@ -77,7 +77,7 @@ void RecordDecoder::decodeCapture() {
         return;
     }
     startLine(pcap_);
-    appendLiteral(line_, "wireshark] [length=");
+    appendLiteral(line_, "] [wireshark] [length=");
     appendDecimal(line_, static_cast<int>(pcap_.storageLength));
     appendLiteral(line_, "] [seqNo=");
     appendDecimalPadded(line_, static_cast<int>(header_.seqNo), 10);

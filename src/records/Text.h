@@ -31,7 +31,11 @@ class TextBuilder {
     }
     void truncate(std::size_t size) { size_ = size < size_ ? size : size_; }
     void append(const char* text, std::size_t length) {
-        if (length != 0) {
+        if (length <= 16 && length <= storage_.size() - size_) {
+            // Most pieces of a line are short: copied inline, not by a call.
+            copySmall(storage_.data() + size_, text, length);
+            size_ += length;
+        } else if (length != 0) {
             std::memcpy(grow(length), text, length);
         }
     }
@@ -59,6 +63,30 @@ class TextBuilder {
     }
 
   private:
+    /// Copies `n` <= 16 bytes with fixed-size moves that stay inside both
+    /// ranges (two overlapping halves).
+    static void copySmall(char* to, const char* from, std::size_t n) {
+        if (n >= 8) {
+            std::uint64_t head;
+            std::uint64_t tail;
+            std::memcpy(&head, from, 8);
+            std::memcpy(&tail, from + n - 8, 8);
+            std::memcpy(to, &head, 8);
+            std::memcpy(to + n - 8, &tail, 8);
+        } else if (n >= 4) {
+            std::uint32_t head;
+            std::uint32_t tail;
+            std::memcpy(&head, from, 4);
+            std::memcpy(&tail, from + n - 4, 4);
+            std::memcpy(to, &head, 4);
+            std::memcpy(to + n - 4, &tail, 4);
+        } else if (n != 0) {
+            to[0] = from[0];
+            to[n / 2] = from[n / 2];
+            to[n - 1] = from[n - 1];
+        }
+    }
+
     std::vector<char> storage_;
     std::size_t size_ = 0;
 };

@@ -62,7 +62,7 @@ struct CaptureStream::Impl : detail::EventSink {
           options(streamOptions),
           name(captureName),
           levelNames(owner.logLevelNames),
-          levels(levelNames, true),
+          levels(levelNames),
           decoder(levels, stats, *this) {}
 
     // ---- Events ----------------------------------------------------------------------------
