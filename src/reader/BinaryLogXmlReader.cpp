@@ -28,6 +28,10 @@ void Printer::emit(const Event& event) {
 
 void Printer::line(std::string_view text) {
     buffer_.append(text);
+    flushIfFull();
+}
+
+void Printer::flushIfFull() {
     if (buffer_.size() >= 64 * 1024) {
         flush();
     }
@@ -55,10 +59,10 @@ int ReaderCore::dispatch(const PcapRecHeader& pcap, const BinLogHeader& header,
     settings.stats = reader.statsEnabled;
     settings.fields = false;
     settings.texts = true;
+    // The record's line goes straight into the output buffer.
+    decoder.setLineBuffer(&printer.buffer());
     const int result = decoder.decode(plans, settings, pcap, header, payload, length, origin);
-    if (decoder.produced()) {
-        printer.line(decoder.record().text);
-    }
+    printer.flushIfFull();
     return result;
 }
 

@@ -26,6 +26,9 @@ class Printer : public EventSink {
     void line(std::string_view text);
     /// Hands the buffered text to the output stream.
     void flush();
+    void flushIfFull();
+    /// The buffer, for appending lines in place.
+    TextBuilder& buffer() { return buffer_; }
 
   private:
     FILE* out_ = nullptr;

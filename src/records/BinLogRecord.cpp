@@ -323,7 +323,7 @@ void RecordDecoder::appendMessage(const LogPlan& plan) {
     const std::vector<ParamPlan>& params = plan.params.params;
     auto text = [&](std::int32_t slot) {
         const std::size_t index = static_cast<std::size_t>(slot);
-        appendText(line_, params[index], table.values[index], table);
+        appendText(*line_, params[index], table.values[index], table);
     };
     MessageShape shape = plan.shape;
     if (shape == MessageShape::Template) {
@@ -349,24 +349,24 @@ void RecordDecoder::appendMessage(const LogPlan& plan) {
     switch (shape) {
         case MessageShape::List: {
             // No placeholders: the text, a blank and the parameter list.
-            line_.append(plan.log->logString);
-            line_.push_back(' ');
+            line_->append(plan.log->logString);
+            line_->push_back(' ');
             const TablePlan& list = plan.params;
             for (std::size_t i = 0; i < list.listed.size(); ++i) {
                 if (list.listed[i] >= 0) {
-                    line_.append(list.listedLead[i]);
+                    line_->append(list.listedLead[i]);
                     text(list.listed[i]);
-                    line_.push_back(' ');
+                    line_->push_back(' ');
                 }
             }
             break;
         }
         case MessageShape::Template:
             for (const MessagePiece& piece : plan.pieces) {
-                line_.append(piece.lead);
+                line_->append(piece.lead);
                 text(piece.slot);
             }
-            line_.append(plan.tail);
+            line_->append(plan.tail);
             break;
         case MessageShape::General: {
             // Every text first, then the loop over them.
@@ -380,7 +380,7 @@ void RecordDecoder::appendMessage(const LogPlan& plan) {
             }
             starts.push_back(texts.size());
             substitutePlaceholders(
-                line_, plan.log->logString,
+                *line_, plan.log->logString,
                 [&](std::string_view key, std::string_view& name, std::string_view& value) {
                     const std::int32_t slot = plan.params.lookup(key);
                     if (slot < 0) {
@@ -513,40 +513,40 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
     }
 
     startLine(pcap_);
-    line_.append(plan.lineHead);
-    line_.append(level.padded);
-    line_.append(plan.lineCategory);
-    appendDecimal(line_, header_.seqNo);
-    appendLiteral(line_, "] [");
+    line_->append(plan.lineHead);
+    line_->append(level.padded);
+    line_->append(plan.lineCategory);
+    appendDecimal(*line_, header_.seqNo);
+    appendLiteral(*line_, "] [");
     if (module.hasHeader) {
         // The header values go straight into the line; their field is
         // dropped again when no value was found.
-        const std::size_t start = line_.size();
+        const std::size_t start = line_->size();
         const TablePlan& header = module.header;
         for (std::size_t i = 0; i < header.listed.size(); ++i) {
             const std::int32_t slot = header.listed[i];
             if (slot >= 0) {
                 const std::size_t index = static_cast<std::size_t>(slot);
-                line_.append(header.listedLead[i]);
-                appendText(line_, header.params[index], headerTable_.values[index],
+                line_->append(header.listedLead[i]);
+                appendText(*line_, header.params[index], headerTable_.values[index],
                            headerTable_);
-                line_.push_back(' ');
+                line_->push_back(' ');
             }
         }
-        if (line_.size() != start) {
+        if (line_->size() != start) {
             if (plan.mayHaveNul) {
-                cutAtNul(line_, start);
+                cutAtNul(*line_, start);
             }
-            appendLiteral(line_, "] [");
+            appendLiteral(*line_, "] [");
         }
     }
-    const std::size_t messageStart = line_.size();
+    const std::size_t messageStart = line_->size();
     appendMessage(plan);
     if (plan.mayHaveNul) {
-        cutAtNul(line_, messageStart);
+        cutAtNul(*line_, messageStart);
     }
-    appendLiteral(line_, "] \n");
-    record_.text = line_.view();
+    appendLiteral(*line_, "] \n");
+    record_.text = line_->view(lineStart_, line_->size() - lineStart_);
 }
 
 }  // namespace detail

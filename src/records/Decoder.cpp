@@ -53,16 +53,20 @@ void RecordDecoder::reorder(std::uint32_t module, std::int32_t last, std::int32_
 }
 
 void RecordDecoder::startLine(const PcapRecHeader& pcap) {
-    line_.clear();
-    if (!settings_.texts) {
-        return;
-    }
-    line_.push_back('[');
-    if (!appendTimeText(line_, time_, record_.seconds, static_cast<std::int32_t>(pcap.tsUsec))) {
+    // The time text first: a conversion failure is reported before any of
+    // the line is written.
+    timeText_.clear();
+    if (!appendTimeText(timeText_, time_, record_.seconds, static_cast<std::int32_t>(pcap.tsUsec))) {
         Event event;
         event.kind = EventKind::TimestampFailed;
         emit(event, "timestamp decoding failed\n");
     }
+    if (line_ == &ownLine_) {
+        ownLine_.clear();
+    }
+    lineStart_ = line_->size();
+    line_->push_back('[');
+    line_->append(timeText_.view());
 }
 
 int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,

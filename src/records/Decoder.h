@@ -118,6 +118,9 @@ class RecordDecoder : private SequenceReport {
 
     /// Forgets what the decoder keeps from the level table.
     void forgetLevels() { levels_->forget(); }
+    /// Lines are appended to `buffer` from now on (null: the decoder's own
+    /// buffer, emptied for every record).
+    void setLineBuffer(TextBuilder* buffer) { line_ = buffer != nullptr ? buffer : &ownLine_; }
 
     /// Decodes one record as the dispatcher does. Returns its result: 0 when
     /// the record was rendered or deliberately skipped with a version or
@@ -171,7 +174,12 @@ class RecordDecoder : private SequenceReport {
 
     bool produced_ = false;
     Record record_;
-    TextBuilder line_;
+    /// The line being built: in the stream's own buffer, or appended to a
+    /// buffer the caller gave (the reader's output buffer).
+    TextBuilder ownLine_;
+    TextBuilder* line_ = &ownLine_;
+    std::size_t lineStart_ = 0;
+    TextBuilder timeText_;
     TextBuilder arena_;
     TextBuilder message_;
     TimeTextCache time_;

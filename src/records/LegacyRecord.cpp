@@ -114,54 +114,54 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
     }
 
     startLine(pcap_);
-    appendLiteral(line_, "] [");
-    line_.append(module.source);
-    appendLiteral(line_, "] [");
-    line_.append(plan.paddedName);
-    appendLiteral(line_, "] [");
-    line_.append(level.padded);
-    appendLiteral(line_, "] [");
-    line_.append(plan.paddedCategory);
-    appendLiteral(line_, "] [");
-    appendDecimal(line_, header_.seqNo);
-    appendLiteral(line_, "] [");
-    appendFrameStamp(line_, frameTiming);
-    appendLiteral(line_, "] ");
+    appendLiteral(*line_, "] [");
+    line_->append(module.source);
+    appendLiteral(*line_, "] [");
+    line_->append(plan.paddedName);
+    appendLiteral(*line_, "] [");
+    line_->append(level.padded);
+    appendLiteral(*line_, "] [");
+    line_->append(plan.paddedCategory);
+    appendLiteral(*line_, "] [");
+    appendDecimal(*line_, header_.seqNo);
+    appendLiteral(*line_, "] [");
+    appendFrameStamp(*line_, frameTiming);
+    appendLiteral(*line_, "] ");
 
     // One string parameter is the tag; with two, the second is a trailer.
     const std::size_t strings = log.stringParams.size();
     const bool hasTag = strings == 1 || strings == 2;
     if (hasTag && !log.stringParams[0].name.empty()) {
-        line_.push_back('[');
-        appendPadded(line_, printed(textOf(0)), 14);
-        appendLiteral(line_, "] ");
+        line_->push_back('[');
+        appendPadded(*line_, printed(textOf(0)), 14);
+        appendLiteral(*line_, "] ");
     }
     const std::string_view logString = printed(log.logString);
     const std::size_t byteParams = log.uint8Params.size();
     const std::uint8_t cid = byteParams == 0 ? 0 : byteOf(byteParams - 1);
     if (cid != 0) {
-        appendLiteral(line_, " [CID=");
-        appendDecimal(line_, cid);
-        appendLiteral(line_, "] ");
+        appendLiteral(*line_, " [CID=");
+        appendDecimal(*line_, cid);
+        appendLiteral(*line_, "] ");
     } else {
-        line_.push_back(' ');
+        line_->push_back(' ');
     }
-    line_.append(logString);
-    line_.push_back(' ');
+    line_->append(logString);
+    line_->push_back(' ');
     for (std::size_t i = 0; i < log.uint32Params.size(); ++i) {
-        line_.append(printed(log.uint32Params[i].name));
-        line_.push_back('=');
-        appendDecimal(line_, wordOf(i));
-        line_.push_back(' ');
+        line_->append(printed(log.uint32Params[i].name));
+        line_->push_back('=');
+        appendDecimal(*line_, wordOf(i));
+        line_->push_back(' ');
     }
     if (strings == 2 && !log.stringParams[1].name.empty()) {
-        line_.append(printed(log.stringParams[1].name));
-        line_.push_back('=');
-        line_.append(printed(textOf(1)));
-        line_.push_back(' ');
+        line_->append(printed(log.stringParams[1].name));
+        line_->push_back('=');
+        line_->append(printed(textOf(1)));
+        line_->push_back(' ');
     }
-    line_.push_back('\n');
-    record_.text = line_.view();
+    line_->push_back('\n');
+    record_.text = line_->view(lineStart_, line_->size() - lineStart_);
 }
 
 }  // namespace detail

@@ -49,24 +49,24 @@ int RecordDecoder::decodeSyslog(const ByteReader& payload) {
         return 0;
     }
     startLine(pcap_);
-    appendLiteral(line_, "] [syslog] [");
-    appendPadded(line_, tagText, 16);
-    appendLiteral(line_, "] [");
-    line_.append(level.padded);
-    appendLiteral(line_, "] [");
-    appendDecimal(line_, header_.seqNo);
-    appendLiteral(line_, "] [");
+    appendLiteral(*line_, "] [syslog] [");
+    appendPadded(*line_, tagText, 16);
+    appendLiteral(*line_, "] [");
+    line_->append(level.padded);
+    appendLiteral(*line_, "] [");
+    appendDecimal(*line_, header_.seqNo);
+    appendLiteral(*line_, "] [");
     // Line feeds show as "\n" so that the record stays on one line; the
     // message is printed up to its first NUL.
     for (const char c : printed(message)) {
         if (c == '\n') {
-            appendLiteral(line_, "\\n");
+            appendLiteral(*line_, "\\n");
         } else {
-            line_.push_back(c);
+            line_->push_back(c);
         }
     }
-    appendLiteral(line_, "]\n");
-    record_.text = line_.view();
+    appendLiteral(*line_, "]\n");
+    record_.text = line_->view(lineStart_, line_->size() - lineStart_);
     return 0;
 }
 
@@ -77,12 +77,12 @@ void RecordDecoder::decodeCapture() {
         return;
     }
     startLine(pcap_);
-    appendLiteral(line_, "] [wireshark] [length=");
-    appendDecimal(line_, static_cast<int>(pcap_.storageLength));
-    appendLiteral(line_, "] [seqNo=");
-    appendDecimalPadded(line_, static_cast<int>(header_.seqNo), 10);
-    appendLiteral(line_, "]\n");
-    record_.text = line_.view();
+    appendLiteral(*line_, "] [wireshark] [length=");
+    appendDecimal(*line_, static_cast<int>(pcap_.storageLength));
+    appendLiteral(*line_, "] [seqNo=");
+    appendDecimalPadded(*line_, static_cast<int>(header_.seqNo), 10);
+    appendLiteral(*line_, "]\n");
+    record_.text = line_->view(lineStart_, line_->size() - lineStart_);
 }
 
 }  // namespace detail

@@ -46,6 +46,16 @@ class TextBuilder {
             std::memset(grow(count), c, count);
         }
     }
+    /// Makes room for `length` more characters without adding them: they are
+    /// written at the returned place and counted with commit().
+    char* reserveTail(std::size_t length) {
+        if (length > storage_.size() - size_) {
+            grow(length);
+            size_ -= length;
+        }
+        return storage_.data() + size_;
+    }
+    void commit(std::size_t length) { size_ += length; }
     /// Makes room for `length` more characters and returns where they go.
     /// Throws std::length_error rather than wrapping the size.
     char* grow(std::size_t length) {
@@ -113,14 +123,50 @@ void appendPadded(Out& out, std::string_view text, std::size_t width) {
     out.append(text.data(), text.size());
 }
 
+/// Writes the decimal digits of `value` ending just before `end` and
+/// returns where they start (two digits per step).
+template <typename U>
+char* writeDigitsBackwards(char* end, U value) {
+    static const char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    char* at = end;
+    while (value >= 100) {
+        const unsigned pair = static_cast<unsigned>(value % 100);
+        value /= 100;
+        at -= 2;
+        std::memcpy(at, kPairs + 2 * pair, 2);
+    }
+    if (value >= 10) {
+        at -= 2;
+        std::memcpy(at, kPairs + 2 * static_cast<unsigned>(value), 2);
+    } else {
+        *--at = static_cast<char>('0' + static_cast<unsigned>(value));
+    }
+    return at;
+}
+
 /// Appends `value` in decimal ("%u", "%d", "%llu" ...); 8-bit values as
 /// numbers, never characters.
 template <typename Out, typename T>
 void appendDecimal(Out& out, T value) {
-    using Wide = std::conditional_t<std::is_signed<T>::value, long long, unsigned long long>;
+    using Unsigned = std::conditional_t<(sizeof(T) > 4), std::uint64_t, std::uint32_t>;
     char buf[24];
-    const auto result = std::to_chars(buf, buf + sizeof buf, static_cast<Wide>(value));
-    out.append(buf, static_cast<std::size_t>(result.ptr - buf));
+    char* const end = buf + sizeof buf;
+    char* start;
+    if constexpr (std::is_signed<T>::value) {
+        if (value < 0) {
+            // The magnitude of the most negative value fits the unsigned type.
+            start = writeDigitsBackwards(end, static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value)));
+            *--start = '-';
+        } else {
+            start = writeDigitsBackwards(end, static_cast<Unsigned>(value));
+        }
+    } else {
+        start = writeDigitsBackwards(end, static_cast<Unsigned>(value));
+    }
+    out.append(start, static_cast<std::size_t>(end - start));
 }
 
 /// Appends `value` in decimal right-aligned in `width` ("%10d").

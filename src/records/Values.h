@@ -6,6 +6,7 @@
 
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <type_traits>
 
@@ -20,6 +21,13 @@ namespace detail {
 /// payload read as zero.
 template <typename T>
 T readLittleEndian(const ByteReader& payload, std::uint64_t offset) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if (payload.available(offset) >= sizeof(T)) {
+        T value;
+        std::memcpy(&value, payload.data() + offset, sizeof value);
+        return value;
+    }
+#endif
     unsigned char bytes[sizeof(T)];
     payload.copy(offset, bytes, sizeof bytes);
     std::uint64_t raw = 0;
