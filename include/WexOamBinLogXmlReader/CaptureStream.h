@@ -28,6 +28,7 @@
 namespace Tav {
 
 class BinaryLogXmlReader;
+class StreamSession;
 
 /// The options of the reader's constructor and of readBinaryFiledata, per
 /// stream.
@@ -48,6 +49,29 @@ struct StreamOptions {
     /// Otherwise pcapng, nanosecond and big-endian pcap, VLAN tags, IPv4
     /// options, Linux cooked captures, raw IP and BSD loopback are read too.
     bool strict = false;
+    /// Captures read one after the other in one session share its
+    /// statistics and level table (see StreamSession); null: the stream has
+    /// its own.
+    StreamSession* session = nullptr;
+};
+
+/// What consecutive captures of one run share, as readBinaryFiledata's calls
+/// on one reader do: the statistics (the counts and sequence numbers of a
+/// capture that ended on damage carry into the next capture, and are printed
+/// with it) and the level table (a level first seen in one capture stays in
+/// the table for the next). The streams of one session are read one after
+/// the other, never at the same time; the session outlives them.
+class WEXBL_API StreamSession {
+  public:
+    explicit StreamSession(const BinaryLogXmlReader& reader);
+    ~StreamSession();
+    StreamSession(const StreamSession&) = delete;
+    StreamSession& operator=(const StreamSession&) = delete;
+
+  private:
+    friend class CaptureStream;
+    struct State;
+    std::unique_ptr<State> state_;
 };
 
 class WEXBL_API CaptureStream {
@@ -90,6 +114,7 @@ class WEXBL_API CaptureStream {
 
   private:
     struct Impl;
+    static StreamSession::State* sessionState(const StreamOptions& options);
     std::unique_ptr<Impl> impl_;
 };
 

@@ -118,6 +118,8 @@ class RecordDecoder : private SequenceReport {
 
     /// Forgets what the decoder keeps from the level table.
     void forgetLevels() { levels_->forget(); }
+    /// Events go to `sink` from now on.
+    void setSink(EventSink& sink) { sink_ = &sink; }
     /// Lines are appended to `buffer` from now on (null: the decoder's own
     /// buffer, emptied for every record).
     void setLineBuffer(TextBuilder* buffer) { line_ = buffer != nullptr ? buffer : &ownLine_; }

@@ -54,16 +54,35 @@ const char* formatName(capture::CaptureFormat format) {
 
 }  // namespace
 
+/// The decoding state streams of one session share.
+struct StreamSession::State : detail::EventSink {
+    explicit State(const BinaryLogXmlReader& reader)
+        : levelNames(reader.logLevelNames), levels(levelNames), decoder(levels, stats, *this) {}
+    /// Streams set themselves as the sink before they decode.
+    void emit(const Event&) override {}
+
+    BinaryLogStatsCollector stats;
+    std::map<std::uint16_t, std::string> levelNames;
+    detail::LevelTable levels;
+    detail::RecordDecoder decoder;
+};
+
+StreamSession::StreamSession(const BinaryLogXmlReader& reader)
+    : state_(std::make_unique<State>(reader)) {}
+
+StreamSession::~StreamSession() = default;
+
 struct CaptureStream::Impl : detail::EventSink {
     Impl(const BinaryLogXmlReader& owner, const std::string& captureName,
-         const StreamOptions& streamOptions)
+         const StreamOptions& streamOptions, StreamSession::State* shared)
         : reader(owner),
           plans(detail::ReaderCore::plansOf(owner)),
           options(streamOptions),
           name(captureName),
-          levelNames(owner.logLevelNames),
-          levels(levelNames),
-          decoder(levels, stats, *this) {}
+          own(shared == nullptr ? std::make_unique<StreamSession::State>(owner) : nullptr),
+          session(shared != nullptr ? *shared : *own),
+          stats(session.stats),
+          decoder(session.decoder) {}
 
     // ---- Events ----------------------------------------------------------------------------
 
@@ -263,6 +282,8 @@ struct CaptureStream::Impl : detail::EventSink {
                 }
             }
             detail::RecordOrigin origin;
+            decoder.setSink(*this);
+            decoder.setLineBuffer(nullptr);
             origin.capture = name;
             origin.number = raw.number;
             origin.offset = raw.offset;
@@ -322,12 +343,12 @@ struct CaptureStream::Impl : detail::EventSink {
     const detail::PlanSet& plans;
     StreamOptions options;
     std::string name;
+    std::unique_ptr<StreamSession::State> own;
+    StreamSession::State& session;
+    BinaryLogStatsCollector& stats;
+    detail::RecordDecoder& decoder;
     std::unique_ptr<capture::ByteSource> source;
     std::unique_ptr<capture::PcapReader> pcap;
-    BinaryLogStatsCollector stats;
-    std::map<std::uint16_t, std::string> levelNames;
-    detail::LevelTable levels;
-    detail::RecordDecoder decoder;
 
     Phase phase = Phase::Open;
     bool opened = false;
@@ -342,22 +363,26 @@ struct CaptureStream::Impl : detail::EventSink {
     std::atomic<bool> stop{false};
 };
 
+StreamSession::State* CaptureStream::sessionState(const StreamOptions& options) {
+    return options.session != nullptr ? options.session->state_.get() : nullptr;
+}
+
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
                              const StreamOptions& options)
-    : impl_(std::make_unique<Impl>(reader, path, options)) {
+    : impl_(std::make_unique<Impl>(reader, path, options, sessionState(options))) {
     impl_->source = capture::openFile(path);
 }
 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name,
                              const unsigned char* data, std::size_t size,
                              const StreamOptions& options)
-    : impl_(std::make_unique<Impl>(reader, name, options)) {
+    : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openMemory(data, size);
 }
 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name, int fd,
                              bool own, const StreamOptions& options)
-    : impl_(std::make_unique<Impl>(reader, name, options)) {
+    : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openDescriptor(fd, own);
 }
 
