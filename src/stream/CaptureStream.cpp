@@ -261,6 +261,7 @@ struct CaptureStream::Impl : detail::EventSink {
             }
             const capture::ReadResult result = pcap->next(raw);
             if (result == capture::ReadResult::Pending) {
+                pending = true;  // an incremental source has nothing yet
                 return;
             }
             if (result != capture::ReadResult::Record) {
@@ -309,13 +310,13 @@ struct CaptureStream::Impl : detail::EventSink {
         if (stop.load(std::memory_order_relaxed)) {
             return false;
         }
-        while (phase != Phase::Done && queue.empty() && !recordReady) {
+        while (phase != Phase::Done && queue.empty() && !recordReady && !pending) {
             step();
-            if (stop.load(std::memory_order_relaxed) ||
-                (phase == Phase::Read && queue.empty() && !recordReady)) {
-                break;  // stopped, or an incremental source has nothing yet
+            if (stop.load(std::memory_order_relaxed)) {
+                break;
             }
         }
+        pending = false;
         if (nextQueued < queue.size()) {
             return takeEvent();
         }
@@ -354,6 +355,7 @@ struct CaptureStream::Impl : detail::EventSink {
     bool opened = false;
     bool damaged = false;
     bool recordReady = false;
+    bool pending = false;
     std::uint64_t extendedFramings = 0;
     std::vector<Queued> queue;
     std::size_t nextQueued = 0;
