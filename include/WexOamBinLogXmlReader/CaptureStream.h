@@ -30,6 +30,16 @@ namespace Tav {
 class BinaryLogXmlReader;
 class StreamSession;
 
+/// What kind of capture file a stream reads.
+enum class CaptureFormat : std::uint8_t {
+    Unknown,                   ///< not opened (yet), or no capture
+    Pcap,                      ///< pcap, microseconds, little-endian
+    PcapNanoseconds,           ///< pcap, nanoseconds, little-endian
+    PcapBigEndian,             ///< pcap, microseconds, big-endian
+    PcapNanosecondsBigEndian,  ///< pcap, nanoseconds, big-endian
+    PcapNg,                    ///< pcapng
+};
+
 /// The options of the reader's constructor and of readBinaryFiledata, per
 /// stream.
 struct StreamOptions {
@@ -44,6 +54,9 @@ struct StreamOptions {
     /// Build each record's line and each value's display text. Without them
     /// records carry their values only, which is faster.
     bool texts = true;
+    /// Fill each record's header and params. Without them records carry
+    /// their line only (with texts), which is faster.
+    bool values = true;
     /// Read only what readBinaryFiledata reads: pcap files whose header is
     /// not examined, link types 150 and 1 with the fixed Ethernet framing.
     /// Otherwise pcapng, nanosecond and big-endian pcap, VLAN tags, IPv4
@@ -103,8 +116,21 @@ class WEXBL_API CaptureStream {
     /// and from a signal handler.
     void requestStop() noexcept;
 
+    /// Opens the capture and reads its header, if that was not done yet
+    /// (next() does it too); what it finds comes as events from next().
+    /// Returns opened().
+    bool open();
     /// True once the capture was opened and its header read without error.
     bool opened() const;
+    /// The capture's format and link type (pcapng: its first interface's),
+    /// once opened.
+    CaptureFormat format() const;
+    std::uint32_t linkType() const;
+    /// The capture's first bytes (up to 4, after decompression), and whether
+    /// it is gzip-compressed: what a program needs to say what a file that
+    /// is no capture holds.
+    std::string firstBytes() const;
+    bool compressed() const;
     /// True when the capture ended on damage (truncated, oversized record,
     /// compressed data error, read error) or could not be read at all.
     bool damaged() const;

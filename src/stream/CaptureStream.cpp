@@ -138,6 +138,9 @@ struct CaptureStream::Impl : detail::EventSink {
                         "File open failed [" + name + "]\n", std::strerror(error));
             return;
         }
+        // The first bytes, for programs that say what a file holds.
+        const std::size_t have = source->ensure(4);
+        leading.assign(reinterpret_cast<const char*>(source->data()), have < 4 ? have : 4);
         pcap = std::make_unique<capture::PcapReader>(*source, options.strict);
         const capture::ReadResult result = pcap->open();
         if (result != capture::ReadResult::Ok) {
@@ -145,7 +148,6 @@ struct CaptureStream::Impl : detail::EventSink {
             finish(result);
             return;
         }
-        opened = true;
         const std::uint32_t linkType = pcap->linkType();
         const bool pcapng = pcap->format() == capture::CaptureFormat::PcapNg;
         if (options.strict ? linkType != capture::kLinkEthernet && linkType != capture::kLinkBinLog
@@ -157,9 +159,10 @@ struct CaptureStream::Impl : detail::EventSink {
             damaged = true;
             return;
         }
+        opened = true;
         if (!options.strict && pcap->format() != capture::CaptureFormat::PcapMicro) {
             note(std::string("Note: ") + formatName(pcap->format()) +
-                 " capture: readBinaryFiledata does not read this format\n");
+                 " capture, which readBinaryFiledata does not read\n");
         }
         phase = Phase::Read;
     }
@@ -174,7 +177,8 @@ struct CaptureStream::Impl : detail::EventSink {
             case capture::ReadResult::End:
                 if (extendedFramings != 0) {
                     note("Note: " + std::to_string(extendedFramings) +
-                         " records in framings readBinaryFiledata does not read\n");
+                         (extendedFramings == 1 ? " record" : " records") +
+                         " in framings that readBinaryFiledata skips\n");
                 }
                 if (options.stats) {
                     StatsSummary figures;
@@ -252,7 +256,7 @@ struct CaptureStream::Impl : detail::EventSink {
         settings.utcOffsetMinutes = options.utcOffsetMinutes;
         settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
         settings.stats = options.stats;
-        settings.fields = true;
+        settings.fields = options.values;
         settings.texts = options.texts;
         capture::RawRecord raw;
         while (phase == Phase::Read && queue.empty() && !recordReady) {
@@ -356,6 +360,7 @@ struct CaptureStream::Impl : detail::EventSink {
     bool damaged = false;
     bool recordReady = false;
     bool pending = false;
+    std::string leading;
     std::uint64_t extendedFramings = 0;
     std::vector<Queued> queue;
     std::size_t nextQueued = 0;
@@ -406,8 +411,47 @@ void CaptureStream::requestStop() noexcept {
     impl_->stop.store(true, std::memory_order_relaxed);
 }
 
+bool CaptureStream::open() {
+    if (impl_->phase == Phase::Open) {
+        impl_->open();
+    }
+    return impl_->opened;
+}
+
 bool CaptureStream::opened() const {
     return impl_->opened;
+}
+
+CaptureFormat CaptureStream::format() const {
+    if (!impl_->opened) {
+        return CaptureFormat::Unknown;
+    }
+    switch (impl_->pcap->format()) {
+        case capture::CaptureFormat::PcapMicro:
+            return CaptureFormat::Pcap;
+        case capture::CaptureFormat::PcapNano:
+            return CaptureFormat::PcapNanoseconds;
+        case capture::CaptureFormat::PcapMicroSwapped:
+            return CaptureFormat::PcapBigEndian;
+        case capture::CaptureFormat::PcapNanoSwapped:
+            return CaptureFormat::PcapNanosecondsBigEndian;
+        case capture::CaptureFormat::PcapNg:
+            return CaptureFormat::PcapNg;
+        default:
+            return CaptureFormat::Unknown;
+    }
+}
+
+std::uint32_t CaptureStream::linkType() const {
+    return impl_->pcap ? impl_->pcap->linkType() : 0;
+}
+
+std::string CaptureStream::firstBytes() const {
+    return impl_->leading;
+}
+
+bool CaptureStream::compressed() const {
+    return impl_->source && impl_->source->compressed();
 }
 
 bool CaptureStream::damaged() const {
