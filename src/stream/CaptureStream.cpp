@@ -10,6 +10,7 @@
 #include "BinaryLogXmlReader.h"
 #include "capture/Framing.h"
 #include "capture/PcapReader.h"
+#include "capture/RecordHeaders.h"
 #include "capture/Source.h"
 #include "capture/Unframe.h"
 #include "reader/ReaderCore.h"
@@ -82,7 +83,13 @@ struct CaptureStream::Impl : detail::EventSink {
           own(shared == nullptr ? std::make_unique<StreamSession::State>(owner) : nullptr),
           session(shared != nullptr ? *shared : *own),
           stats(session.stats),
-          decoder(session.decoder) {}
+          decoder(session.decoder) {
+        settings.utcOffsetMinutes = options.utcOffsetMinutes;
+        settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
+        settings.stats = options.stats;
+        settings.fields = options.values;
+        settings.texts = options.texts;
+    }
 
     // ---- Events ----------------------------------------------------------------------------
 
@@ -252,12 +259,9 @@ struct CaptureStream::Impl : detail::EventSink {
             open();
             return;
         }
-        detail::DecodeSettings settings;
-        settings.utcOffsetMinutes = options.utcOffsetMinutes;
-        settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
-        settings.stats = options.stats;
-        settings.fields = options.values;
-        settings.texts = options.texts;
+        // The session's decoder may have served another stream before.
+        decoder.setSink(*this);
+        decoder.setLineBuffer(nullptr);
         capture::RawRecord raw;
         while (phase == Phase::Read && queue.empty() && !recordReady) {
             if (stop.load(std::memory_order_relaxed)) {
@@ -272,12 +276,24 @@ struct CaptureStream::Impl : detail::EventSink {
                 finish(result);
                 return;
             }
+            detail::RecordOrigin origin;
+            origin.capture = name;
+            origin.number = raw.number;
+            origin.offset = raw.offset;
+            if (raw.linkType == capture::kLinkBinLog) {
+                // The record is the binary log itself.
+                decoder.decode(plans, settings, raw.header, detail::readBinLogHeader(raw.data, 0),
+                               raw.data.from(sizeof(BinLogHeader)), raw.header.storageLength,
+                               origin);
+                recordReady = decoder.produced();
+                continue;
+            }
             const capture::Unframed frame = capture::unframe(raw.linkType, raw.header, raw.data,
                                                              options.udpPort, options.strict);
             if (frame.status != capture::FrameStatus::Ok) {
                 continue;
             }
-            if (!options.strict && raw.linkType != capture::kLinkBinLog) {
+            if (!options.strict) {
                 // Count the records the original loop would not have read.
                 const capture::Unframed fixed =
                     capture::unframe(raw.linkType, raw.header, raw.data, options.udpPort, true);
@@ -286,12 +302,6 @@ struct CaptureStream::Impl : detail::EventSink {
                     ++extendedFramings;
                 }
             }
-            detail::RecordOrigin origin;
-            decoder.setSink(*this);
-            decoder.setLineBuffer(nullptr);
-            origin.capture = name;
-            origin.number = raw.number;
-            origin.offset = raw.offset;
             decoder.decode(plans, settings, frame.pcapHeader, frame.binLogHeader, frame.payload,
                            frame.statsLength, origin);
             recordReady = decoder.produced();
@@ -303,9 +313,11 @@ struct CaptureStream::Impl : detail::EventSink {
         if (nextQueued < queue.size()) {
             return takeEvent();
         }
-        queue.clear();
-        queueText.clear();
-        nextQueued = 0;
+        if (!queue.empty()) {
+            queue.clear();
+            queueText.clear();
+            nextQueued = 0;
+        }
         if (recordReady) {
             recordReady = false;
             item = Item::Record;
@@ -347,6 +359,7 @@ struct CaptureStream::Impl : detail::EventSink {
     const BinaryLogXmlReader& reader;
     const detail::PlanSet& plans;
     StreamOptions options;
+    detail::DecodeSettings settings;
     std::string name;
     std::unique_ptr<StreamSession::State> own;
     StreamSession::State& session;
