@@ -2,6 +2,7 @@
 // timing (scripts/bench-e2e.sh):
 //
 //   decode_capture reader DICT CAPTURE [UDP_PORT]   readBinaryFiledata to standard output
+//   decode_capture reader-stats DICT CAPTURE [UDP_PORT]   the same, statistics on
 //   decode_capture lines  DICT CAPTURE [UDP_PORT]   the pull API, lines to standard output
 //   decode_capture values DICT CAPTURE [UDP_PORT]   the pull API, values only (no text)
 //
@@ -25,11 +26,11 @@ int main(int argc, char** argv) {
         dictionary += '/';
     }
     const auto port = static_cast<unsigned short>(argc > 4 ? std::atoi(argv[4]) : 0);
-    Tav::BinaryLogXmlReader reader(dictionary, false, port, 65535);
+    Tav::BinaryLogXmlReader reader(dictionary, mode == "reader-stats", port, 65535);
     if (!reader.isGood()) {
         return 1;
     }
-    if (mode == "reader") {
+    if (mode == "reader" || mode == "reader-stats") {
         reader.readBinaryFiledata(argv[3], 0, stdout);
         return 0;
     }
