@@ -17,7 +17,7 @@ quick=${WEXBL_QUICK:-0}
 if [ "$quick" = 1 ]; then
     scripts/install-deps.sh --tests --bench
 else
-    scripts/install-deps.sh --tests --bench clang libclang-rt-dev valgrind clang-format
+    scripts/install-deps.sh --tests --bench clang libclang-rt-dev valgrind clang-format abigail-tools
 fi
 
 passed=0
@@ -52,6 +52,13 @@ BUILD_DIR=build scripts/build.sh -DWEXBL_BUILD_TESTS=ON -DWEXBL_WERROR=ON -DWEXB
 run_ctest build
 
 if [ "$quick" != 1 ]; then
+    step "ABI against the last release"
+    if scripts/check-abi.sh build; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+    fi
+
     step "formatting"
     if scripts/check-format.sh; then
         passed=$((passed + 1))

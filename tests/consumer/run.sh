@@ -27,7 +27,7 @@ unset LD_LIBRARY_PATH
 if [ "$static" = 1 ]; then
     library=libWexOamBinLogXmlReader.a
 else
-    library=libWexOamBinLogXmlReader.so.1
+    library=libWexOamBinLogXmlReader.so.${version%%.*}
 fi
 libdir=$(find "$work/prefix" -name "$library" -printf '%h\n' | head -n1)
 [ -n "$libdir" ] || { echo "no $library under the install prefix"; exit 1; }
@@ -51,7 +51,7 @@ check_tools() {
     [ "$static" = 0 ] || return 0
     local tool
     for tool in binlog-decode binlog-synth; do
-        got=$(ldd "$prefix/bin/$tool" | awk '$1 == "libWexOamBinLogXmlReader.so.1" { print $3 }')
+        got=$(ldd "$prefix/bin/$tool" | awk -v soname="$library" '$1 == soname { print $3 }')
         if [ -z "$got" ] || [ "$(realpath "$got")" != "$(realpath "$prefix/$libdir_rel/$library")" ]; then
             echo "installed $tool loads the library from '$got'"
             exit 1
