@@ -170,6 +170,49 @@ void appendDecimal(Out& out, T value) {
     out.append(start, static_cast<std::size_t>(end - start));
 }
 
+/// Number of decimal digits of `value`.
+inline unsigned decimalDigits(std::uint64_t value) {
+    unsigned digits = 1;
+    for (;;) {
+        if (value < 10) {
+            return digits;
+        }
+        if (value < 100) {
+            return digits + 1;
+        }
+        if (value < 1000) {
+            return digits + 2;
+        }
+        if (value < 10000) {
+            return digits + 3;
+        }
+        value /= 10000;
+        digits += 4;
+    }
+}
+
+/// appendDecimal into a TextBuilder: the digits are written in place.
+template <typename T>
+void appendDecimal(TextBuilder& out, T value) {
+    using Unsigned = std::conditional_t<(sizeof(T) > 4), std::uint64_t, std::uint32_t>;
+    Unsigned magnitude = static_cast<Unsigned>(value);
+    bool negative = false;
+    if constexpr (std::is_signed<T>::value) {
+        if (value < 0) {
+            negative = true;
+            magnitude = static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value));
+        }
+    }
+    const unsigned digits = decimalDigits(magnitude);
+    const std::size_t length = digits + (negative ? 1u : 0u);
+    char* at = out.reserveTail(length);
+    if (negative) {
+        *at = '-';
+    }
+    writeDigitsBackwards(at + length, magnitude);
+    out.commit(length);
+}
+
 /// Appends `value` in decimal right-aligned in `width` ("%10d").
 template <typename Out, typename T>
 void appendDecimalPadded(Out& out, T value, std::size_t width) {

@@ -61,6 +61,28 @@ void appendHex(Out& out, T value) {
     out.append(buf, static_cast<std::size_t>(result.ptr - buf));
 }
 
+/// appendHex into a TextBuilder: the digits are written in place.
+template <typename T>
+void appendHex(TextBuilder& out, T value) {
+    std::uint64_t pattern;
+    if constexpr (std::is_same<T, std::int8_t>::value) {
+        pattern = static_cast<std::uint32_t>(static_cast<std::int32_t>(value));
+    } else {
+        pattern = static_cast<std::make_unsigned_t<T>>(value);
+    }
+    static const char kDigits[] = "0123456789abcdef";
+    const unsigned digits =
+        pattern == 0 ? 1u : static_cast<unsigned>((67 - __builtin_clzll(pattern)) / 4);
+    char* at = out.reserveTail(digits + 2);
+    at[0] = '0';
+    at[1] = 'x';
+    for (unsigned i = digits; i > 0; --i) {
+        at[1 + i] = kDigits[pattern & 0x0F];
+        pattern >>= 4;
+    }
+    out.commit(digits + 2);
+}
+
 /// The sign and magnitude of a value, as an enumeration look-up needs them.
 template <typename T>
 void signAndMagnitude(T value, bool& negative, std::uint64_t& magnitude) {
@@ -105,6 +127,31 @@ void appendHexBytes(Out& out, const ByteReader& bytes, std::uint64_t offset, std
         } else {
             out.append(text, 3);
         }
+    }
+    if (rendered < count) {
+        appendLiteral(out, ":...");
+    }
+}
+
+/// appendHexBytes into a TextBuilder: the digits are written in place.
+inline void appendHexBytes(TextBuilder& out, const ByteReader& bytes, std::uint64_t offset,
+                           std::uint32_t count) {
+    static const char kDigits[] = "0123456789abcdef";
+    const std::uint32_t rendered = count < kMaxRenderedElements ? count : kMaxRenderedElements;
+    if (rendered != 0) {
+        const std::size_t length = static_cast<std::size_t>(rendered) * 3 - 1;
+        // Room for the separator written after the last byte too.
+        char* at = out.reserveTail(length + 1);
+        const std::size_t have = bytes.available(offset);
+        const unsigned char* from = have != 0 ? bytes.data() + offset : nullptr;
+        for (std::uint32_t i = 0; i < rendered; ++i) {
+            const std::uint8_t byte = i < have ? from[i] : 0;
+            at[0] = kDigits[byte >> 4];
+            at[1] = kDigits[byte & 0x0F];
+            at[2] = ':';
+            at += 3;
+        }
+        out.commit(length);
     }
     if (rendered < count) {
         appendLiteral(out, ":...");
