@@ -172,6 +172,20 @@ void planTable(const FlexiParams& params, const std::vector<std::string>& paramO
                 p.textMayHaveBrace = type == ParamType::String;
             }
             plan.longestName = std::max(plan.longestName, param.name.size());
+            // Offsets run as the decoder's do: unsigned 32-bit, wrapping.
+            p.offset = plan.fixedSize;
+            if (type == ParamType::VarBinaryString) {
+                if (plan.firstVarBinary < 0) {
+                    plan.firstVarBinary = static_cast<std::int32_t>(plan.params.size());
+                }
+            } else if (type < ParamType::String) {
+                const std::uint32_t size = elementSize(type);
+                plan.fixedSize += param.length == 0 ? size : size * param.length;
+            } else {
+                plan.fixedSize += param.length;
+            }
+            plan.direct = plan.direct && p.display != DisplayKind::UnknownEnum &&
+                          p.display != DisplayKind::NoEnums;
             plan.params.push_back(p);
         }
     });
@@ -295,6 +309,15 @@ void PlanSet::build(const std::map<std::uint16_t, ModuleDetails>& modules,
             plan->mayHaveNul =
                 moduleNul || hasNul(log.logString) || hasNul(log.logName) || hasNul(log.category);
             planTable(log, log.paramOrder, false, *enums_, plan->params, plan->mayHaveNul);
+            // The log's parameters follow the module header and its padding.
+            const std::uint32_t base =
+                modulePlan->hasHeader ? modulePlan->header.fixedSize + modulePlan->headerPadding
+                                      : 0;
+            for (ParamPlan& param : plan->params.params) {
+                param.offset += base;
+            }
+            plan->direct =
+                plan->params.direct && (!modulePlan->hasHeader || modulePlan->header.direct);
             plan->paddedName = padded(log.logName, 25);
             plan->paddedCategory = padded(log.category, 10);
             plan->lineHead = "] [" + modulePlan->source + "] [" + plan->paddedName + "] [";

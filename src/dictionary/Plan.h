@@ -24,6 +24,7 @@
 #include "BinLogDictionary.h"
 #include "BinaryLogDisplayFormatter.h"
 #include "WexOamBinLogXmlReader/Record.h"
+#include "dictionary/WireOrder.h"
 
 namespace Tav {
 namespace detail {
@@ -104,6 +105,10 @@ struct ParamPlan {
     /// Its text may hold a brace (strings, enumerations with such texts,
     /// arrays whose name or element texts may).
     bool textMayHaveBrace = false;
+    /// Where its bytes start in the payload, in the decoder's unsigned 32-bit
+    /// arithmetic (for a var binary string after the first: where the one
+    /// before it starts; the counts in the payload decide the rest).
+    std::uint32_t offset = 0;
 };
 
 /// The parameters of a module header or of a log.
@@ -118,6 +123,13 @@ struct TablePlan {
     std::uint32_t fieldCount = 0;
     /// The longest parameter name (bounds a placeholder key worth looking up).
     std::size_t longestName = 0;
+    /// Bytes of the fixed-size parameters (all but var binary strings).
+    std::uint32_t fixedSize = 0;
+    /// Every value can be rendered straight from the payload: no display
+    /// format reports anything while it is decoded.
+    bool direct = true;
+    /// The first var binary string, or -1.
+    std::int32_t firstVarBinary = -1;
     /// The index of the parameter whose text `name` shows, or -1.
     std::int32_t lookup(std::string_view name) const;
 };
@@ -167,6 +179,8 @@ struct LogPlan {
     std::string_view tail;
     /// Some text of the line may hold a NUL byte ("%s" stops there).
     bool mayHaveNul = false;
+    /// The line can be rendered straight from the payload (see TablePlan).
+    bool direct = false;
 };
 
 /// Plans of every log of the dictionary, with a flat look-up by log id.

@@ -526,8 +526,275 @@ void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<
     out = View<ParamField>(fields, plan.fieldCount);
 }
 
+void RecordDecoder::scanVarBinaries(const TablePlan& plan, const ByteReader& payload) {
+    varBinaries_.clear();
+    if (plan.firstVarBinary < 0) {
+        return;
+    }
+    // Var binary strings are the last group: each starts where the one before
+    // it ends.
+    unsigned int offset = plan.params[static_cast<std::size_t>(plan.firstVarBinary)].offset;
+    for (std::size_t i = static_cast<std::size_t>(plan.firstVarBinary); i < plan.params.size();
+         ++i) {
+        const ParamPlan& param = plan.params[i];
+        std::uint16_t count = payload.get_u16le(offset);
+        offset += 2;
+        if (count > param.length) {
+            Event event;
+            event.kind = EventKind::VarBinaryTooLong;
+            event.count = count;
+            event.length = param.length;
+            char text[96];
+            const int size = snprintf(text, sizeof text,
+                                      "Variable length:%d in payload is greater thanthe "
+                                      "definition %d\n",
+                                      static_cast<int>(count), static_cast<int>(param.length));
+            emit(event, std::string_view(text, static_cast<std::size_t>(size)));
+            count = static_cast<std::uint16_t>(param.length);
+        }
+        varBinaries_.push_back(VarBinary{offset, count});
+        offset += count;
+    }
+}
+
+namespace {
+
+/// The text of the integer of type T at `offset`, as `param` shows it.
+template <typename T, typename Out>
+void appendDirectInt(Out& out, const ParamPlan& param, const ByteReader& payload,
+                     std::uint32_t offset, const std::string*& previous) {
+    const T value = readLittleEndian<T>(payload, offset);
+    if (param.display == DisplayKind::Enum) {
+        bool negative;
+        std::uint64_t magnitude;
+        signAndMagnitude(value, negative, magnitude);
+        const std::string* text = param.enumTable->find(negative, magnitude);
+        // An element the enumeration lacks shows the text before it.
+        if (text != nullptr) {
+            previous = text;
+        }
+        if (previous != nullptr) {
+            out.append(previous->data(), previous->size());
+        }
+        return;
+    }
+    appendPlainInt(out, param.display, value);
+}
+
+template <typename T, typename Out>
+void appendDirectInts(Out& out, const ParamPlan& param, const ByteReader& payload) {
+    const std::string* previous = nullptr;
+    if (param.length == 0) {
+        appendDirectInt<T>(out, param, payload, param.offset, previous);
+        return;
+    }
+    const std::uint32_t count = param.length;
+    const std::uint32_t rendered = count < kMaxRenderedElements ? count : kMaxRenderedElements;
+    out.push_back('[');
+    std::uint32_t offset = param.offset;
+    for (std::uint32_t i = 0; i < rendered; ++i) {
+        appendLabel(out, *param.name, i);
+        appendDirectInt<T>(out, param, payload, offset, previous);
+        offset += static_cast<std::uint32_t>(sizeof(T));
+        if (i + 1 < count) {
+            out.push_back(',');
+        }
+    }
+    if (rendered < count) {
+        appendLiteral(out, "...");
+    }
+    out.push_back(']');
+}
+
+}  // namespace
+
+template <typename Out>
+void RecordDecoder::appendDirect(Out& out, const TablePlan& plan, std::size_t index,
+                                 const ByteReader& payload) const {
+    const ParamPlan& param = plan.params[index];
+    switch (param.type) {
+        case ParamType::Uint64:
+            appendDirectInts<std::uint64_t>(out, param, payload);
+            return;
+        case ParamType::Int64:
+            appendDirectInts<std::int64_t>(out, param, payload);
+            return;
+        case ParamType::Uint32:
+            appendDirectInts<std::uint32_t>(out, param, payload);
+            return;
+        case ParamType::Int32:
+            appendDirectInts<std::int32_t>(out, param, payload);
+            return;
+        case ParamType::Uint16:
+            appendDirectInts<std::uint16_t>(out, param, payload);
+            return;
+        case ParamType::Int16:
+            appendDirectInts<std::int16_t>(out, param, payload);
+            return;
+        case ParamType::Uint8:
+            appendDirectInts<std::uint8_t>(out, param, payload);
+            return;
+        case ParamType::Int8:
+            appendDirectInts<std::int8_t>(out, param, payload);
+            return;
+        case ParamType::String: {
+            // The text up to its first NUL; bytes past the record are NULs.
+            const std::size_t have = payload.available(param.offset);
+            const std::size_t span = param.length < have ? param.length : have;
+            if (span != 0) {
+                const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
+                const void* nul = std::memchr(at, '\0', span);
+                out.append(
+                    at, nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
+            }
+            return;
+        }
+        case ParamType::BinaryString:
+            appendHexBytes(out, payload, param.offset, param.length);
+            return;
+        case ParamType::VarBinaryString: {
+            const VarBinary& var =
+                varBinaries_[index - static_cast<std::size_t>(plan.firstVarBinary)];
+            appendLiteral(out, "payload size:");
+            appendDecimal(out, static_cast<unsigned int>(var.count));
+            out.push_back(' ');
+            appendHexBytes(
+                out, payload, var.offset,
+                var.count < settings_.maxVarBinaryBytes ? var.count : settings_.maxVarBinaryBytes);
+            return;
+        }
+    }
+}
+
+bool RecordDecoder::directBrace(const TablePlan& plan, std::size_t index,
+                                const ByteReader& payload) const {
+    const ParamPlan& param = plan.params[index];
+    if (!param.textMayHaveBrace) {
+        return false;
+    }
+    if (param.type == ParamType::String) {
+        const std::size_t have = payload.available(param.offset);
+        const std::size_t span = param.length < have ? param.length : have;
+        const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
+        for (std::size_t i = 0; i < span && at[i] != '\0'; ++i) {
+            if (at[i] == '{' || at[i] == '}') {
+                return true;
+            }
+        }
+        return false;
+    }
+    // An enumeration text or an array: look at the text itself.
+    TextBuilder& text = const_cast<TextBuilder&>(braceScratch_);
+    text.clear();
+    appendDirect(text, plan, index, payload);
+    return hasBrace(text.data(), text.size());
+}
+
+void RecordDecoder::renderDirect(const LogPlan& plan, const ByteReader& payload) {
+    const ModulePlan& module = *plan.module;
+    const TablePlan& params = plan.params;
+    line_->append(plan.lineHead);
+    line_->append(levels_->get(header_.logLevel).padded);
+    line_->append(plan.lineCategory);
+    appendDecimal(*line_, header_.seqNo);
+    appendLiteral(*line_, "] [");
+    if (module.hasHeader) {
+        const std::size_t start = line_->size();
+        const TablePlan& header = module.header;
+        for (std::size_t i = 0; i < header.listed.size(); ++i) {
+            const std::int32_t slot = header.listed[i];
+            if (slot >= 0) {
+                line_->append(header.listedLead[i]);
+                appendDirect(*line_, header, static_cast<std::size_t>(slot), payload);
+                line_->push_back(' ');
+            }
+        }
+        if (line_->size() != start) {
+            if (plan.mayHaveNul) {
+                cutAtNul(*line_, start);
+            }
+            appendLiteral(*line_, "] [");
+        }
+    }
+    const std::size_t messageStart = line_->size();
+    MessageShape shape = plan.shape;
+    if (shape == MessageShape::Template) {
+        for (const MessagePiece& piece : plan.pieces) {
+            if (directBrace(params, static_cast<std::size_t>(piece.slot), payload)) {
+                shape = MessageShape::General;
+                break;
+            }
+        }
+    }
+    switch (shape) {
+        case MessageShape::List:
+            line_->append(plan.log->logString);
+            line_->push_back(' ');
+            for (std::size_t i = 0; i < params.listed.size(); ++i) {
+                if (params.listed[i] >= 0) {
+                    line_->append(params.listedLead[i]);
+                    appendDirect(*line_, params, static_cast<std::size_t>(params.listed[i]),
+                                 payload);
+                    line_->push_back(' ');
+                }
+            }
+            break;
+        case MessageShape::Template:
+            for (const MessagePiece& piece : plan.pieces) {
+                line_->append(piece.lead);
+                appendDirect(*line_, params, static_cast<std::size_t>(piece.slot), payload);
+            }
+            line_->append(plan.tail);
+            break;
+        case MessageShape::General: {
+            TextBuilder& texts = generalTexts_;
+            texts.clear();
+            std::vector<std::size_t>& starts = generalStarts_;
+            starts.clear();
+            for (std::size_t i = 0; i < params.params.size(); ++i) {
+                starts.push_back(texts.size());
+                appendDirect(texts, params, i, payload);
+            }
+            starts.push_back(texts.size());
+            substitutePlaceholders(
+                *line_, plan.log->logString,
+                [&](std::string_view key, std::string_view& name, std::string_view& value) {
+                    const std::int32_t slot = params.lookup(key);
+                    if (slot < 0) {
+                        return false;
+                    }
+                    const std::size_t index = static_cast<std::size_t>(slot);
+                    name = *params.params[index].name;
+                    value = texts.view(starts[index], starts[index + 1] - starts[index]);
+                    return true;
+                },
+                params.longestName, placeholders_);
+            break;
+        }
+    }
+    if (plan.mayHaveNul) {
+        cutAtNul(*line_, messageStart);
+    }
+    appendLiteral(*line_, "] \n");
+    record_.text = line_->view(lineStart_, line_->size() - lineStart_);
+}
+
 void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {
     const ModulePlan& module = *plan.module;
+    if (plan.direct && settings_.texts && !settings_.fields) {
+        // The line straight from the payload: no decoding pass.
+        scanVarBinaries(plan.params, payload);
+        record_.kind = RecordKind::BinLog;
+        record_.subsystem = module.module->subsystemName;
+        record_.module = module.module->moduleName;
+        record_.log = plan.log->logName;
+        record_.category = plan.log->category;
+        record_.levelName = *levels_->get(header_.logLevel).name;
+        produced_ = true;
+        startLine(pcap_);
+        renderDirect(plan, payload);
+        return;
+    }
     unsigned int offset = 0;
     if (module.hasHeader) {
         decodeTable(module.header, payload, offset, headerTable_);

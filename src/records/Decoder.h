@@ -163,6 +163,16 @@ class RecordDecoder : private SequenceReport {
     void appendText(Out& out, const ParamPlan& param, const DecodedValue& value,
                     const DecodedTable& table) const;
     void appendMessage(const LogPlan& plan);
+    /// The line of a log whose values render straight from the payload.
+    void renderDirect(const LogPlan& plan, const ByteReader& payload);
+    /// Reads the counts of the table's var binary strings (reporting those
+    /// above their declared size).
+    void scanVarBinaries(const TablePlan& plan, const ByteReader& payload);
+    template <typename Out>
+    void appendDirect(Out& out, const TablePlan& plan, std::size_t index,
+                      const ByteReader& payload) const;
+    /// Whether the text of parameter `index` holds a brace.
+    bool directBrace(const TablePlan& plan, std::size_t index, const ByteReader& payload) const;
     /// Fills the table's fields (declaration order) and their texts.
     void fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out);
     void decodeLegacy(const LogPlan& plan, const ByteReader& payload);
@@ -204,6 +214,14 @@ class RecordDecoder : private SequenceReport {
         std::size_t bytesSize = 0;
     };
     std::vector<FieldSpan> fieldSpans_;
+    /// The var binary strings of the record being rendered: where their bytes
+    /// start and their (capped) counts.
+    struct VarBinary {
+        std::uint32_t offset;
+        std::uint16_t count;
+    };
+    std::vector<VarBinary> varBinaries_;
+    TextBuilder braceScratch_;
     std::vector<ParamField> legacyFields_;
     std::string eventText_;
 };
