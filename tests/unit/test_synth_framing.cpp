@@ -44,7 +44,7 @@ unsigned checksumSum(const std::string& s, std::size_t at, std::size_t n, std::u
 /// version 3, seqNo 9) and four payload bytes.
 std::string sampleLogRecord() {
     ByteBuffer b;
-    Tav::BinLogHeader h;
+    LogHeader h;
     h.packetType = 0;
     h.logId = 0x01020003;
     h.logLevel = 5;

@@ -358,7 +358,7 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 kind + " needs a module and a log: " + kind + " SUBSYSTEM:MODULE LOGNAME|@N ...";
             return false;
         }
-        if (dictionary_ == nullptr || dictionary_->reader() == nullptr) {
+        if (dictionary_ == nullptr || !dictionary_->loaded()) {
             error = kind + " records need a dictionary (--dict DIR)";
             return false;
         }
@@ -373,12 +373,12 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
         at += 2;
     }
 
-    Tav::BinLogHeader header;
-    header.packetType = isBinlog            ? Tav::BinLog
-                        : isLegacy          ? Tav::Legacy
-                        : kind == "syslog"  ? Tav::Syslog
-                        : kind == "capture" ? Tav::PcapCapture
-                                            : Tav::BinLog;
+    LogHeader header;
+    header.packetType = isBinlog            ? kPacketBinLog
+                        : isLegacy          ? kPacketLegacy
+                        : kind == "syslog"  ? kPacketSyslog
+                        : kind == "capture" ? kPacketCapture
+                                            : kPacketBinLog;
     header.logId = layout != nullptr ? layout->logId : 0;
     header.logLevel = (needsLog || kind == "syslog") ? 5 : 0;
     header.logVersion = layout != nullptr ? layout->version : 0;
@@ -550,7 +550,10 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
             continue;
         }
         if (isLegacy) {
-            const Tav::LogDetails& log = *layout->log;
+            const std::vector<std::string> u32Names = firstNamesOf(*layout->log, FieldKind::U32, 5);
+            const std::vector<std::string> u8Names = firstNamesOf(*layout->log, FieldKind::U8, 4);
+            const std::vector<std::string> textNames =
+                firstNamesOf(*layout->log, FieldKind::String, 2);
             std::string name = k;
             const bool prefixed = name.compare(0, 4, "log.") == 0;
             if (prefixed) {
@@ -605,8 +608,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 continue;
             }
             bool found = false;
-            for (std::size_t i = 0; i < log.uint32Params.size() && i < 5 && !found; ++i) {
-                if (log.uint32Params[i].name == name) {
+            for (std::size_t i = 0; i < u32Names.size() && !found; ++i) {
+                if (u32Names[i] == name) {
                     std::uint64_t bits = 0;
                     if (!parseIntegerBits(t.value, 4, bits)) {
                         error = "bad value \"" + t.value + "\" for TavUint32_t parameter " + name;
@@ -616,8 +619,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                     found = true;
                 }
             }
-            for (std::size_t i = 0; i < log.uint8Params.size() && i < 4 && !found; ++i) {
-                if (log.uint8Params[i].name == name) {
+            for (std::size_t i = 0; i < u8Names.size() && !found; ++i) {
+                if (u8Names[i] == name) {
                     std::uint64_t bits = 0;
                     if (!parseIntegerBits(t.value, 1, bits)) {
                         error = "bad value \"" + t.value + "\" for TavUint8_t parameter " + name;
@@ -627,8 +630,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                     found = true;
                 }
             }
-            for (std::size_t i = 0; i < log.stringParams.size() && i < 2 && !found; ++i) {
-                if (log.stringParams[i].name == name) {
+            for (std::size_t i = 0; i < textNames.size() && !found; ++i) {
+                if (textNames[i] == name) {
                     if (t.value.size() > kLegacyTextSize) {
                         error = "string parameter " + name +
                                 " holds at most 14 bytes in a legacy "
@@ -691,8 +694,7 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                     continue;
                 }
                 ParamValue v;
-                if (!parseFieldValue(f, t.value, &dictionary_->reader()->displayFormatter, v,
-                                     error)) {
+                if (!parseFieldValue(f, t.value, &dictionary_->displays(), v, error)) {
                     return false;
                 }
                 if (!parsed) {
@@ -715,9 +717,9 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
 
     // Sequence number: per module (upper half of the log id), in the number
     // space the decoder's statistics use for the packet type.
-    const std::uint64_t space = header.packetType == Tav::Syslog        ? 1
-                                : header.packetType == Tav::PcapCapture ? 2
-                                                                        : 0;
+    const std::uint64_t space = header.packetType == kPacketSyslog    ? 1
+                                : header.packetType == kPacketCapture ? 2
+                                                                      : 0;
     const std::uint64_t seqKey = (space << 32) | (header.logId >> 16);
     if (seqGiven && firstRepeat) {
         header.seqNo = seq;
@@ -779,26 +781,26 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
             if (legacyNamed.count("frame") == 0) {
                 legacy.frameTiming = r.frameTiming;
             }
-            const Tav::LogDetails& log = *layout->log;
+            const std::vector<std::string> u32Names = firstNamesOf(*layout->log, FieldKind::U32, 5);
+            const std::vector<std::string> u8Names = firstNamesOf(*layout->log, FieldKind::U8, 4);
+            const std::vector<std::string> textNames =
+                firstNamesOf(*layout->log, FieldKind::String, 2);
             for (std::size_t i = 0; i < 5; ++i) {
                 if (legacyNamed.count("u32") == 0 &&
-                    (i >= log.uint32Params.size() ||
-                     legacyNamed.count(log.uint32Params[i].name) == 0)) {
+                    (i >= u32Names.size() || legacyNamed.count(u32Names[i]) == 0)) {
                     legacy.u32[i] = r.u32[i];
                 }
             }
             for (std::size_t i = 0; i < 4; ++i) {
                 if (legacyNamed.count("u8") == 0 &&
-                    (i >= log.uint8Params.size() ||
-                     legacyNamed.count(log.uint8Params[i].name) == 0)) {
+                    (i >= u8Names.size() || legacyNamed.count(u8Names[i]) == 0)) {
                     legacy.u8[i] = r.u8[i];
                 }
             }
             for (std::size_t i = 0; i < 2; ++i) {
                 const std::string slot = i == 0 ? "text1" : "text2";
                 if (legacyNamed.count(slot) == 0 &&
-                    (i >= log.stringParams.size() ||
-                     legacyNamed.count(log.stringParams[i].name) == 0)) {
+                    (i >= textNames.size() || legacyNamed.count(textNames[i]) == 0)) {
                     legacy.text[i] = r.text[i];
                 }
             }
