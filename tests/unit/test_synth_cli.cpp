@@ -237,7 +237,9 @@ TEST_F(SynthCli, UsageErrorsExitWith2) {
          "--max-var-length needs a number from 0 to 65535, not '70000'"},
         {{"--script", "s", "-o", out, "--max-var-length", "3"},
          "--max-var-length applies to random mode only"},
-        {{"--link", "ipx"}, "--link takes 150, ipv4 or ipv6, not 'ipx'"},
+        {{"--link", "ipx"},
+         "--link takes 150, ipv4, ipv6, 228, 229 or LAYER:ipv4|ipv6 (LAYER ethernet, sll, sll2, "
+         "raw or null), not 'ipx'"},
         {{"--udp-port", "70000"}, "--udp-port needs a port number (0-65535), not '70000'"},
         {{"--records", "5", "--dict", dict_, "-o", out, "--link", "150", "--udp-port", "1"},
          "--udp-port needs Ethernet framing (--link ipv4 or ipv6)"},

@@ -275,7 +275,10 @@ TEST_F(SynthScript, SettingErrorsNameTheLine) {
     EXPECT_FALSE(parseScript("frobnicate\n", "s.synth", script, error));
     EXPECT_EQ(error, "s.synth:1: unknown command frobnicate");
     EXPECT_FALSE(parseScript("link ipx\n", "s.synth", script, error));
-    EXPECT_EQ(error, "s.synth:1: unknown framing ipx (150, ipv4 or ipv6)");
+    EXPECT_EQ(error,
+              "s.synth:1: unknown framing ipx (150, ipv4, ipv6, or a link layer and an IP "
+              "version: ethernet|sll|sll2|raw|null ipv4|ipv6, 228, 229; the layers also by link "
+              "type number: 1, 113, 276, 101, 0)");
     EXPECT_FALSE(parseScript("link 150 port=5000\n", "s.synth", script, error));
     EXPECT_EQ(error, "s.synth:1: link 150 takes no options");
     EXPECT_FALSE(parseScript("link ipv4 dst=2001:db8::1\n", "s.synth", script, error));
@@ -480,7 +483,7 @@ TEST_F(SynthScript, EthernetOptions) {
     EXPECT_EQ(byteAt(data, 23), 6u);
     EXPECT_EQ(byteAt(data, 36) * 256 + byteAt(data, 37), 6000u);
     EXPECT_EQ(errorOf("binlog OAM:sys Boot port=1\n"),
-              "s.synth:1: port= needs Ethernet framing (link ipv4 or link ipv6)");
+              "s.synth:1: port= needs a UDP framing (any link but 150)");
 }
 
 TEST_F(SynthScript, RandomFillFollowsTheSeed) {

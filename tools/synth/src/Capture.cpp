@@ -553,6 +553,7 @@ bool OutputSink::open(const std::string& path, bool gzip, std::string& error, in
 void OutputSink::openMemory() {
     mode_ = Mode::Memory;
     memory_.clear();
+    writeEnds_.clear();
     buffer_.clear();
     failed_ = false;
     failure_.clear();
@@ -606,6 +607,9 @@ bool OutputSink::write(const void* data, std::size_t n) {
         return false;
     }
     buffer_.append(static_cast<const char*>(data), n);
+    if (mode_ == Mode::Memory) {
+        writeEnds_.push_back(memory_.size() + buffer_.size());
+    }
     if (buffer_.size() >= kFlushThreshold) {
         return flush();
     }
@@ -691,6 +695,130 @@ void OutputSink::abandon() {
         closeStream();
     }
     removeTemporary();
+}
+
+// ---- Damaged gzip files --------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kGzipHeaderLength = 10;
+constexpr std::size_t kStoredBlockMost = 65535;
+
+/// Owns a deflate stream.
+class Deflater {
+  public:
+    explicit Deflater(int level) {
+        // 15 + 16: a gzip wrapper around the deflate data.
+        live_ = deflateInit2(&stream_, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+    }
+    ~Deflater() {
+        if (live_) {
+            deflateEnd(&stream_);
+        }
+    }
+    Deflater(const Deflater&) = delete;
+    Deflater& operator=(const Deflater&) = delete;
+
+    bool run(const std::string& data, std::string& out) {
+        if (!live_) {
+            return false;
+        }
+        out.resize(deflateBound(&stream_, static_cast<uLong>(data.size())) + 64);
+        stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+        stream_.avail_in = static_cast<uInt>(data.size());
+        stream_.next_out = reinterpret_cast<Bytef*>(&out[0]);
+        stream_.avail_out = static_cast<uInt>(out.size());
+        if (deflate(&stream_, Z_FINISH) != Z_STREAM_END) {
+            return false;
+        }
+        out.resize(stream_.total_out);
+        return true;
+    }
+
+  private:
+    z_stream stream_ = z_stream();
+    bool live_ = false;
+};
+
+void appendStoredBlock(std::string& out, const char* data, std::size_t n, bool last) {
+    ByteBuffer block;
+    block
+        .u8(last ? 1 : 0)  // BFINAL, BTYPE 00 (stored), the rest of the byte unused
+        .u16(static_cast<std::uint16_t>(n))
+        .u16(static_cast<std::uint16_t>(~n & 0xFFFF));
+    out += block.str();
+    out.append(data, n);
+}
+
+}  // namespace
+
+bool buildGzip(const std::string& data, const std::vector<std::size_t>& writeEnds, int level,
+               const GzipDamage& damage, std::string& out, std::string& error) {
+    out.clear();
+    if (data.size() > 0xFFFFFFFFULL) {
+        error = "a damaged gzip capture is limited to 4 GiB";
+        return false;
+    }
+    if (!damage.stored) {
+        Deflater deflater(level < 0 ? Z_DEFAULT_COMPRESSION : level);
+        if (!deflater.run(data, out)) {
+            error = "compression failed";
+            return false;
+        }
+    } else {
+        // ID1 ID2, deflate, no flags, no time, no extra flags, OS Unix.
+        out.assign("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", kGzipHeaderLength);
+        std::size_t start = 0;
+        std::vector<std::size_t> ends = writeEnds;
+        if (ends.empty() || ends.back() != data.size()) {
+            ends.push_back(data.size());
+        }
+        for (const std::size_t end : ends) {
+            for (; start < end;) {
+                const std::size_t n =
+                    end - start < kStoredBlockMost ? end - start : kStoredBlockMost;
+                appendStoredBlock(out, data.data() + start, n, false);
+                start += n;
+            }
+        }
+        appendStoredBlock(out, nullptr, 0, true);
+        ByteBuffer trailer;
+        trailer
+            .u32(static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(data.data()),
+                                                  static_cast<uInt>(data.size()))))
+            .u32(static_cast<std::uint32_t>(data.size()));
+        out += trailer.str();
+    }
+    const std::size_t trailerAt = out.size() - 8;
+    if (damage.badCrc) {
+        for (std::size_t i = 0; i < 4; ++i) {
+            out[trailerAt + i] = static_cast<char>(~out[trailerAt + i]);
+        }
+    }
+    if (damage.badLength) {
+        ByteBuffer length;
+        length.u32(static_cast<std::uint32_t>(data.size() + 1));
+        out.replace(trailerAt + 4, 4, length.str());
+    }
+    if (damage.corruptAt >= 0) {
+        const std::size_t at = kGzipHeaderLength + static_cast<std::size_t>(damage.corruptAt);
+        if (at >= trailerAt) {
+            error = "corrupt-at=" + std::to_string(damage.corruptAt) +
+                    " is past the deflate data (" + std::to_string(trailerAt - kGzipHeaderLength) +
+                    " bytes)";
+            return false;
+        }
+        out[at] = static_cast<char>(~out[at]);
+    }
+    if (damage.cut >= 0) {
+        if (static_cast<std::uint64_t>(damage.cut) > out.size()) {
+            error = "cut=" + std::to_string(damage.cut) + " is past the end of the " +
+                    std::to_string(out.size()) + "-byte gzip file";
+            return false;
+        }
+        out.resize(static_cast<std::size_t>(damage.cut));
+    }
+    return true;
 }
 
 // ---- CaptureWriter -------------------------------------------------------

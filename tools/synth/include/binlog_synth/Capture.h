@@ -212,6 +212,8 @@ class OutputSink {
     void abandon();
 
     const std::string& memory() const { return memory_; }
+    /// Memory: where each write ended (offsets into memory()).
+    const std::vector<std::size_t>& writeEnds() const { return writeEnds_; }
     bool isOpen() const { return mode_ != Mode::Closed; }
     /// Why a write failed, empty when none did.
     const std::string& failure() const { return failure_; }
@@ -232,6 +234,7 @@ class OutputSink {
     gzFile gz_ = nullptr;
     std::string buffer_;
     std::string memory_;
+    std::vector<std::size_t> writeEnds_;
     std::string path_;
     bool failed_ = false;
     std::string failure_;
@@ -272,6 +275,31 @@ void appendFileHeader(ByteBuffer& out, const GlobalHeaderSettings& settings,
 /// header and the record data, or a pcapng enhanced packet block.
 void appendRecord(ByteBuffer& out, const GlobalHeaderSettings& settings, const Framing& framing,
                   const RecordOptions& options, const std::string& logRecord, std::uint16_t ipId);
+
+/// A gzip file written on purpose with damage in it (a gzip line's words).
+struct GzipDamage {
+    /// Deflate data written as stored blocks, one (or more, above 65535
+    /// bytes) per write of the capture writer: the file header, each record,
+    /// each rawfile line; then an empty final block. Every byte's place in
+    /// the compressed file can so be worked out by hand.
+    bool stored = false;
+    /// The CRC or the length in the trailer off by all bits / by one.
+    bool badCrc = false;
+    bool badLength = false;
+    /// The byte at this offset of the deflate data (after the 10-byte gzip
+    /// header) inverted (XOR 0xff).
+    std::int64_t corruptAt = -1;
+    /// Only the first N bytes of the compressed file written.
+    std::int64_t cut = -1;
+    bool any() const { return stored || badCrc || badLength || corruptAt >= 0 || cut >= 0; }
+};
+
+/// The gzip file of `data`: deflated at `level` (zlib's default when
+/// negative), or as stored blocks that end where `writeEnds` (offsets into
+/// `data`, ascending) say, with `damage` done to it.
+/// False with `error` when an offset of the damage lies outside the file.
+bool buildGzip(const std::string& data, const std::vector<std::size_t>& writeEnds, int level,
+               const GzipDamage& damage, std::string& out, std::string& error);
 
 /// Writes a capture: the file header first (once, before the first record or
 /// raw bytes, or at finish), then records.
