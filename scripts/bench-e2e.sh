@@ -4,10 +4,16 @@
 # Writes a dictionary of 50 logs (5 modules with module headers, every
 # parameter kind, enumerations, most logs with placeholders), makes captures
 # of RECORDS records with binlog-synth (gzip, plain, and Ethernet-framed gzip),
-# then times, alternating in one run, `gzip -dc FILE > /dev/null` and
-# `binlog-decode DICT FILE > /dev/null` with statistics off and on. Reports the
-# median of RUNS runs as records per second, the ratio of our rate to the
-# inflater's, and the peak RSS.
+# then times, alternating in one run:
+#   - the references: `gzip -dc FILE > /dev/null`, and the zlib floor
+#     (bench/zlib_floor: gzread in 128 KiB pieces, bytes thrown away);
+#   - readBinaryFiledata to /dev/null, statistics off and on
+#     (bench/decode_capture reader);
+#   - the pull API, records and events only, no text (decode_capture values);
+#   - binlog-decode DICT FILE > /dev/null, statistics off and on;
+#   - binlog-decode on the uncompressed and on the Ethernet capture.
+# Reports the median of RUNS runs as records per second, the ratio of each
+# rate to the `gzip -dc` rate on the same file, and the peak RSS.
 #
 #   scripts/bench-e2e.sh [RECORDS (default 2000000)] [RUNS (default 5)]
 set -euo pipefail
@@ -16,10 +22,13 @@ records=${1:-2000000}
 runs=${2:-5}
 root=$(pwd)
 
-scripts/install-deps.sh time gzip
-BUILD_DIR=build-release BUILD_TYPE=Release scripts/build.sh -DWEXBL_BUILD_TESTS=OFF >/dev/null
+scripts/install-deps.sh --bench time gzip
+BUILD_DIR=build-release BUILD_TYPE=Release scripts/build.sh -DWEXBL_BUILD_TESTS=OFF \
+    -DWEXBL_BUILD_BENCH=ON >/dev/null
 decode=$root/build-release/bin/binlog-decode
 synth=$root/build-release/bin/binlog-synth
+routes=$root/build-release/bench/decode_capture
+floor=$root/build-release/bench/zlib_floor
 
 work=${BENCH_WORK:-$(mktemp -d /tmp/wexbl-bench-XXXXXX)}
 mkdir -p "$work/dict"
@@ -112,6 +121,10 @@ measure() { # name command...
 }
 for run in $(seq "$runs"); do
     measure gzip gzip -dc "$work/capture.pcap.gz"
+    measure floor "$floor" "$work/capture.pcap.gz"
+    measure reader "$routes" reader "$work/dict" "$work/capture.pcap.gz"
+    measure reader_stats "$routes" reader-stats "$work/dict" "$work/capture.pcap.gz"
+    measure values "$routes" values "$work/dict" "$work/capture.pcap.gz"
     measure decode "$decode" "$work/dict" "$work/capture.pcap.gz"
     measure decode_stats "$decode" --stats "$work/dict" "$work/capture.pcap.gz"
     measure decode_plain "$decode" "$work/dict" "$work/capture.pcap"
@@ -132,6 +145,10 @@ report() { # label name reference
 echo
 echo "$records records, median of $runs runs ($(nproc) cores, $(uname -m))"
 report "gzip -dc (compressed, link 150)" gzip gzip
+report "zlib floor (gzread, bytes dropped)" floor gzip
+report "readBinaryFiledata, statistics off" reader gzip
+report "readBinaryFiledata, statistics on" reader_stats gzip
+report "pull API, values only (no text)" values gzip
 report "binlog-decode, statistics off" decode gzip
 report "binlog-decode --stats" decode_stats gzip
 report "binlog-decode, uncompressed file" decode_plain gzip

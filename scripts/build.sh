@@ -3,8 +3,11 @@
 # land in build/bin/.
 #
 #   scripts/build.sh [extra cmake arguments ...]
+#
+# BUILD_TYPE sets the build type (RelWithDebInfo); BUILD_TARGET builds one
+# target only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=${BUILD_DIR:-build}
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" "$@" >/dev/null
-cmake --build "$build_dir" -j"$(nproc)"
+cmake --build "$build_dir" -j"$(nproc)" ${BUILD_TARGET:+--target "$BUILD_TARGET"}

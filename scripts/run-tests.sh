@@ -65,6 +65,16 @@ if [ "$quick" != 1 ]; then
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
         run_ctest build-asan
 
+    step "ThreadSanitizer: streams decoding at the same time"
+    BUILD_DIR=build-tsan BUILD_TYPE=Debug BUILD_TARGET=test_capture_stream scripts/build.sh \
+        -DWEXBL_BUILD_TESTS=ON -DWEXBL_WERROR=ON -DWEXBL_SANITIZE_THREAD=ON
+    if TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+        build-tsan/tests/test_capture_stream --gtest_filter='*Threads*:*Differential*'; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+    fi
+
     step "valgrind memcheck over the golden corpus"
     if scripts/valgrind-golden.sh build; then
         passed=$((passed + 1))

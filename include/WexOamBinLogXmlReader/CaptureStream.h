@@ -28,6 +28,17 @@
 namespace Tav {
 
 class BinaryLogXmlReader;
+class StreamSession;
+
+/// What kind of capture file a stream reads.
+enum class CaptureFormat : std::uint8_t {
+    Unknown,                   ///< not opened (yet), or no capture
+    Pcap,                      ///< pcap, microseconds, little-endian
+    PcapNanoseconds,           ///< pcap, nanoseconds, little-endian
+    PcapBigEndian,             ///< pcap, microseconds, big-endian
+    PcapNanosecondsBigEndian,  ///< pcap, nanoseconds, big-endian
+    PcapNg,                    ///< pcapng
+};
 
 /// The options of the reader's constructor and of readBinaryFiledata, per
 /// stream.
@@ -43,11 +54,37 @@ struct StreamOptions {
     /// Build each record's line and each value's display text. Without them
     /// records carry their values only, which is faster.
     bool texts = true;
+    /// Fill each record's header and params. Without them records carry
+    /// their line only (with texts), which is faster.
+    bool values = true;
     /// Read only what readBinaryFiledata reads: pcap files whose header is
     /// not examined, link types 150 and 1 with the fixed Ethernet framing.
     /// Otherwise pcapng, nanosecond and big-endian pcap, VLAN tags, IPv4
     /// options, Linux cooked captures, raw IP and BSD loopback are read too.
     bool strict = false;
+    /// Captures read one after the other in one session share its
+    /// statistics and level table (see StreamSession); null: the stream has
+    /// its own.
+    StreamSession* session = nullptr;
+};
+
+/// What consecutive captures of one run share, as readBinaryFiledata's calls
+/// on one reader do: the statistics (the counts and sequence numbers of a
+/// capture that ended on damage carry into the next capture, and are printed
+/// with it) and the level table (a level first seen in one capture stays in
+/// the table for the next). The streams of one session are read one after
+/// the other, never at the same time; the session outlives them.
+class WEXBL_API StreamSession {
+  public:
+    explicit StreamSession(const BinaryLogXmlReader& reader);
+    ~StreamSession();
+    StreamSession(const StreamSession&) = delete;
+    StreamSession& operator=(const StreamSession&) = delete;
+
+  private:
+    friend class CaptureStream;
+    struct State;
+    std::unique_ptr<State> state_;
 };
 
 class WEXBL_API CaptureStream {
@@ -79,8 +116,21 @@ class WEXBL_API CaptureStream {
     /// and from a signal handler.
     void requestStop() noexcept;
 
+    /// Opens the capture and reads its header, if that was not done yet
+    /// (next() does it too); what it finds comes as events from next().
+    /// Returns opened().
+    bool open();
     /// True once the capture was opened and its header read without error.
     bool opened() const;
+    /// The capture's format and link type (pcapng: its first interface's),
+    /// once opened.
+    CaptureFormat format() const;
+    std::uint32_t linkType() const;
+    /// The capture's first bytes (up to 4, after decompression), and whether
+    /// it is gzip-compressed: what a program needs to say what a file that
+    /// is no capture holds.
+    std::string firstBytes() const;
+    bool compressed() const;
     /// True when the capture ended on damage (truncated, oversized record,
     /// compressed data error, read error) or could not be read at all.
     bool damaged() const;
@@ -90,6 +140,7 @@ class WEXBL_API CaptureStream {
 
   private:
     struct Impl;
+    static StreamSession::State* sessionState(const StreamOptions& options);
     std::unique_ptr<Impl> impl_;
 };
 

@@ -53,7 +53,7 @@ bool hasNul(std::string_view text) {
 
 }  // namespace
 
-const std::string* EnumTable::find(bool negative, std::uint64_t magnitude) const {
+const std::string* EnumTable::search(bool negative, std::uint64_t magnitude) const {
     const auto at = std::lower_bound(
         entries.begin(), entries.end(), Entry{negative, magnitude, {}},
         [](const Entry& a, const Entry& b) {
@@ -104,6 +104,21 @@ DisplayKind EnumTables::classify(const std::string& format, ParamType type,
                                                       : (a.negative ? a.magnitude > b.magnitude
                                                                     : a.magnitude < b.magnitude);
                   });
+        // Small non-negative values only: a table indexed by value.
+        constexpr std::uint64_t kDenseLimit = 4096;
+        bool dense = true;
+        for (const EnumTable::Entry& entry : slot->entries) {
+            dense = dense && !entry.negative && entry.magnitude < kDenseLimit;
+        }
+        if (dense) {
+            for (const EnumTable::Entry& entry : slot->entries) {
+                if (slot->dense.size() <= entry.magnitude) {
+                    slot->dense.resize(static_cast<std::size_t>(entry.magnitude) + 1, nullptr);
+                }
+                slot->dense[static_cast<std::size_t>(entry.magnitude)] = entry.text;
+            }
+            slot->denseOnly = true;
+        }
     }
     table = slot.get();
     return DisplayKind::Enum;

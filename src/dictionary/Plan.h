@@ -58,8 +58,18 @@ struct EnumTable {
     /// True when some text holds a brace: such a text can take part in
     /// placeholder substitution.
     bool textWithBrace = false;
+    /// Texts of the values 0 .. dense.size() - 1, when every entry is such a
+    /// value (most enumerations): found by index rather than by search.
+    std::vector<const std::string*> dense;
+    bool denseOnly = false;
     /// The text of `value`, or null when the enumeration lacks it.
-    const std::string* find(bool negative, std::uint64_t magnitude) const;
+    const std::string* find(bool negative, std::uint64_t magnitude) const {
+        if (denseOnly) {
+            return !negative && magnitude < dense.size() ? dense[magnitude] : nullptr;
+        }
+        return search(negative, magnitude);
+    }
+    const std::string* search(bool negative, std::uint64_t magnitude) const;
 };
 
 /// Classifies display formats and keeps one EnumTable per enumeration used.

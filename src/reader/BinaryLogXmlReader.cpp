@@ -45,9 +45,7 @@ void Printer::flush() {
 }
 
 ReaderCore::ReaderCore(BinaryLogXmlReader& owner)
-    : reader(owner),
-      levels(owner.logLevelNames),
-      decoder(levels, owner.statsCollector, printer) {}
+    : reader(owner), levels(owner.logLevelNames), decoder(levels, owner.statsCollector, printer) {}
 
 int ReaderCore::dispatch(const PcapRecHeader& pcap, const BinLogHeader& header,
                          const ByteReader& payload, std::uint32_t length, FILE* out,

@@ -12,6 +12,7 @@
 #include "BinaryLogXmlReader.h"
 #include "capture/Framing.h"
 #include "capture/PcapReader.h"
+#include "capture/RecordHeaders.h"
 #include "capture/Source.h"
 #include "capture/Unframe.h"
 #include "reader/ReaderCore.h"
@@ -68,6 +69,15 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
     capture::RawRecord raw;
     for (;;) {
         const capture::ReadResult result = pcap.next(raw);
+        if (result == capture::ReadResult::Record && linkType == capture::kLinkBinLog) {
+            // The record is the binary log itself.
+            origin.number = raw.number;
+            origin.offset = raw.offset;
+            core_->dispatch(raw.header, detail::readBinLogHeader(raw.data, 0),
+                            raw.data.from(sizeof(BinLogHeader)), raw.header.storageLength, out,
+                            utcOffsetMinutes, origin);
+            continue;
+        }
         if (result == capture::ReadResult::Record) {
             const capture::Unframed frame =
                 capture::unframe(linkType, raw.header, raw.data, udpPort, true);

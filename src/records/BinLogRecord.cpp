@@ -185,7 +185,9 @@ void RecordDecoder::decodeInts(const ParamPlan& param, const ByteReader& payload
 void RecordDecoder::decodeTable(const TablePlan& plan, const ByteReader& payload,
                                 unsigned int& offset, DecodedTable& table) {
     const std::size_t count = plan.params.size();
-    table.values.resize(count);
+    if (table.values.size() < count) {
+        table.values.resize(count);
+    }
     table.elements.clear();
     for (std::size_t i = 0; i < count; ++i) {
         const ParamPlan& param = plan.params[i];
@@ -280,8 +282,9 @@ void RecordDecoder::appendText(Out& out, const ParamPlan& param, const DecodedVa
             appendLiteral(out, "payload size:");
             appendDecimal(out, value.count);
             out.push_back(' ');
-            const std::uint32_t shown =
-                value.count < settings_.maxVarBinaryBytes ? value.count : settings_.maxVarBinaryBytes;
+            const std::uint32_t shown = value.count < settings_.maxVarBinaryBytes
+                                            ? value.count
+                                            : settings_.maxVarBinaryBytes;
             appendStoredHex(out, value.bytes, value.size, shown);
             return;
         }
@@ -398,46 +401,76 @@ void RecordDecoder::appendMessage(const LogPlan& plan) {
 }
 
 void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out) {
-    table.fields.resize(plan.fieldCount);
-    // Texts go to the arena, their positions to the fields' sizes; the views
-    // are taken once the arena is complete.
-    std::vector<FieldSpan>& spans = fieldSpans_;
-    spans.assign(plan.fieldCount, FieldSpan());
+    // The field slots only grow: a record of a smaller log uses the first.
+    // Names, types and indexes stay from the last record of the same table.
+    if (table.fields.size() < plan.fieldCount) {
+        table.fields.resize(plan.fieldCount);
+        table.fieldsOf = nullptr;
+    }
+    ParamField* const fields = table.fields.data();
+    const bool sameTable = table.fieldsOf == &plan;
+    table.fieldsOf = &plan;
     const bool texts = settings_.texts;
+    // Texts (and bytes copied for a record cut short) go to the arena; the
+    // views are taken once the arena no longer grows.
+    std::vector<FieldSpan>& spans = fieldSpans_;
+    if (texts && spans.size() < plan.fieldCount) {
+        spans.resize(plan.fieldCount);
+    }
+    bool copiedBytes = false;
     for (std::size_t i = 0; i < plan.params.size(); ++i) {
         const ParamPlan& param = plan.params[i];
         const DecodedValue& value = table.values[i];
-        ParamField field;
-        field.name = *param.name;
-        field.type = param.type;
+        ParamField& field = fields[param.firstField];
+        if (!sameTable) {
+            field.name = *param.name;
+            field.type = param.type;
+            field.index = -1;
+        }
+        field.enumName = std::string_view();
+        field.text = std::string_view();
         if (param.type >= ParamType::String) {
-            FieldSpan& span = spans[param.firstField];
+            field.raw = param.type == ParamType::VarBinaryString ? value.count : 0;
             if (texts) {
+                FieldSpan& span = spans[param.firstField];
                 span.text = arena_.size();
                 appendText(arena_, param, value, table);
                 span.textSize = arena_.size() - span.text;
+                span.bytes = FieldSpan::kNone;
             }
             if (param.type == ParamType::String) {
                 field.bytes = std::string_view(value.bytes, value.size);
-            } else {
-                // The raw bytes, those past the record as zeros.
-                const std::uint32_t wanted =
-                    param.type == ParamType::VarBinaryString ? value.count : param.length;
-                const std::uint32_t kept =
-                    wanted < kMaxRenderedElements ? wanted : kMaxRenderedElements;
-                if (value.size >= kept) {
-                    field.bytes = std::string_view(value.bytes, kept);
-                } else {
-                    span.bytes = arena_.size();
-                    span.bytesSize = kept;
-                    char* to = arena_.grow(kept);
-                    std::memcpy(to, value.bytes, value.size);
-                    std::memset(to + value.size, 0, kept - value.size);
+                continue;
+            }
+            // The raw bytes, those past the record as zeros.
+            const std::uint32_t wanted =
+                param.type == ParamType::VarBinaryString ? value.count : param.length;
+            const std::uint32_t kept =
+                wanted < kMaxRenderedElements ? wanted : kMaxRenderedElements;
+            if (value.size >= kept) {
+                field.bytes = std::string_view(value.bytes, kept);
+                continue;
+            }
+            if (!texts && !copiedBytes) {
+                // Without texts the spans hold nothing of this record yet.
+                if (spans.size() < plan.fieldCount) {
+                    spans.resize(plan.fieldCount);
+                }
+                for (std::size_t f = 0; f < plan.fieldCount; ++f) {
+                    spans[f].bytes = FieldSpan::kNone;
                 }
             }
-            table.fields[param.firstField] = field;
+            FieldSpan& span = spans[param.firstField];
+            span.bytes = arena_.size();
+            span.bytesSize = kept;
+            char* to = arena_.grow(kept);
+            std::memcpy(to, value.bytes, value.size);
+            std::memset(to + value.size, 0, kept - value.size);
+            field.bytes = std::string_view();
+            copiedBytes = true;
             continue;
         }
+        field.bytes = std::string_view();
         if (param.length == 0) {
             field.raw = value.raw;
             if (value.enumText != nullptr) {
@@ -448,16 +481,22 @@ void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<
                 span.text = arena_.size();
                 appendIntText(arena_, param.type, param.display, value.raw, value.enumText);
                 span.textSize = arena_.size() - span.text;
+                span.bytes = FieldSpan::kNone;
             }
-            table.fields[param.firstField] = field;
             continue;
         }
         const std::string* previous = nullptr;
         for (std::uint32_t e = 0; e < value.size; ++e) {
             const DecodedElement& element = table.elements[value.first + e];
-            ParamField& item = table.fields[param.firstField + e];
-            item = field;
-            item.index = static_cast<std::int32_t>(e);
+            ParamField& item = fields[param.firstField + e];
+            if (!sameTable) {
+                item.name = *param.name;
+                item.type = param.type;
+                item.index = static_cast<std::int32_t>(e);
+            }
+            item.bytes = std::string_view();
+            item.enumName = std::string_view();
+            item.text = std::string_view();
             item.raw = element.raw;
             if (element.enumText != nullptr) {
                 item.enumName = *param.format;
@@ -469,19 +508,22 @@ void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<
                 appendIntText(arena_, param.type, param.display, element.raw,
                               param.display == DisplayKind::Enum ? previous : nullptr);
                 span.textSize = arena_.size() - span.text;
+                span.bytes = FieldSpan::kNone;
             }
         }
     }
-    for (std::size_t i = 0; i < table.fields.size(); ++i) {
-        ParamField& field = table.fields[i];
-        if (texts) {
-            field.text = arena_.view(spans[i].text, spans[i].textSize);
-        }
-        if (spans[i].bytes != FieldSpan::kNone) {
-            field.bytes = arena_.view(spans[i].bytes, spans[i].bytesSize);
+    if (texts || copiedBytes) {
+        for (std::size_t i = 0; i < plan.fieldCount; ++i) {
+            const FieldSpan& span = spans[i];
+            if (texts) {
+                fields[i].text = arena_.view(span.text, span.textSize);
+            }
+            if (copiedBytes && span.bytes != FieldSpan::kNone) {
+                fields[i].bytes = arena_.view(span.bytes, span.bytesSize);
+            }
         }
     }
-    out = View<ParamField>(table.fields.data(), table.fields.size());
+    out = View<ParamField>(fields, plan.fieldCount);
 }
 
 void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {
@@ -528,8 +570,7 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
             if (slot >= 0) {
                 const std::size_t index = static_cast<std::size_t>(slot);
                 line_->append(header.listedLead[i]);
-                appendText(*line_, header.params[index], headerTable_.values[index],
-                           headerTable_);
+                appendText(*line_, header.params[index], headerTable_.values[index], headerTable_);
                 line_->push_back(' ');
             }
         }

@@ -56,7 +56,8 @@ void RecordDecoder::startLine(const PcapRecHeader& pcap) {
     // The time text first: a conversion failure is reported before any of
     // the line is written.
     timeText_.clear();
-    if (!appendTimeText(timeText_, time_, record_.seconds, static_cast<std::int32_t>(pcap.tsUsec))) {
+    if (!appendTimeText(timeText_, time_, record_.seconds,
+                        static_cast<std::int32_t>(pcap.tsUsec))) {
         Event event;
         event.kind = EventKind::TimestampFailed;
         emit(event, "timestamp decoding failed\n");

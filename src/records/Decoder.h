@@ -105,10 +105,13 @@ struct DecodedElement {
 
 /// The decoded values of one parameter table of a record, in wire order.
 struct DecodedTable {
+    /// Slots that only grow: a record of a smaller table uses the first.
     std::vector<DecodedValue> values;
     std::vector<DecodedElement> elements;
     /// The record's fields (declaration order), when the stream wants them.
     std::vector<ParamField> fields;
+    /// The table whose names, types and indexes the fields hold already.
+    const void* fieldsOf = nullptr;
 };
 
 class RecordDecoder : private SequenceReport {
@@ -118,6 +121,8 @@ class RecordDecoder : private SequenceReport {
 
     /// Forgets what the decoder keeps from the level table.
     void forgetLevels() { levels_->forget(); }
+    /// Events go to `sink` from now on.
+    void setSink(EventSink& sink) { sink_ = &sink; }
     /// Lines are appended to `buffer` from now on (null: the decoder's own
     /// buffer, emptied for every record).
     void setLineBuffer(TextBuilder* buffer) { line_ = buffer != nullptr ? buffer : &ownLine_; }

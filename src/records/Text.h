@@ -158,7 +158,8 @@ void appendDecimal(Out& out, T value) {
     if constexpr (std::is_signed<T>::value) {
         if (value < 0) {
             // The magnitude of the most negative value fits the unsigned type.
-            start = writeDigitsBackwards(end, static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value)));
+            start = writeDigitsBackwards(
+                end, static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value)));
             *--start = '-';
         } else {
             start = writeDigitsBackwards(end, static_cast<Unsigned>(value));

@@ -17,17 +17,10 @@
 namespace Tav {
 namespace detail {
 
-/// The little-endian value of type T at `offset`; bytes past the end of the
-/// payload read as zero.
+/// The little-endian value of type T at `offset` when part of it lies past
+/// the end of the payload (that part reads as zero).
 template <typename T>
-T readLittleEndian(const ByteReader& payload, std::uint64_t offset) {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    if (payload.available(offset) >= sizeof(T)) {
-        T value;
-        std::memcpy(&value, payload.data() + offset, sizeof value);
-        return value;
-    }
-#endif
+__attribute__((noinline)) T readLittleEndianSlow(const ByteReader& payload, std::uint64_t offset) {
     unsigned char bytes[sizeof(T)];
     payload.copy(offset, bytes, sizeof bytes);
     std::uint64_t raw = 0;
@@ -35,6 +28,21 @@ T readLittleEndian(const ByteReader& payload, std::uint64_t offset) {
         raw |= static_cast<std::uint64_t>(bytes[i]) << (8 * i);
     }
     return static_cast<T>(raw);
+}
+
+/// The little-endian value of type T at `offset`; bytes past the end of the
+/// payload read as zero.
+template <typename T>
+inline __attribute__((always_inline)) T readLittleEndian(const ByteReader& payload,
+                                                         std::uint64_t offset) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if (offset <= payload.size() && payload.size() - offset >= sizeof(T)) {
+        T value;
+        std::memcpy(&value, payload.data() + offset, sizeof value);
+        return value;
+    }
+#endif
+    return readLittleEndianSlow<T>(payload, offset);
 }
 
 /// Appends "0x" and the bit pattern in lowercase hex without leading zeros:

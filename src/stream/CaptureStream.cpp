@@ -10,6 +10,7 @@
 #include "BinaryLogXmlReader.h"
 #include "capture/Framing.h"
 #include "capture/PcapReader.h"
+#include "capture/RecordHeaders.h"
 #include "capture/Source.h"
 #include "capture/Unframe.h"
 #include "reader/ReaderCore.h"
@@ -54,16 +55,41 @@ const char* formatName(capture::CaptureFormat format) {
 
 }  // namespace
 
+/// The decoding state streams of one session share.
+struct StreamSession::State : detail::EventSink {
+    explicit State(const BinaryLogXmlReader& reader)
+        : levelNames(reader.logLevelNames), levels(levelNames), decoder(levels, stats, *this) {}
+    /// Streams set themselves as the sink before they decode.
+    void emit(const Event&) override {}
+
+    BinaryLogStatsCollector stats;
+    std::map<std::uint16_t, std::string> levelNames;
+    detail::LevelTable levels;
+    detail::RecordDecoder decoder;
+};
+
+StreamSession::StreamSession(const BinaryLogXmlReader& reader)
+    : state_(std::make_unique<State>(reader)) {}
+
+StreamSession::~StreamSession() = default;
+
 struct CaptureStream::Impl : detail::EventSink {
     Impl(const BinaryLogXmlReader& owner, const std::string& captureName,
-         const StreamOptions& streamOptions)
+         const StreamOptions& streamOptions, StreamSession::State* shared)
         : reader(owner),
           plans(detail::ReaderCore::plansOf(owner)),
           options(streamOptions),
           name(captureName),
-          levelNames(owner.logLevelNames),
-          levels(levelNames),
-          decoder(levels, stats, *this) {}
+          own(shared == nullptr ? std::make_unique<StreamSession::State>(owner) : nullptr),
+          session(shared != nullptr ? *shared : *own),
+          stats(session.stats),
+          decoder(session.decoder) {
+        settings.utcOffsetMinutes = options.utcOffsetMinutes;
+        settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
+        settings.stats = options.stats;
+        settings.fields = options.values;
+        settings.texts = options.texts;
+    }
 
     // ---- Events ----------------------------------------------------------------------------
 
@@ -119,6 +145,9 @@ struct CaptureStream::Impl : detail::EventSink {
                         "File open failed [" + name + "]\n", std::strerror(error));
             return;
         }
+        // The first bytes, for programs that say what a file holds.
+        const std::size_t have = source->ensure(4);
+        leading.assign(reinterpret_cast<const char*>(source->data()), have < 4 ? have : 4);
         pcap = std::make_unique<capture::PcapReader>(*source, options.strict);
         const capture::ReadResult result = pcap->open();
         if (result != capture::ReadResult::Ok) {
@@ -126,7 +155,6 @@ struct CaptureStream::Impl : detail::EventSink {
             finish(result);
             return;
         }
-        opened = true;
         const std::uint32_t linkType = pcap->linkType();
         const bool pcapng = pcap->format() == capture::CaptureFormat::PcapNg;
         if (options.strict ? linkType != capture::kLinkEthernet && linkType != capture::kLinkBinLog
@@ -138,9 +166,10 @@ struct CaptureStream::Impl : detail::EventSink {
             damaged = true;
             return;
         }
+        opened = true;
         if (!options.strict && pcap->format() != capture::CaptureFormat::PcapMicro) {
             note(std::string("Note: ") + formatName(pcap->format()) +
-                 " capture: readBinaryFiledata does not read this format\n");
+                 " capture, which readBinaryFiledata does not read\n");
         }
         phase = Phase::Read;
     }
@@ -155,7 +184,8 @@ struct CaptureStream::Impl : detail::EventSink {
             case capture::ReadResult::End:
                 if (extendedFramings != 0) {
                     note("Note: " + std::to_string(extendedFramings) +
-                         " records in framings readBinaryFiledata does not read\n");
+                         (extendedFramings == 1 ? " record" : " records") +
+                         " in framings that readBinaryFiledata skips\n");
                 }
                 if (options.stats) {
                     StatsSummary figures;
@@ -229,12 +259,9 @@ struct CaptureStream::Impl : detail::EventSink {
             open();
             return;
         }
-        detail::DecodeSettings settings;
-        settings.utcOffsetMinutes = options.utcOffsetMinutes;
-        settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
-        settings.stats = options.stats;
-        settings.fields = true;
-        settings.texts = options.texts;
+        // The session's decoder may have served another stream before.
+        decoder.setSink(*this);
+        decoder.setLineBuffer(nullptr);
         capture::RawRecord raw;
         while (phase == Phase::Read && queue.empty() && !recordReady) {
             if (stop.load(std::memory_order_relaxed)) {
@@ -242,18 +269,31 @@ struct CaptureStream::Impl : detail::EventSink {
             }
             const capture::ReadResult result = pcap->next(raw);
             if (result == capture::ReadResult::Pending) {
+                pending = true;  // an incremental source has nothing yet
                 return;
             }
             if (result != capture::ReadResult::Record) {
                 finish(result);
                 return;
             }
+            detail::RecordOrigin origin;
+            origin.capture = name;
+            origin.number = raw.number;
+            origin.offset = raw.offset;
+            if (raw.linkType == capture::kLinkBinLog) {
+                // The record is the binary log itself.
+                decoder.decode(plans, settings, raw.header, detail::readBinLogHeader(raw.data, 0),
+                               raw.data.from(sizeof(BinLogHeader)), raw.header.storageLength,
+                               origin);
+                recordReady = decoder.produced();
+                continue;
+            }
             const capture::Unframed frame = capture::unframe(raw.linkType, raw.header, raw.data,
                                                              options.udpPort, options.strict);
             if (frame.status != capture::FrameStatus::Ok) {
                 continue;
             }
-            if (!options.strict && raw.linkType != capture::kLinkBinLog) {
+            if (!options.strict) {
                 // Count the records the original loop would not have read.
                 const capture::Unframed fixed =
                     capture::unframe(raw.linkType, raw.header, raw.data, options.udpPort, true);
@@ -262,10 +302,6 @@ struct CaptureStream::Impl : detail::EventSink {
                     ++extendedFramings;
                 }
             }
-            detail::RecordOrigin origin;
-            origin.capture = name;
-            origin.number = raw.number;
-            origin.offset = raw.offset;
             decoder.decode(plans, settings, frame.pcapHeader, frame.binLogHeader, frame.payload,
                            frame.statsLength, origin);
             recordReady = decoder.produced();
@@ -277,9 +313,11 @@ struct CaptureStream::Impl : detail::EventSink {
         if (nextQueued < queue.size()) {
             return takeEvent();
         }
-        queue.clear();
-        queueText.clear();
-        nextQueued = 0;
+        if (!queue.empty()) {
+            queue.clear();
+            queueText.clear();
+            nextQueued = 0;
+        }
         if (recordReady) {
             recordReady = false;
             item = Item::Record;
@@ -288,13 +326,13 @@ struct CaptureStream::Impl : detail::EventSink {
         if (stop.load(std::memory_order_relaxed)) {
             return false;
         }
-        while (phase != Phase::Done && queue.empty() && !recordReady) {
+        while (phase != Phase::Done && queue.empty() && !recordReady && !pending) {
             step();
-            if (stop.load(std::memory_order_relaxed) ||
-                (phase == Phase::Read && queue.empty() && !recordReady)) {
-                break;  // stopped, or an incremental source has nothing yet
+            if (stop.load(std::memory_order_relaxed)) {
+                break;
             }
         }
+        pending = false;
         if (nextQueued < queue.size()) {
             return takeEvent();
         }
@@ -321,18 +359,21 @@ struct CaptureStream::Impl : detail::EventSink {
     const BinaryLogXmlReader& reader;
     const detail::PlanSet& plans;
     StreamOptions options;
+    detail::DecodeSettings settings;
     std::string name;
+    std::unique_ptr<StreamSession::State> own;
+    StreamSession::State& session;
+    BinaryLogStatsCollector& stats;
+    detail::RecordDecoder& decoder;
     std::unique_ptr<capture::ByteSource> source;
     std::unique_ptr<capture::PcapReader> pcap;
-    BinaryLogStatsCollector stats;
-    std::map<std::uint16_t, std::string> levelNames;
-    detail::LevelTable levels;
-    detail::RecordDecoder decoder;
 
     Phase phase = Phase::Open;
     bool opened = false;
     bool damaged = false;
     bool recordReady = false;
+    bool pending = false;
+    std::string leading;
     std::uint64_t extendedFramings = 0;
     std::vector<Queued> queue;
     std::size_t nextQueued = 0;
@@ -342,22 +383,26 @@ struct CaptureStream::Impl : detail::EventSink {
     std::atomic<bool> stop{false};
 };
 
+StreamSession::State* CaptureStream::sessionState(const StreamOptions& options) {
+    return options.session != nullptr ? options.session->state_.get() : nullptr;
+}
+
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
                              const StreamOptions& options)
-    : impl_(std::make_unique<Impl>(reader, path, options)) {
+    : impl_(std::make_unique<Impl>(reader, path, options, sessionState(options))) {
     impl_->source = capture::openFile(path);
 }
 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name,
                              const unsigned char* data, std::size_t size,
                              const StreamOptions& options)
-    : impl_(std::make_unique<Impl>(reader, name, options)) {
+    : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openMemory(data, size);
 }
 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name, int fd,
                              bool own, const StreamOptions& options)
-    : impl_(std::make_unique<Impl>(reader, name, options)) {
+    : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openDescriptor(fd, own);
 }
 
@@ -379,8 +424,47 @@ void CaptureStream::requestStop() noexcept {
     impl_->stop.store(true, std::memory_order_relaxed);
 }
 
+bool CaptureStream::open() {
+    if (impl_->phase == Phase::Open) {
+        impl_->open();
+    }
+    return impl_->opened;
+}
+
 bool CaptureStream::opened() const {
     return impl_->opened;
+}
+
+CaptureFormat CaptureStream::format() const {
+    if (!impl_->opened) {
+        return CaptureFormat::Unknown;
+    }
+    switch (impl_->pcap->format()) {
+        case capture::CaptureFormat::PcapMicro:
+            return CaptureFormat::Pcap;
+        case capture::CaptureFormat::PcapNano:
+            return CaptureFormat::PcapNanoseconds;
+        case capture::CaptureFormat::PcapMicroSwapped:
+            return CaptureFormat::PcapBigEndian;
+        case capture::CaptureFormat::PcapNanoSwapped:
+            return CaptureFormat::PcapNanosecondsBigEndian;
+        case capture::CaptureFormat::PcapNg:
+            return CaptureFormat::PcapNg;
+        default:
+            return CaptureFormat::Unknown;
+    }
+}
+
+std::uint32_t CaptureStream::linkType() const {
+    return impl_->pcap ? impl_->pcap->linkType() : 0;
+}
+
+std::string CaptureStream::firstBytes() const {
+    return impl_->leading;
+}
+
+bool CaptureStream::compressed() const {
+    return impl_->source && impl_->source->compressed();
 }
 
 bool CaptureStream::damaged() const {

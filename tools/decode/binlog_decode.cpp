@@ -3,19 +3,19 @@
 //   binlog-decode [options] -d DICTIONARY_DIR CAPTURE...
 //   binlog-decode [options] DICTIONARY_DIR CAPTURE...
 //
-// Each CAPTURE is a pcap or pcap.gz file, a directory whose captures are
-// decoded in name order, or "-" for standard input. Lines go to standard
+// Each CAPTURE is a pcap, pcapng or pcap.gz file, a directory whose captures
+// are decoded in name order, or "-" for standard input. Lines go to standard
 // output (or --output), diagnostics to standard error.
 //
-// Every capture is looked at before the library decodes it: its first bytes
-// must be those of a little-endian microsecond pcap file, and an Ethernet
-// capture needs --udp-port. A capture that is not a regular file (standard
-// input, a pipe, a device) can be read only once, so it is copied into a
-// temporary file first and decoded from there.
+// Every capture is read once, as its bytes arrive, through the library's
+// capture streams; one stream session carries the statistics and the level
+// table from one capture to the next, as one reader's readBinaryFiledata
+// calls do, so the lines are the ones readBinaryFiledata prints.
 #include <fcntl.h>
 #include <getopt.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -32,8 +32,8 @@
 #include "../common/CliMessage.h"
 #include "BinaryLogXmlReader.h"
 #include "CaptureInputs.h"
-#include "CaptureProbe.h"
-#include "TempFile.h"
+#include "Output.h"
+#include "WexOamBinLogXmlReader/CaptureStream.h"
 
 #ifndef WEXBL_VERSION
 #define WEXBL_VERSION "unknown"
@@ -49,8 +49,7 @@ using wexbl_cli::kExitOk;
 using wexbl_cli::kExitUsage;
 using wexbl_cli::message;
 using wexbl_decode::CaptureInput;
-using wexbl_decode::CaptureProbe;
-using wexbl_decode::TempFile;
+using wexbl_decode::Output;
 
 constexpr std::uint32_t kLinkTypeEthernet = 1;
 constexpr std::uint32_t kLinkTypeBinLog = 150;
@@ -67,10 +66,13 @@ void printUsage(FILE* to) {
             "names end in \".pcap\" or contain \"pcap.gz\" are decoded, in byte order of\n"
             "their names; standard error tells how many other entries were skipped and\n"
             "why, or that it held no capture (a warning only). Standard input and other\n"
-            "captures that are not regular files (pipes, /dev/stdin) are read once into\n"
-            "a temporary file in $TMPDIR (default /tmp), removed on exit. Only\n"
-            "little-endian microsecond pcap is read (not nanosecond, big-endian or\n"
-            "pcapng), plain or gzip-compressed.\n"
+            "captures that are not regular files (pipes, /dev/stdin) are decoded as\n"
+            "their bytes arrive. pcap (microsecond or nanosecond, either byte order) and\n"
+            "pcapng are read, plain or gzip-compressed; besides link type 150 and\n"
+            "Ethernet, records may come over Linux cooked captures, raw IP and BSD\n"
+            "loopback, with VLAN tags and IPv4 options. Where a capture is in a form\n"
+            "the library's own capture loop does not read, a note on standard error\n"
+            "says so.\n"
             "\n"
             "Options:\n"
             "  -d, --dict DIR           the dictionary directory\n"
@@ -89,12 +91,13 @@ void printUsage(FILE* to) {
             "  -V, --version            show the version and exit\n"
             "\n"
             "Exit status: 0 when every capture was read; 1 when the dictionaries did\n"
-            "not load, a capture could not be opened or is not a log capture (not a\n"
-            "pcap file, a pcap format not read, no global header, another link type,\n"
-            "Ethernet without --udp-port), the output could not be written, or memory\n"
-            "ran out; 2 on a usage error, or when the output is one of the captures.\n"
-            "Problems inside a capture are reported on standard error and do not\n"
-            "change the exit status.\n",
+            "not load, a capture could not be opened or read or is not a log capture\n"
+            "(not a capture file, no global header, another link type, UDP framing\n"
+            "without --udp-port), its compressed data is damaged, the output could not\n"
+            "be written, or memory ran out; 2 on a usage error, or when the output is\n"
+            "one of the captures. Other problems inside a capture (a truncated or\n"
+            "oversized record, an unknown log id) are reported on standard error and\n"
+            "do not change the exit status.\n",
             kProgram, kProgram);
 }
 
@@ -200,46 +203,82 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         return kExitUsage;
     }
     options.captures.assign(argv + first, argv + argc);
+    // Standard input is decoded as it arrives, so it can be read only once.
+    if (std::count(options.captures.begin(), options.captures.end(), "-") > 1) {
+        message("standard input ('-') can be given only once");
+        printTryHelp();
+        return kExitUsage;
+    }
     return -1;
 }
 
-/// Owns a file descriptor.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            close(fd_);
+/// "64 61 74 61": `bytes` in hex, separated by blanks.
+std::string hexBytes(const std::string& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const unsigned char byte = static_cast<unsigned char>(bytes[i]);
+        if (i != 0) {
+            text += ' ';
+        }
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 0x0f];
+    }
+    return text;
+}
+
+/// Whether `bytes` start with the magic of a capture format.
+bool isCaptureMagic(const std::string& bytes) {
+    static const unsigned char kMagics[][4] = {{0xd4, 0xc3, 0xb2, 0xa1},
+                                               {0x4d, 0x3c, 0xb2, 0xa1},
+                                               {0xa1, 0xb2, 0xc3, 0xd4},
+                                               {0xa1, 0xb2, 0x3c, 0x4d},
+                                               {0x0a, 0x0d, 0x0d, 0x0a}};
+    for (const auto& magic : kMagics) {
+        if (bytes.size() >= 4 && std::memcmp(bytes.data(), magic, 4) == 0) {
+            return true;
         }
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
+    return false;
+}
 
-  private:
-    int fd_;
-};
+/// What a file that is no capture holds: "it starts with 64 61 74 61",
+/// "its decompressed content is empty" and the like.
+std::string describeContent(const std::string& bytes, bool compressed) {
+    const std::string subject = compressed ? "its decompressed content" : "it";
+    if (bytes.empty()) {
+        return subject + " is empty";
+    }
+    if (bytes.size() < 4) {
+        return subject + (compressed ? " is only " : " holds only ") +
+               std::to_string(bytes.size()) + (bytes.size() == 1 ? " byte: " : " bytes: ") +
+               hexBytes(bytes);
+    }
+    return subject + " starts with " + hexBytes(bytes);
+}
 
-/// Decodes the captures one after the other into one output stream and
-/// keeps the exit status.
+/// Decodes the captures one after the other into one output and keeps the
+/// exit status.
 class CaptureDecoder {
   public:
-    CaptureDecoder(Tav::BinaryLogXmlReader& reader, const Options& options, FILE* out,
+    CaptureDecoder(const Tav::BinaryLogXmlReader& reader, const Options& options, Output& out,
                    std::string& activity)
-        : reader_(reader), options_(options), out_(out), activity_(activity) {}
+        : reader_(reader), options_(options), out_(out), activity_(activity), session_(reader) {}
 
     void decode(const CaptureInput& input) {
         switch (input.kind) {
             case CaptureInput::kNote:
+                out_.flush();
                 message("%s", input.text.c_str());
                 return;
             case CaptureInput::kError:
+                out_.flush();
                 message("%s", input.text.c_str());
                 status_ = kExitFailure;
                 return;
             case CaptureInput::kStandardInput:
                 activity_ = "decoding standard input";
-                decodeStandardInput();
+                decodeDescriptor(STDIN_FILENO, false, "-");
                 return;
             case CaptureInput::kCapture:
                 activity_ = "decoding '" + input.name + "'";
@@ -254,6 +293,7 @@ class CaptureDecoder {
     /// Reports a capture that is not decoded: "program: 'NAME' ..." or the
     /// like on standard error, and exit status 1.
     __attribute__((format(printf, 2, 3))) void fail(const char* format, ...) {
+        out_.flush();
         fprintf(stderr, "%s: ", kProgram);
         va_list args;
         va_start(args, format);
@@ -263,17 +303,15 @@ class CaptureDecoder {
         status_ = kExitFailure;
     }
 
-    void decodeStandardInput() {
-        // Standard input is read once; a second "-" decodes the same copy.
-        if (!stdinRead_) {
-            stdinRead_ = true;
-            stdinCopy_.copyFrom(STDIN_FILENO, "standard input", stdinError_);
-        }
-        if (stdinCopy_.path().empty()) {
-            fail("%s", stdinError_.c_str());
-            return;
-        }
-        decodePath(stdinCopy_.path(), "-");
+    Tav::StreamOptions streamOptions() {
+        Tav::StreamOptions options;
+        options.udpPort = static_cast<std::uint16_t>(options_.udpPort < 0 ? 0 : options_.udpPort);
+        options.maxVarBinaryBytes = static_cast<std::uint16_t>(options_.maxVarBytes);
+        options.stats = options_.stats;
+        options.utcOffsetMinutes = static_cast<int>(options_.utcOffset);
+        options.values = false;
+        options.session = &session_;
+        return options;
     }
 
     void decodeFile(const CaptureInput& input) {
@@ -282,70 +320,132 @@ class CaptureDecoder {
             return;
         }
         if (input.regular) {
-            decodePath(input.name, input.name);
+            Tav::CaptureStream stream(reader_, input.name, streamOptions());
+            decodeStream(stream, input.name);
             return;
         }
-        // A pipe or a device gives its bytes once: copy them, then decode
-        // the copy, which goes away with this capture's turn.
-        Descriptor fd(open(input.name.c_str(), O_RDONLY | O_CLOEXEC));
-        if (fd.get() < 0) {
+        // A pipe or a device gives its bytes once: they are decoded as they
+        // arrive.
+        const int fd = open(input.name.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
             fail("cannot open '%s': %s", input.name.c_str(), strerror(errno));
             return;
         }
-        TempFile copy;
-        std::string error;
-        if (!copy.copyFrom(fd.get(), "'" + input.name + "'", error)) {
-            fail("%s", error.c_str());
-            return;
-        }
-        decodePath(copy.path(), input.name);
+        decodeDescriptor(fd, true, input.name);
     }
 
-    /// Decodes the file at `path`, which the user calls `name`.
-    void decodePath(const std::string& path, const std::string& name) {
-        const CaptureProbe probe = wexbl_decode::probeCapture(path);
-        switch (probe.kind) {
-            case CaptureProbe::kOpenFailed:
-                fail("cannot open '%s': %s", name.c_str(), probe.error.c_str());
-                return;
-            case CaptureProbe::kReadFailed:
-                fail("cannot read '%s': %s", name.c_str(), probe.error.c_str());
-                return;
-            case CaptureProbe::kNotPcap:
-                fail("'%s' is not a pcap file (%s)", name.c_str(), probe.description.c_str());
-                return;
-            case CaptureProbe::kOtherFormat:
+    void decodeDescriptor(int fd, bool own, const std::string& name) {
+        Tav::CaptureStream stream(reader_, name, fd, own, streamOptions());
+        decodeStream(stream, name);
+    }
+
+    /// Prints a message of the library as it is.
+    void printEvent(const Tav::Event& event) {
+        if (event.stream == Tav::EventStream::Output) {
+            out_.write(event.text);
+            return;
+        }
+        out_.flush();
+        fwrite(event.text.data(), 1, event.text.size(), stderr);
+    }
+
+    /// Says why a capture that did not open is not decoded.
+    void reportUnopened(Tav::CaptureStream& stream, const std::string& name) {
+        while (stream.next()) {
+            const Tav::Event* event = stream.event();
+            if (event == nullptr) {
+                continue;
+            }
+            switch (event->kind) {
+                case Tav::EventKind::OpenFailed:
+                    fail("cannot open '%s': %s", name.c_str(), std::string(event->name).c_str());
+                    break;
+                case Tav::EventKind::DataError:
+                case Tav::EventKind::ReadError:
+                    fail("cannot read '%s': %s", name.c_str(), std::string(event->name).c_str());
+                    break;
+                case Tav::EventKind::NoGlobalHeader:
+                case Tav::EventKind::NotACapture:
+                    if (isCaptureMagic(stream.firstBytes())) {
+                        printEvent(*event);  // a capture cut inside its header
+                        status_ = kExitFailure;
+                    } else {
+                        fail("'%s' is not a pcap file (%s)", name.c_str(),
+                             describeContent(stream.firstBytes(), stream.compressed()).c_str());
+                    }
+                    break;
+                default:
+                    printEvent(*event);
+                    status_ = kExitFailure;
+                    break;
+            }
+        }
+    }
+
+    void decodeStream(Tav::CaptureStream& stream, const std::string& name) {
+        if (!stream.open()) {
+            reportUnopened(stream, name);
+            return;
+        }
+        // Records inside UDP datagrams need the port they were sent to (a
+        // pcapng capture that describes no interface yet has no link type).
+        const std::uint32_t linkType = stream.linkType();
+        const bool noInterface = stream.format() == Tav::CaptureFormat::PcapNg && linkType == 0;
+        if (options_.udpPort < 0 && linkType != kLinkTypeBinLog && !noInterface) {
+            if (linkType == kLinkTypeEthernet) {
                 fail(
-                    "'%s' is a %s capture: this format is not read yet (only little-endian "
-                    "microsecond pcap is)",
-                    name.c_str(), probe.description.c_str());
-                return;
-            case CaptureProbe::kPcap:
-                break;
-        }
-        if (!probe.completeHeader) {
-            // The library reports the cut global header.
-            status_ = kExitFailure;
-        } else if (probe.linkType == kLinkTypeEthernet && options_.udpPort < 0) {
-            fail(
-                "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with --udp-port",
-                name.c_str());
+                    "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
+                    "--udp-port",
+                    name.c_str());
+            } else {
+                fail(
+                    "'%s' carries its logs in UDP datagrams (link type %u): choose their UDP "
+                    "port with --udp-port",
+                    name.c_str(), static_cast<unsigned>(linkType));
+            }
             return;
-        } else if (probe.linkType != kLinkTypeEthernet && probe.linkType != kLinkTypeBinLog) {
-            // The library reports the link type.
-            status_ = kExitFailure;
         }
-        reader_.readBinaryFiledata(path, static_cast<int>(options_.utcOffset), out_);
+        while (stream.next()) {
+            if (const Tav::Record* record = stream.record()) {
+                out_.write(record->text);
+                continue;
+            }
+            const Tav::Event& event = *stream.event();
+            switch (event.kind) {
+                case Tav::EventKind::Note: {
+                    // "Note: ..." of the library, said of this capture.
+                    std::string_view text = event.text;
+                    if (text.substr(0, 6) == "Note: ") {
+                        text.remove_prefix(6);
+                    }
+                    if (!text.empty() && text.back() == '\n') {
+                        text.remove_suffix(1);
+                    }
+                    out_.flush();
+                    message("'%s': %.*s", name.c_str(), static_cast<int>(text.size()), text.data());
+                    break;
+                }
+                case Tav::EventKind::DataError:
+                case Tav::EventKind::ReadError:
+                case Tav::EventKind::NotACapture:
+                case Tav::EventKind::BadLinkType:
+                case Tav::EventKind::NoGlobalHeader:
+                    printEvent(event);
+                    status_ = kExitFailure;
+                    break;
+                default:
+                    printEvent(event);
+                    break;
+            }
+        }
     }
 
-    Tav::BinaryLogXmlReader& reader_;
+    const Tav::BinaryLogXmlReader& reader_;
     const Options& options_;
-    FILE* out_;
+    Output& out_;
     std::string& activity_;
+    Tav::StreamSession session_;
     int status_ = kExitOk;
-    TempFile stdinCopy_;
-    bool stdinRead_ = false;
-    std::string stdinError_;
 };
 
 int run(int argc, char** argv, std::string& activity) {
@@ -354,8 +454,6 @@ int run(int argc, char** argv, std::string& activity) {
     if (parsed >= 0) {
         return parsed;
     }
-    wexbl_decode::installCleanupHandlers();
-
     activity = "listing the captures";
     const std::vector<CaptureInput> inputs = wexbl_decode::expandOperands(options.captures);
     const bool toStdout = options.outputPath == nullptr || strcmp(options.outputPath, "-") == 0;
@@ -402,17 +500,15 @@ int run(int argc, char** argv, std::string& activity) {
         out = outputFile.get();
     }
 
-    // Whole blocks rather than lines: decoded output is large.
-    static char outputBuffer[1 << 16];
-    setvbuf(out, outputBuffer, _IOFBF, sizeof outputBuffer);
-
-    CaptureDecoder decoder(reader, options, out, activity);
+    Output output(out);
+    CaptureDecoder decoder(reader, options, output, activity);
     for (const CaptureInput& input : inputs) {
         decoder.decode(input);
     }
 
     activity = "writing the output";
-    if (fflush(out) != 0 || ferror(out)) {
+    output.flush();
+    if (!output.good() || fflush(out) != 0 || ferror(out)) {
         message("error writing the output: %s", strerror(errno));
         return kExitFailure;
     }
@@ -432,7 +528,7 @@ int main(int argc, char** argv) {
         return run(argc, argv, activity);
     } catch (const std::bad_alloc&) {
         // A pathological dictionary can make one record's text larger than
-        // memory. By now every temporary file is gone with its owner.
+        // memory.
         message("out of memory while %s; stopping", activity.c_str());
     } catch (const std::length_error&) {
         message("a text grew longer than a string can hold while %s; stopping", activity.c_str());

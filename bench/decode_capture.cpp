@@ -1,0 +1,62 @@
+// Decodes one capture through one of the library's routes, for end-to-end
+// timing (scripts/bench-e2e.sh):
+//
+//   decode_capture reader DICT CAPTURE [UDP_PORT]   readBinaryFiledata to standard output
+//   decode_capture reader-stats DICT CAPTURE [UDP_PORT]   the same, statistics on
+//   decode_capture lines  DICT CAPTURE [UDP_PORT]   the pull API, lines to standard output
+//   decode_capture values DICT CAPTURE [UDP_PORT]   the pull API, values only (no text)
+//
+// Prints the number of records and events on standard error.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "BinaryLogXmlReader.h"
+#include "WexOamBinLogXmlReader/CaptureStream.h"
+
+int main(int argc, char** argv) {
+    if (argc < 4) {
+        std::fprintf(stderr, "usage: %s reader|lines|values DICT CAPTURE [UDP_PORT]\n", argv[0]);
+        return 2;
+    }
+    const std::string mode = argv[1];
+    std::string dictionary = argv[2];
+    if (dictionary.back() != '/') {
+        dictionary += '/';
+    }
+    const auto port = static_cast<unsigned short>(argc > 4 ? std::atoi(argv[4]) : 0);
+    Tav::BinaryLogXmlReader reader(dictionary, mode == "reader-stats", port, 65535);
+    if (!reader.isGood()) {
+        return 1;
+    }
+    if (mode == "reader" || mode == "reader-stats") {
+        reader.readBinaryFiledata(argv[3], 0, stdout);
+        return 0;
+    }
+    Tav::StreamOptions options;
+    options.udpPort = port;
+    options.texts = mode == "lines";
+    options.values = mode == "values";
+    Tav::CaptureStream stream(reader, argv[3], options);
+    unsigned long long records = 0;
+    unsigned long long events = 0;
+    unsigned long long sum = 0;
+    while (stream.next()) {
+        if (const Tav::Record* record = stream.record()) {
+            ++records;
+            if (options.texts) {
+                std::fwrite(record->text.data(), 1, record->text.size(), stdout);
+            } else {
+                // Touch the values, as a consumer would.
+                for (const Tav::ParamField& field : record->params) {
+                    sum += field.raw + field.bytes.size();
+                }
+            }
+        } else {
+            ++events;
+        }
+    }
+    std::fprintf(stderr, "%llu records, %llu events (%llu)\n", records, events, sum);
+    return 0;
+}

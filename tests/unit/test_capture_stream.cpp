@@ -1,0 +1,640 @@
+// The pull API: records and events of a capture stream against what
+// readBinaryFiledata prints for the same captures, the values of decoded
+// records, sessions across captures, stopping, and concurrent streams on
+// one reader.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BinaryLogXmlReader.h"
+#include "TestSupport.h"
+#include "WexOamBinLogXmlReader/CaptureStream.h"
+
+namespace {
+
+using wexbl_test::MemoryStream;
+using wexbl_test::StderrCapture;
+using wexbl_test::TempDir;
+
+/// A small deterministic generator (splitmix64).
+struct Random {
+    std::uint64_t state;
+    std::uint64_t next() {
+        std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        return z ^ (z >> 31);
+    }
+    std::uint32_t below(std::uint32_t n) { return static_cast<std::uint32_t>(next() % n); }
+    template <typename T, std::size_t N>
+    const T& pick(const T (&items)[N]) {
+        return items[below(N)];
+    }
+};
+
+// ---- Building captures byte by byte ---------------------------------------------------------
+
+void putU16(std::string& out, std::uint16_t v) {
+    out.push_back(static_cast<char>(v & 0xFF));
+    out.push_back(static_cast<char>(v >> 8));
+}
+void putU32(std::string& out, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+        out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    }
+}
+void putU16Be(std::string& out, std::uint16_t v) {
+    out.push_back(static_cast<char>(v >> 8));
+    out.push_back(static_cast<char>(v & 0xFF));
+}
+
+/// A pcap file header: little-endian microsecond magic, link type `link`.
+std::string pcapHeader(std::uint32_t link) {
+    std::string out;
+    putU32(out, 0xA1B2C3D4u);
+    putU16(out, 2);
+    putU16(out, 4);
+    putU32(out, 0);
+    putU32(out, 0);
+    putU32(out, 65535);
+    putU32(out, link);
+    return out;
+}
+
+struct LogRecord {
+    std::uint32_t tsSec = 1700000000;
+    std::uint32_t tsUsec = 0;
+    std::uint32_t packetType = 0;
+    std::uint32_t logId = 0;
+    std::uint16_t level = 5;
+    std::uint16_t version = 1;
+    std::uint32_t seqNo = 0;
+    std::string payload;
+};
+
+/// The 32 bytes of the two record headers a log record starts with, then its
+/// payload (`storage` is the storage length written in the embedded header).
+std::string logBytes(const LogRecord& r, std::uint32_t storage) {
+    std::string out;
+    putU32(out, r.packetType);
+    putU32(out, r.logId);
+    putU16(out, r.level);
+    putU16(out, r.version);
+    putU32(out, r.seqNo);
+    out += r.payload;
+    (void)storage;
+    return out;
+}
+
+/// Appends a link type 150 record.
+void appendLink150(std::string& file, const LogRecord& r) {
+    const std::string data = logBytes(r, 0);
+    putU32(file, r.tsSec);
+    putU32(file, r.tsUsec);
+    putU32(file, static_cast<std::uint32_t>(data.size()));
+    putU32(file, static_cast<std::uint32_t>(data.size()));
+    file += data;
+}
+
+/// Appends an Ethernet IPv4 UDP frame to `port` carrying the record.
+void appendEthernet(std::string& file, const LogRecord& r, std::uint16_t port) {
+    const std::string log = logBytes(r, 0);
+    std::string udpPayload;
+    putU32(udpPayload, r.tsSec);
+    putU32(udpPayload, r.tsUsec);
+    putU32(udpPayload, static_cast<std::uint32_t>(log.size()));
+    putU32(udpPayload, static_cast<std::uint32_t>(log.size()));
+    udpPayload += log;
+    std::string frame(12, '\x02');
+    putU16Be(frame, 0x0800);
+    frame += std::string("\x45\x00", 2);
+    putU16Be(frame, static_cast<std::uint16_t>(20 + 8 + udpPayload.size()));
+    frame += std::string("\x00\x01\x00\x00\x40\x11\x00\x00", 8);
+    frame += std::string("\xc0\x00\x02\x01\xc0\x00\x02\x02", 8);
+    putU16Be(frame, 40000);
+    putU16Be(frame, port);
+    putU16Be(frame, static_cast<std::uint16_t>(8 + udpPayload.size()));
+    putU16Be(frame, 0);
+    frame += udpPayload;
+    putU32(file, r.tsSec - 100);
+    putU32(file, 0);
+    putU32(file, static_cast<std::uint32_t>(frame.size()));
+    putU32(file, static_cast<std::uint32_t>(frame.size()));
+    file += frame;
+}
+
+// ---- Random dictionaries ---------------------------------------------------------------------
+
+const char* const kTypes[] = {"TavUint64_t", "TavInt64_t",   "TavUint32_t",     "TavInt32_t",
+                              "TavUint16_t", "TavInt16_t",   "TavUint8_t",      "TavInt8_t",
+                              "string",      "binarystring", "varbinarystring", "float"};
+const char* const kFormats[] = {"", "hex", "SF-SFN", "Colour", "Colour", "Missing", "Braced"};
+const char* const kNames[] = {"a", "b", "c", "dup", "x{", "cell"};
+
+std::string randomDeclaration(Random& random, bool header) {
+    const std::string type = random.pick(kTypes);
+    if (header && type == "varbinarystring") {
+        return "";
+    }
+    std::string decl = "<p type=\"" + type + "\" nameList=\"" + random.pick(kNames);
+    if (random.below(3) == 0) {
+        decl += std::string(",") + random.pick(kNames);
+    }
+    decl += "\"";
+    if (type.compare(0, 3, "Tav") == 0) {
+        if (random.below(3) == 0) {
+            decl += " count=\"" + std::to_string(random.below(4)) + "\"";
+        }
+        const std::string format = random.pick(kFormats);
+        if (!format.empty()) {
+            decl += " displayFormat=\"" + format + "\"";
+        }
+    } else if (type != "float") {
+        decl += " size=\"" + std::to_string(random.below(type == "string" ? 20 : 8)) + "\"";
+    }
+    return decl + "/>";
+}
+
+const char* const kLogStrings[] = {
+    "plain text",      "value {a} and {b}", "{c}",         "t }{a",       "a}{b}c",
+    "{nope} then {a}", "only {a",           "{dup} {dup}", "x { y } {b}", "{x{}",
+};
+
+/// A dictionary directory of `modules` random modules (keys 0x0101 ...).
+void writeRandomDictionary(const TempDir& dir, Random& random, int modules) {
+    for (int m = 1; m <= modules; ++m) {
+        std::string xml = "<?xml version=\"1.0\"?>\n<LoggingSubSystem subsystem=\"S" +
+                          std::to_string(m) + "\" subsystemId=\"1\" module=\"m" +
+                          std::to_string(m) + "\" moduleid=\"" + std::to_string(m) +
+                          "\" binlogversion=\"" + std::to_string(m) + "\">\n";
+        if (random.below(2) == 0) {
+            xml += "<ModuleHeader>";
+            for (std::uint32_t i = random.below(4); i > 0; --i) {
+                xml += randomDeclaration(random, true);
+            }
+            xml += "</ModuleHeader>\n";
+        }
+        for (int l = 1; l <= 5; ++l) {
+            xml += std::string("<LogId name=\"L") + std::to_string(l) + "\" category=\"C" +
+                   std::to_string(l) + ",x\" logString=\"" + random.pick(kLogStrings) + "\">";
+            for (std::uint32_t i = random.below(6); i > 0; --i) {
+                xml += randomDeclaration(random, false);
+            }
+            xml += "</LogId>\n";
+        }
+        xml += "</LoggingSubSystem>\n";
+        dir.writeFile("m" + std::to_string(m) + "_binlog.xml", xml);
+    }
+    dir.writeFile("enums_bindisplay.xml",
+                  "<?xml version=\"1.0\"?>\n<d><enum name=\"Colour\"><e value=\"0\" text=\"RED\"/>"
+                  "<e value=\"1\" text=\"GREEN\"/><e value=\"-1\" text=\"MINUS\"/></enum>"
+                  "<enum name=\"Braced\"><e value=\"2\" text=\"{a}\"/><e value=\"3\" "
+                  "text=\"}{b\"/></enum></d>\n");
+}
+
+/// A random capture for a dictionary of `modules` modules.
+std::string randomCapture(Random& random, int modules, bool ethernet) {
+    std::string file = pcapHeader(ethernet ? 1 : 150);
+    const int records = 1 + static_cast<int>(random.below(60));
+    std::uint32_t seq = random.below(5);
+    for (int i = 0; i < records; ++i) {
+        LogRecord r;
+        r.tsSec = 1700000000 + random.below(5);
+        r.tsUsec = random.below(1000000);
+        const std::uint32_t kind = random.below(20);
+        r.packetType = kind < 14 ? 0 : kind < 16 ? 1 : kind < 18 ? 2 : kind == 18 ? 3 : 7;
+        const std::uint32_t module = 1 + random.below(static_cast<std::uint32_t>(modules) + 1);
+        r.logId = (0x0100u | module) << 16 | (random.below(7));
+        r.version = static_cast<std::uint16_t>(random.below(8) == 0 ? 9 : module);
+        r.level = static_cast<std::uint16_t>(random.below(12));
+        seq += random.below(6) == 0 ? random.below(4) : 1;
+        r.seqNo = random.below(15) == 0 ? seq - 3 : seq;
+        const std::uint32_t size = random.below(70);
+        for (std::uint32_t b = 0; b < size; ++b) {
+            static const char kBytes[] = {0, 1, 2, 3, '{', '}', 'a', 'b', '\n', '\xff'};
+            r.payload.push_back(random.below(3) == 0 ? static_cast<char>(random.next())
+                                                     : random.pick(kBytes));
+        }
+        if (ethernet) {
+            appendEthernet(file, r, random.below(8) == 0 ? 4000 : 5000);
+        } else {
+            appendLink150(file, r);
+        }
+    }
+    if (random.below(6) == 0) {
+        file.resize(file.size() - random.below(static_cast<std::uint32_t>(file.size() - 24)));
+    }
+    return file;
+}
+
+// ---- The two routes --------------------------------------------------------------------------
+
+struct Printed {
+    std::string out;
+    std::string err;
+};
+
+Printed readWithReader(Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths) {
+    MemoryStream out;
+    StderrCapture err;
+    for (const std::string& path : paths) {
+        reader.readBinaryFiledata(path, 30, out.file());
+    }
+    return {out.text(), err.stop()};
+}
+
+Printed readWithStreams(const Tav::BinaryLogXmlReader& reader,
+                        const std::vector<std::string>& paths, bool strict) {
+    Printed printed;
+    Tav::StreamSession session(reader);
+    for (const std::string& path : paths) {
+        Tav::StreamOptions options;
+        options.udpPort = reader.udpPort;
+        options.maxVarBinaryBytes = reader.maxVarBinaryBytes;
+        options.stats = reader.statsEnabled;
+        options.utcOffsetMinutes = 30;
+        options.strict = strict;
+        options.session = &session;
+        Tav::CaptureStream stream(reader, path, options);
+        while (stream.next()) {
+            if (const Tav::Record* record = stream.record()) {
+                printed.out.append(record->text.data(), record->text.size());
+            } else {
+                const Tav::Event* event = stream.event();
+                (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
+                    .append(event->text.data(), event->text.size());
+            }
+        }
+    }
+    return printed;
+}
+
+TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFiledata) {
+    Random random{20261124};
+    int compared = 0;
+    int withRecords = 0;
+    for (int round = 0; round < 150; ++round) {
+        TempDir dir;
+        const int modules = 1 + static_cast<int>(random.below(3));
+        TempDir dict;
+        writeRandomDictionary(dict, random, modules);
+        const bool ethernet = random.below(3) == 0;
+        std::vector<std::string> paths;
+        for (int c = 1 + static_cast<int>(random.below(3)); c > 0; --c) {
+            paths.push_back(dir.writeFile("c" + std::to_string(c) + ".pcap",
+                                          randomCapture(random, modules, ethernet)));
+        }
+        const bool stats = random.below(2) == 0;
+        StderrCapture loading;
+        Tav::BinaryLogXmlReader reader(dict.slash(), stats, 5000,
+                                       static_cast<unsigned short>(random.below(6)));
+        loading.stop();
+        ASSERT_TRUE(reader.isGood()) << "round " << round;
+        const Printed expected = readWithReader(reader, paths);
+        // A reader of its own for the streams: readBinaryFiledata grew the
+        // first one's level table.
+        StderrCapture loadingAgain;
+        Tav::BinaryLogXmlReader fresh(dict.slash(), stats, 5000, reader.maxVarBinaryBytes);
+        loadingAgain.stop();
+        for (const bool strict : {true, false}) {
+            const Printed actual = readWithStreams(fresh, paths, strict);
+            ASSERT_EQ(actual.out, expected.out) << "round " << round << " strict " << strict;
+            ASSERT_EQ(actual.err, expected.err) << "round " << round << " strict " << strict;
+            ++compared;
+        }
+        withRecords += expected.out.find("] \n") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(compared, 300);
+    EXPECT_GT(withRecords, 100);
+}
+
+// ---- Values of records -------------------------------------------------------------------------
+
+class CaptureStreamTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dict_.writeFile("core_binlog.xml", R"(<?xml version="1.0"?>
+<LoggingSubSystem subsystem="CORE" subsystemId="1" module="sched" moduleid="2" binlogversion="3">
+  <ModuleHeader>
+    <p type="TavUint16_t" nameList="cell"/>
+    <p type="TavUint8_t" nameList="carrier"/>
+  </ModuleHeader>
+  <LogId name="Grant" logString="ue {ue} got {bytes} in {state}" category="SCHED,x">
+    <p type="TavUint8_t" nameList="mcs" displayFormat="hex"/>
+    <p type="TavUint32_t" nameList="ue,bytes"/>
+    <p type="TavInt16_t" nameList="rssi" count="3" displayFormat="Colour"/>
+    <p type="string" nameList="state" size="6"/>
+    <p type="varbinarystring" nameList="raw" size="4"/>
+  </LogId>
+</LoggingSubSystem>
+)");
+        dict_.writeFile("colours_bindisplay.xml",
+                        "<d><enum name=\"Colour\"><e value=\"-1\" text=\"MINUS\"/>"
+                        "<e value=\"2\" text=\"TWO\"/></enum></d>");
+        reader_ = std::make_unique<Tav::BinaryLogXmlReader>(dict_.slash(), false, 0, 2);
+        ASSERT_TRUE(reader_->isGood());
+    }
+
+    /// One Grant record: header cell 7, carrier 1 (padding 1), then u32 ue
+    /// 17, bytes 1024, i16 rssi -1,5,2, u8 mcs 9, string "ok", var binary
+    /// 3 bytes aa bb cc.
+    std::string grantCapture() {
+        LogRecord r;
+        r.tsSec = 1700000000;
+        r.tsUsec = 250000;
+        r.logId = 0x01020001;
+        r.version = 3;
+        r.seqNo = 41;
+        putU16(r.payload, 7);
+        r.payload.push_back(1);
+        r.payload.push_back(0);
+        putU32(r.payload, 17);
+        putU32(r.payload, 1024);
+        putU16(r.payload, 0xFFFF);
+        putU16(r.payload, 5);
+        putU16(r.payload, 2);
+        r.payload.push_back(9);
+        r.payload += std::string("ok\0\0\0\0", 6);
+        putU16(r.payload, 3);
+        r.payload += "\xaa\xbb\xcc";
+        std::string file = pcapHeader(150);
+        appendLink150(file, r);
+        return file;
+    }
+
+    TempDir dict_;
+    std::unique_ptr<Tav::BinaryLogXmlReader> reader_;
+};
+
+TEST_F(CaptureStreamTest, ARecordCarriesItsValuesInDeclarationOrder) {
+    const std::string bytes = grantCapture();
+    Tav::StreamOptions options;
+    options.maxVarBinaryBytes = 2;
+    options.utcOffsetMinutes = 60;
+    Tav::CaptureStream stream(*reader_, "mem.pcap",
+                              reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                              options);
+    ASSERT_TRUE(stream.next());
+    const Tav::Record* record = stream.record();
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->kind, Tav::RecordKind::BinLog);
+    EXPECT_EQ(record->capture, "mem.pcap");
+    EXPECT_EQ(record->number, 1u);
+    EXPECT_EQ(record->offset, 24u);
+    EXPECT_EQ(record->seconds, 1700000000u + 3600u);
+    EXPECT_EQ(record->microseconds, 250000u);
+    EXPECT_EQ(record->moduleKey, 0x0102);
+    EXPECT_EQ(record->logIndex, 1);
+    EXPECT_EQ(record->subsystem, "CORE");
+    EXPECT_EQ(record->module, "sched");
+    EXPECT_EQ(record->log, "Grant");
+    EXPECT_EQ(record->levelName, "INFO");
+    EXPECT_EQ(record->category, "SCHED");
+    EXPECT_EQ(record->seqNo, 41u);
+
+    ASSERT_EQ(record->header.size(), 2u);
+    EXPECT_EQ(record->header[0].name, "cell");
+    EXPECT_EQ(record->header[0].raw, 7u);
+    EXPECT_EQ(record->header[0].text, "7");
+    EXPECT_EQ(record->header[1].name, "carrier");
+    EXPECT_EQ(record->header[1].type, Tav::ParamType::Uint8);
+
+    // Declaration order: mcs, ue, bytes, rssi[0..2], state, raw.
+    const Tav::View<Tav::ParamField>& p = record->params;
+    ASSERT_EQ(p.size(), 8u);
+    EXPECT_EQ(p[0].name, "mcs");
+    EXPECT_EQ(p[0].text, "0x9");
+    EXPECT_EQ(p[1].name, "ue");
+    EXPECT_EQ(p[1].raw, 17u);
+    EXPECT_EQ(p[2].name, "bytes");
+    EXPECT_EQ(p[2].text, "1024");
+    EXPECT_EQ(p[3].name, "rssi");
+    EXPECT_EQ(p[3].index, 0);
+    EXPECT_TRUE(p[3].isSigned());
+    EXPECT_EQ(p[3].asSigned(), -1);
+    EXPECT_EQ(p[3].text, "MINUS");
+    EXPECT_EQ(p[3].enumName, "Colour");
+    // 5 is not in the enumeration: the element repeats the text before it.
+    EXPECT_EQ(p[4].index, 1);
+    EXPECT_EQ(p[4].text, "MINUS");
+    EXPECT_EQ(p[4].enumName, "");
+    EXPECT_EQ(p[5].text, "TWO");
+    EXPECT_EQ(p[6].name, "state");
+    EXPECT_EQ(p[6].type, Tav::ParamType::String);
+    EXPECT_EQ(p[6].bytes, "ok");
+    EXPECT_EQ(p[7].name, "raw");
+    EXPECT_EQ(p[7].bytes, "\xaa\xbb\xcc");
+    EXPECT_EQ(p[7].text, "payload size:3 aa:bb");
+
+    EXPECT_EQ(record->text,
+              "[2023-11-14T23:13:20.250Z] [CORE:sched] [                    Grant] [    INFO] "
+              "[     SCHED] [41] [cell=7 carrier=1 ] [ue ue=17 got bytes=1024 in state=ok] \n");
+    EXPECT_FALSE(stream.next());
+    EXPECT_FALSE(stream.damaged());
+    EXPECT_TRUE(stream.opened());
+    EXPECT_EQ(stream.recordsRead(), 1u);
+}
+
+TEST_F(CaptureStreamTest, WithoutTextsRecordsCarryValuesOnly) {
+    const std::string bytes = grantCapture();
+    Tav::StreamOptions options;
+    options.texts = false;
+    Tav::CaptureStream stream(*reader_, "mem", reinterpret_cast<const unsigned char*>(bytes.data()),
+                              bytes.size(), options);
+    ASSERT_TRUE(stream.next());
+    const Tav::Record* record = stream.record();
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->text, "");
+    ASSERT_EQ(record->params.size(), 8u);
+    EXPECT_EQ(record->params[2].raw, 1024u);
+    EXPECT_EQ(record->params[2].text, "");
+    EXPECT_EQ(record->params[3].enumName, "Colour");
+    EXPECT_EQ(record->params[6].bytes, "ok");
+}
+
+TEST_F(CaptureStreamTest, EventsComeBeforeTheRecordTheyBelongTo) {
+    // An unknown log id, then a record with a var binary count above its
+    // size, with statistics: the gap comes first, then the count message.
+    LogRecord unknown;
+    unknown.logId = 0x01020009;
+    unknown.version = 3;
+    unknown.seqNo = 1;
+    std::string file = pcapHeader(150);
+    appendLink150(file, unknown);
+    std::string grant = grantCapture().substr(24);
+    // seqNo 41 -> gap after 1; var binary count 3 -> 9 (above the size 4).
+    const std::size_t countAt = 16 + 16 + 4 + 8 + 6 + 1 + 6;
+    grant[countAt] = 9;
+    file += grant;
+    Tav::StreamOptions options;
+    options.stats = true;
+    Tav::CaptureStream stream(*reader_, "ev", reinterpret_cast<const unsigned char*>(file.data()),
+                              file.size(), options);
+    std::vector<std::string> items;
+    const Tav::Event* gap = nullptr;
+    Tav::Event gapCopy;
+    while (stream.next()) {
+        if (const Tav::Event* event = stream.event()) {
+            items.push_back(
+                std::string(event->stream == Tav::EventStream::Output ? "out " : "err ") +
+                std::string(event->text));
+            if (event->kind == Tav::EventKind::Gap) {
+                gap = event;
+                gapCopy = *event;
+            }
+        } else {
+            items.push_back("record " + std::to_string(stream.record()->seqNo));
+        }
+    }
+    ASSERT_NE(gap, nullptr);
+    EXPECT_EQ(gapCopy.module, 0x0102u);
+    EXPECT_EQ(gapCopy.lastSeqNo, 1);
+    EXPECT_EQ(gapCopy.seqNo, 41);
+    EXPECT_EQ(gapCopy.missing, 39);
+    EXPECT_EQ(gapCopy.record, 2u);
+    ASSERT_EQ(items.size(), 5u);
+    EXPECT_EQ(items[0], "err Log id :1020009 not valid\n");
+    EXPECT_EQ(items[1],
+              "out >>possibly missing packets: module=0x102,lastSeqNo=1,curSeqNo=41: "
+              "diff=39,missingRecords_=0\n");
+    EXPECT_EQ(items[2], "err Variable length:9 in payload is greater thanthe definition 4\n");
+    EXPECT_EQ(items[3], "record 41");
+    EXPECT_EQ(items[4].compare(0, 26, "out >>totalRecords =  2\n>>"), 0) << items[4];
+}
+
+TEST_F(CaptureStreamTest, CaptureProblemsAreEvents) {
+    TempDir dir;
+    struct Case {
+        std::string bytes;
+        Tav::EventKind kind;
+        std::string text;
+    };
+    const std::string grant = grantCapture();
+    std::string oversized = pcapHeader(150);
+    putU32(oversized, 0);
+    putU32(oversized, 0);
+    putU32(oversized, 25001);
+    putU32(oversized, 25001);
+    const Case cases[] = {
+        {"", Tav::EventKind::NoGlobalHeader, "No global header found\n"},
+        {pcapHeader(7), Tav::EventKind::BadLinkType,
+         "Invalid link type 7 found. Not a valid log pcap file\n"},
+        {grant.substr(0, grant.size() - 5), Tav::EventKind::Truncated,
+         "Warning: Possibly truncated file. Actual payloadBytes :" +
+             std::to_string(grant.size() - 24 - 16 - 5) +
+             " Expected payloadBytes :" + std::to_string(grant.size() - 24 - 16) + "\n"},
+        {oversized, Tav::EventKind::Oversized,
+         "pHdr storageLength 25001 is more thanMAX_BINLOG_LENGTH\n"},
+    };
+    for (const Case& c : cases) {
+        const std::string path = dir.writeFile("case.pcap", c.bytes);
+        Tav::StreamOptions options;
+        options.strict = true;
+        Tav::CaptureStream stream(*reader_, path, options);
+        std::vector<Tav::EventKind> kinds;
+        std::string text;
+        while (stream.next()) {
+            if (const Tav::Event* event = stream.event()) {
+                kinds.push_back(event->kind);
+                text += std::string(event->text);
+            }
+        }
+        ASSERT_FALSE(kinds.empty()) << c.text;
+        EXPECT_EQ(kinds.back(), c.kind) << c.text;
+        EXPECT_EQ(text, c.text);
+        EXPECT_TRUE(stream.damaged()) << c.text;
+    }
+    Tav::CaptureStream missing(*reader_, dir.path() + "/none.pcap", Tav::StreamOptions());
+    ASSERT_TRUE(missing.next());
+    ASSERT_NE(missing.event(), nullptr);
+    EXPECT_EQ(missing.event()->kind, Tav::EventKind::OpenFailed);
+    EXPECT_EQ(missing.event()->name, std::strerror(ENOENT));
+    EXPECT_EQ(missing.event()->text, "File open failed [" + dir.path() + "/none.pcap]\n");
+    EXPECT_FALSE(missing.next());
+}
+
+TEST_F(CaptureStreamTest, APipeIsReadAsItsBytesArrive) {
+    const std::string bytes = grantCapture() + grantCapture().substr(24);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    std::thread writer([&bytes, fds] {
+        // In two pieces that split a record.
+        const std::size_t half = bytes.size() / 2;
+        EXPECT_EQ(write(fds[1], bytes.data(), half), static_cast<ssize_t>(half));
+        EXPECT_EQ(write(fds[1], bytes.data() + half, bytes.size() - half),
+                  static_cast<ssize_t>(bytes.size() - half));
+        close(fds[1]);
+    });
+    Tav::CaptureStream stream(*reader_, "pipe", fds[0], true, Tav::StreamOptions());
+    int records = 0;
+    while (stream.next()) {
+        records += stream.record() != nullptr ? 1 : 0;
+    }
+    writer.join();
+    EXPECT_EQ(records, 2);
+    EXPECT_FALSE(stream.damaged());
+}
+
+TEST_F(CaptureStreamTest, RequestStopEndsTheStream) {
+    std::string file = pcapHeader(150);
+    const std::string record = grantCapture().substr(24);
+    for (int i = 0; i < 10; ++i) {
+        file += record;
+    }
+    Tav::CaptureStream stream(*reader_, "stop", reinterpret_cast<const unsigned char*>(file.data()),
+                              file.size(), Tav::StreamOptions());
+    ASSERT_TRUE(stream.next());
+    ASSERT_TRUE(stream.next());
+    stream.requestStop();
+    EXPECT_FALSE(stream.next());
+    EXPECT_FALSE(stream.next());
+}
+
+// ---- Concurrent streams on one reader -----------------------------------------------------------
+
+TEST(CaptureStreamThreads, TwoThreadsDecodeAsOneAfterTheOther) {
+    Random random{77};
+    TempDir dict;
+    writeRandomDictionary(dict, random, 3);
+    TempDir dir;
+    std::vector<std::string> paths;
+    for (int c = 0; c < 2; ++c) {
+        std::string file = pcapHeader(150);
+        for (int i = 0; i < 200; ++i) {
+            const std::string one = randomCapture(random, 3, false);
+            file += one.substr(24);
+        }
+        paths.push_back(dir.writeFile("t" + std::to_string(c) + ".pcap", file));
+    }
+    StderrCapture loading;
+    const Tav::BinaryLogXmlReader reader(dict.slash(), true, 5000, 8);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    auto decode = [&reader](const std::string& path) {
+        return readWithStreams(reader, {path}, false);
+    };
+    const Printed first = decode(paths[0]);
+    const Printed second = decode(paths[1]);
+    ASSERT_FALSE(first.out.empty());
+    for (int round = 0; round < 5; ++round) {
+        Printed parallelFirst;
+        Printed parallelSecond;
+        std::thread a([&] { parallelFirst = decode(paths[0]); });
+        std::thread b([&] { parallelSecond = decode(paths[1]); });
+        a.join();
+        b.join();
+        EXPECT_EQ(parallelFirst.out, first.out);
+        EXPECT_EQ(parallelFirst.err, first.err);
+        EXPECT_EQ(parallelSecond.out, second.out);
+        EXPECT_EQ(parallelSecond.err, second.err);
+    }
+}
+
+}  // namespace
