@@ -21,8 +21,7 @@
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 
 int main(int argc, char** argv) {
-    if (argc < 7 ||
-        (std::strcmp(argv[1], "read") != 0 && std::strcmp(argv[1], "stream") != 0)) {
+    if (argc < 7 || (std::strcmp(argv[1], "read") != 0 && std::strcmp(argv[1], "stream") != 0)) {
         std::fprintf(stderr,
                      "usage: %s read|stream DICTIONARY_DIR STATS UDP_PORT MAX_VAR_BYTES "
                      "UTC_OFFSET CAPTURE...\n",
