@@ -50,15 +50,19 @@ bool isElement(const xmlNode* node, const char* name) {
            xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>(name)) == 0;
 }
 
+struct XmlCharFree {
+    void operator()(xmlChar* text) const { xmlFree(text); }
+};
+
+struct DirClose {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+
 /// The attribute's value, empty when it is missing.
 std::string attribute(xmlNode* node, const char* name) {
-    xmlChar* value = xmlGetProp(node, reinterpret_cast<const xmlChar*>(name));
-    if (value == nullptr) {
-        return std::string();
-    }
-    std::string text(reinterpret_cast<const char*>(value));
-    xmlFree(value);
-    return text;
+    const std::unique_ptr<xmlChar, XmlCharFree> value(
+        xmlGetProp(node, reinterpret_cast<const xmlChar*>(name)));
+    return value ? std::string(reinterpret_cast<const char*>(value.get())) : std::string();
 }
 
 bool hasAttributes(const xmlNode* node) {
@@ -520,12 +524,12 @@ bool Dictionary::load(const std::string& directory, std::string& error) {
     const std::string failed = "the dictionary in " + directory + " did not load: ";
     std::vector<std::string> binlogFiles, displayFiles;
     {
-        DIR* dir = opendir(path.c_str());
-        if (dir == nullptr) {
+        const std::unique_ptr<DIR, DirClose> dir(opendir(path.c_str()));
+        if (!dir) {
             error = failed + "cannot read the directory";
             return false;
         }
-        while (const dirent* entry = readdir(dir)) {
+        while (const dirent* entry = readdir(dir.get())) {
             const DictionaryFile kind = dictionaryFileKind(entry->d_name);
             if (kind == DictionaryFile::Binlog) {
                 binlogFiles.push_back(path + entry->d_name);
@@ -533,7 +537,6 @@ bool Dictionary::load(const std::string& directory, std::string& error) {
                 displayFiles.push_back(path + entry->d_name);
             }
         }
-        closedir(dir);
     }
     if (binlogFiles.empty()) {
         error = failed + "no binlog file in it";
