@@ -103,8 +103,8 @@ Record binLogRecord(const binlog_synth::Dictionary& dictionary, const std::strin
             fail(logName + " has no parameter " + nameAndText.first);
         }
         binlog_synth::ParamValue value;
-        if (!binlog_synth::parseFieldValue(*field, nameAndText.second,
-                                           &dictionary.reader()->displayFormatter, value, error)) {
+        if (!binlog_synth::parseFieldValue(*field, nameAndText.second, &dictionary.displays(),
+                                           value, error)) {
             fail(error);
         }
         (field->header ? recordValues.header : recordValues.log)[field->name] = value;
@@ -137,8 +137,13 @@ struct RecordFixture {
         }
         out = openDevNull();
 
+        // The records are written by the capture writer from its own reading
+        // of the same dictionary.
         binlog_synth::Dictionary dictionary;
-        dictionary.attach(*reader);
+        std::string loadError;
+        if (!dictionary.load(dir.dictionaryPath(), loadError)) {
+            fail(loadError);
+        }
         binLog.push_back(binLogRecord(
             dictionary, "L1:cell", "CellReport",
             {{"cellId", "7"},

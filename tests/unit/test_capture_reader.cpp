@@ -53,9 +53,9 @@ std::string padLeft(const std::string& text, std::size_t width) {
     return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
 }
 
-Tav::BinLogHeader logHeader(std::uint32_t packetType, std::uint32_t logId, std::uint16_t level,
-                            std::uint16_t version, std::uint32_t seqNo) {
-    Tav::BinLogHeader header;
+binlog_synth::LogHeader logHeader(std::uint32_t packetType, std::uint32_t logId,
+                                  std::uint16_t level, std::uint16_t version, std::uint32_t seqNo) {
+    binlog_synth::LogHeader header;
     header.packetType = packetType;
     header.logId = logId;
     header.logLevel = level;
@@ -64,7 +64,7 @@ Tav::BinLogHeader logHeader(std::uint32_t packetType, std::uint32_t logId, std::
     return header;
 }
 
-Tav::BinLogHeader ping(std::uint32_t seqNo) {
+binlog_synth::LogHeader ping(std::uint32_t seqNo) {
     return logHeader(Tav::BinLog, kPingLogId, kInfo, kVersion, seqNo);
 }
 
@@ -73,7 +73,7 @@ std::string pingPayload(std::uint32_t count) {
 }
 
 // A log record: the 16-byte binary log header, then the payload.
-std::string logRecord(const Tav::BinLogHeader& header, const std::string& payload) {
+std::string logRecord(const binlog_synth::LogHeader& header, const std::string& payload) {
     ByteBuffer record;
     appendBinLogHeader(record, header);
     return record.bytes(payload).str();
@@ -129,7 +129,7 @@ class Capture {
         appendFramedRecord(bytes_, Framing(), options, data, 0);
         return *this;
     }
-    Capture& log(const RecordOptions& options, const Tav::BinLogHeader& header,
+    Capture& log(const RecordOptions& options, const binlog_synth::LogHeader& header,
                  const std::string& payload) {
         return record(options, logRecord(header, payload));
     }

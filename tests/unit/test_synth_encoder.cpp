@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <string>
 
-#include "BinaryLogXmlReader.h"
 #include "TestSupport.h"
 #include "binlog_synth/Capture.h"
 #include "binlog_synth/Dictionary.h"
@@ -17,20 +16,15 @@ using namespace binlog_synth;
 
 namespace {
 
-template <typename T>
-Tav::TavLogParam<T> param(const std::string& name, std::uint32_t length = 0,
-                          const std::string& format = "DefaultDisplay") {
-    Tav::TavLogParam<T> p;
+/// One declared parameter: `length` is the count of an integer kind or the
+/// size of a string kind.
+ParamDecl decl(FieldKind kind, const std::string& name, std::uint32_t length = 0,
+               const std::string& format = kFormatDefault) {
+    ParamDecl p;
+    p.kind = kind;
     p.name = name;
-    p.length = length;
+    (isIntegerKind(kind) ? p.count : p.size) = length;
     p.displayFormat = format;
-    return p;
-}
-
-Tav::TavLogParam<std::string> textParam(const std::string& name, std::uint32_t size) {
-    Tav::TavLogParam<std::string> p;
-    p.name = name;
-    p.length = size;
     return p;
 }
 
@@ -64,12 +58,11 @@ std::string encode(const LogLayout& layout, const RecordValues& values) {
 TEST(SynthEncoder, LaterTypeGroupComesFirstWhateverTheDeclarationOrder) {
     // A log that declares an unsigned 8 parameter a and then an unsigned 32
     // parameter b carries the 4 bytes of b followed by the 1 byte of a.
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.uint8Params.push_back(param<std::uint8_t>("a"));
-    log.uint32Params.push_back(param<std::uint32_t>("b"));
-    log.paramOrder = {"a", "b"};
-    const LogLayout layout = buildLayout(module, log, 0x0102, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::U8, "a"));
+    log.params.push_back(decl(FieldKind::U32, "b"));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     RecordValues values;
     setValue(layout, values, "a", "0x11");
     setValue(layout, values, "b", "0x44332211");
@@ -78,21 +71,21 @@ TEST(SynthEncoder, LaterTypeGroupComesFirstWhateverTheDeclarationOrder) {
 }
 
 TEST(SynthEncoder, EveryGroupInItsFixedOrder) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
+    ModuleDecl module;
+    LogDecl log;
     // The lists are filled in reverse group order; the wire order is fixed.
-    log.varBinaryStringParams.push_back(textParam("vb", 8));
-    log.binaryStringParams.push_back(textParam("bs", 3));
-    log.stringParams.push_back(textParam("s", 5));
-    log.int8Params.push_back(param<std::int8_t>("i8"));
-    log.uint8Params.push_back(param<std::uint8_t>("u8"));
-    log.int16Params.push_back(param<std::int16_t>("i16"));
-    log.uint16Params.push_back(param<std::uint16_t>("u16"));
-    log.int32Params.push_back(param<std::int32_t>("i32"));
-    log.uint32Params.push_back(param<std::uint32_t>("u32"));
-    log.int64Params.push_back(param<std::int64_t>("i64"));
-    log.uint64Params.push_back(param<std::uint64_t>("u64"));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    log.params.push_back(decl(FieldKind::VarBinaryString, "vb", 8));
+    log.params.push_back(decl(FieldKind::BinaryString, "bs", 3));
+    log.params.push_back(decl(FieldKind::String, "s", 5));
+    log.params.push_back(decl(FieldKind::I8, "i8"));
+    log.params.push_back(decl(FieldKind::U8, "u8"));
+    log.params.push_back(decl(FieldKind::I16, "i16"));
+    log.params.push_back(decl(FieldKind::U16, "u16"));
+    log.params.push_back(decl(FieldKind::I32, "i32"));
+    log.params.push_back(decl(FieldKind::U32, "u32"));
+    log.params.push_back(decl(FieldKind::I64, "i64"));
+    log.params.push_back(decl(FieldKind::U64, "u64"));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     RecordValues values;
     setValue(layout, values, "u64", "0x0102030405060708");
     setValue(layout, values, "i64", "-2");
@@ -122,14 +115,13 @@ TEST(SynthEncoder, EveryGroupInItsFixedOrder) {
 }
 
 TEST(SynthEncoder, ModuleHeaderThenPaddingThenLog) {
-    Tav::ModuleDetails module;
-    module.hasModuleHeader = true;
-    module.uint8Params.push_back(param<std::uint8_t>("carrier"));
-    module.uint16Params.push_back(param<std::uint16_t>("cellId"));
-    module.headerPadding = 1;  // 2 + 1 bytes brought up to 4
-    Tav::LogDetails log;
-    log.uint8Params.push_back(param<std::uint8_t>("x"));
-    const LogLayout layout = buildLayout(module, log, 0x0102, nullptr);
+    ModuleDecl module;
+    module.hasHeader = true;
+    module.header.push_back(decl(FieldKind::U8, "carrier"));
+    module.header.push_back(decl(FieldKind::U16, "cellId"));
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::U8, "x"));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     ASSERT_EQ(layout.fields.size(), 4u);
     EXPECT_EQ(layout.fields[2].kind, FieldKind::Padding);
     RecordValues values;
@@ -146,13 +138,12 @@ TEST(SynthEncoder, ModuleHeaderThenPaddingThenLog) {
 TEST(SynthEncoder, ModuleHeaderVarBinaryStringsAreNotWritten) {
     // The decoder never reads a module header's var binary strings, and they
     // do not count towards its padding.
-    Tav::ModuleDetails module;
-    module.hasModuleHeader = true;
-    module.uint8Params.push_back(param<std::uint8_t>("h"));
-    module.varBinaryStringParams.push_back(textParam("hv", 4));
-    module.headerPadding = 3;
-    Tav::LogDetails log;
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    module.hasHeader = true;
+    module.header.push_back(decl(FieldKind::U8, "h"));
+    module.header.push_back(decl(FieldKind::VarBinaryString, "hv", 4));
+    LogDecl log;
+    const LogLayout layout = layoutOf(module, log, nullptr);
     ASSERT_EQ(layout.fields.size(), 2u);
     EXPECT_EQ(layout.fields[0].name, "h");
     EXPECT_EQ(layout.fields[1].kind, FieldKind::Padding);
@@ -163,11 +154,11 @@ TEST(SynthEncoder, ModuleHeaderVarBinaryStringsAreNotWritten) {
 }
 
 TEST(SynthEncoder, ArraysTakeConsecutiveElements) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.int16Params.push_back(param<std::int16_t>("rssi", 3));
-    log.uint8Params.push_back(param<std::uint8_t>("flags", 2));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::I16, "rssi", 3));
+    log.params.push_back(decl(FieldKind::U8, "flags", 2));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     RecordValues values;
     setValue(layout, values, "rssi", "-1,2,-3");
     setValue(layout, values, "flags", "1,0xff");
@@ -180,12 +171,12 @@ TEST(SynthEncoder, ArraysTakeConsecutiveElements) {
 }
 
 TEST(SynthEncoder, MissingValuesAreZeroAndVarBinaryEmpty) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.uint32Params.push_back(param<std::uint32_t>("n"));
-    log.stringParams.push_back(textParam("s", 3));
-    log.varBinaryStringParams.push_back(textParam("v", 16));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::U32, "n"));
+    log.params.push_back(decl(FieldKind::String, "s", 3));
+    log.params.push_back(decl(FieldKind::VarBinaryString, "v", 16));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     EXPECT_EQ(encode(layout, RecordValues()),
               "00000000"
               "000000"
@@ -193,10 +184,10 @@ TEST(SynthEncoder, MissingValuesAreZeroAndVarBinaryEmpty) {
 }
 
 TEST(SynthEncoder, VarBinaryCountCanDisagreeWithItsBytes) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.varBinaryStringParams.push_back(textParam("raw", 16));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::VarBinaryString, "raw", 16));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     RecordValues values;
     setValue(layout, values, "raw", "300#0102");
     EXPECT_EQ(encode(layout, values),
@@ -205,25 +196,25 @@ TEST(SynthEncoder, VarBinaryCountCanDisagreeWithItsBytes) {
 }
 
 TEST(SynthEncoder, StringOfExactlyItsSizeHasNoTerminator) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.stringParams.push_back(textParam("s", 3));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::String, "s", 3));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     RecordValues values;
     setValue(layout, values, "s", "abc");
     EXPECT_EQ(encode(layout, values), "616263");
 }
 
 TEST(SynthEncoder, RejectsValuesThatDoNotFit) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.uint8Params.push_back(param<std::uint8_t>("u8"));
-    log.int8Params.push_back(param<std::int8_t>("i8"));
-    log.int16Params.push_back(param<std::int16_t>("arr", 2));
-    log.stringParams.push_back(textParam("s", 2));
-    log.binaryStringParams.push_back(textParam("b", 2));
-    log.varBinaryStringParams.push_back(textParam("v", 2));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::U8, "u8"));
+    log.params.push_back(decl(FieldKind::I8, "i8"));
+    log.params.push_back(decl(FieldKind::I16, "arr", 2));
+    log.params.push_back(decl(FieldKind::String, "s", 2));
+    log.params.push_back(decl(FieldKind::BinaryString, "b", 2));
+    log.params.push_back(decl(FieldKind::VarBinaryString, "v", 2));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     ParamValue v;
     std::string error;
     EXPECT_FALSE(parseFieldValue(fieldOf(layout, "u8"), "256", nullptr, v, error));
@@ -263,18 +254,17 @@ TEST(SynthEncoder, IntegerTextsOfEveryWidth) {
 }
 
 TEST(SynthEncoder, EnumerationNamesAndFrameNumbers) {
-    Tav::BinaryLogDisplayFormatter formatter;
-    formatter.initialized = true;
+    Displays displays;
     // Only keys that are the exact decimal text of a value can ever match.
-    formatter.displayFormats["CellState"] = {
+    displays.enums["CellState"] = {
         {"0", "IDLE"}, {"2", "ACTIVE"}, {"07", "ODD"}, {"x", "BAD"}, {"-1", "NEG"}};
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.uint16Params.push_back(param<std::uint16_t>("state", 0, "CellState"));
-    log.int16Params.push_back(param<std::int16_t>("signedState", 0, "CellState"));
-    log.uint32Params.push_back(param<std::uint32_t>("sfn", 0, "SF-SFN"));
-    log.uint16Params.push_back(param<std::uint16_t>("sfn16", 0, "SF-SFN"));
-    const LogLayout layout = buildLayout(module, log, 1, &formatter);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::U16, "state", 0, "CellState"));
+    log.params.push_back(decl(FieldKind::I16, "signedState", 0, "CellState"));
+    log.params.push_back(decl(FieldKind::U32, "sfn", 0, "SF-SFN"));
+    log.params.push_back(decl(FieldKind::U16, "sfn16", 0, "SF-SFN"));
+    const LogLayout layout = layoutOf(module, log, &displays);
 
     EXPECT_EQ(fieldOf(layout, "state").enumValues, (std::vector<std::uint64_t>{0, 2}));
     EXPECT_EQ(fieldOf(layout, "signedState").enumValues,
@@ -283,33 +273,32 @@ TEST(SynthEncoder, EnumerationNamesAndFrameNumbers) {
 
     ParamValue v;
     std::string error;
-    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "state"), "ACTIVE", &formatter, v, error));
+    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "state"), "ACTIVE", &displays, v, error));
     EXPECT_EQ(v.ints.at(0), 2u);
-    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "state"), "ODD", &formatter, v, error));
-    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "state"), "NEG", &formatter, v, error));
-    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "signedState"), "NEG", &formatter, v, error));
+    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "state"), "ODD", &displays, v, error));
+    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "state"), "NEG", &displays, v, error));
+    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "signedState"), "NEG", &displays, v, error));
     EXPECT_EQ(v.ints.at(0), 0xFFFFu);
     // FRAME-SUBFRAME: frame x 10 + subframe, as the decoder prints it too.
-    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "1023-3", &formatter, v, error));
+    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "1023-3", &displays, v, error));
     EXPECT_EQ(v.ints.at(0), 10233u);
-    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "0210-05", &formatter, v, error));
+    ASSERT_TRUE(parseFieldValue(fieldOf(layout, "sfn"), "0210-05", &displays, v, error));
     EXPECT_EQ(v.ints.at(0), 2105u);
     // Frame 1024 would show as frame 0.
-    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "sfn"), "1024-3", &formatter, v, error));
+    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "sfn"), "1024-3", &displays, v, error));
     EXPECT_EQ(error,
               "bad value \"1024-3\" for TavUint32_t parameter sfn: frame 1024 is above 1023 (it "
               "would show as 0000-03; write 0x2803 to store it anyway)");
-    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "sfn16"), "1024-3", &formatter, v, error));
+    EXPECT_FALSE(parseFieldValue(fieldOf(layout, "sfn16"), "1024-3", &displays, v, error));
 }
 
 TEST(SynthEncoder, RandomEnumerationValuesAreMostlyNamed) {
-    Tav::BinaryLogDisplayFormatter formatter;
-    formatter.initialized = true;
-    formatter.displayFormats["Mode"] = {{"3", "A"}, {"5", "B"}, {"9", "C"}};
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.uint32Params.push_back(param<std::uint32_t>("mode", 0, "Mode"));
-    const LogLayout layout = buildLayout(module, log, 1, &formatter);
+    Displays displays;
+    displays.enums["Mode"] = {{"3", "A"}, {"5", "B"}, {"9", "C"}};
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::U32, "mode", 0, "Mode"));
+    const LogLayout layout = layoutOf(module, log, &displays);
     SplitMix64 rng(42);
     RandomValueOptions options;
     int named = 0;
@@ -325,14 +314,14 @@ TEST(SynthEncoder, RandomEnumerationValuesAreMostlyNamed) {
 }
 
 TEST(SynthEncoder, RandomFieldsKeepTheirDeclaredSizes) {
-    Tav::ModuleDetails module;
-    Tav::LogDetails log;
-    log.stringParams.push_back(textParam("s", 14));
-    log.binaryStringParams.push_back(textParam("b", 4));
-    log.varBinaryStringParams.push_back(textParam("v", 10));
-    log.int16Params.push_back(param<std::int16_t>("a", 3));
-    log.uint32Params.push_back(param<std::uint32_t>("sfn", 0, "SF-SFN"));
-    const LogLayout layout = buildLayout(module, log, 1, nullptr);
+    ModuleDecl module;
+    LogDecl log;
+    log.params.push_back(decl(FieldKind::String, "s", 14));
+    log.params.push_back(decl(FieldKind::BinaryString, "b", 4));
+    log.params.push_back(decl(FieldKind::VarBinaryString, "v", 10));
+    log.params.push_back(decl(FieldKind::I16, "a", 3));
+    log.params.push_back(decl(FieldKind::U32, "sfn", 0, "SF-SFN"));
+    const LogLayout layout = layoutOf(module, log, nullptr);
     SplitMix64 rng(5);
     RandomValueOptions options;
     for (int i = 0; i < 200; ++i) {
@@ -437,7 +426,7 @@ TEST(SynthEncoder, DictionaryThatDoesNotLoad) {
     std::string error;
     EXPECT_FALSE(dictionary.load(dir.path(), error));
     capture.stop();
-    EXPECT_EQ(error, "the dictionary in " + dir.path() + " did not load");
+    EXPECT_EQ(error, "the dictionary in " + dir.path() + " did not load: no binlog file in it");
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ unsigned checksumSum(const std::string& s, std::size_t at, std::size_t n, std::u
 /// version 3, seqNo 9) and four payload bytes.
 std::string sampleLogRecord() {
     ByteBuffer b;
-    Tav::BinLogHeader h;
+    LogHeader h;
     h.packetType = 0;
     h.logId = 0x01020003;
     h.logLevel = 5;
@@ -272,6 +272,263 @@ TEST(SynthFraming, OpenFailureIsReported) {
     EXPECT_EQ(error.rfind("cannot open /nonexistent-dir/x.pcap: ", 0), 0u) << error;
     EXPECT_FALSE(sink.open("/nonexistent-dir/x.pcap.gz", true, error));
     EXPECT_EQ(error.rfind("cannot open /nonexistent-dir/x.pcap.gz", 0), 0u) << error;
+}
+
+// ---- Other capture formats and framings -------------------------------------
+
+/// The record data of `framing` carrying the sample log record.
+std::string frameOf(const Framing& framing, bool bigEndianFile = false) {
+    ByteBuffer out;
+    appendEthernetFrame(out, framing, RecordOptions(), std::string(16, 's') + sampleLogRecord(), 1,
+                        bigEndianFile);
+    return out.str();
+}
+
+Framing udpFraming(LinkLayer layer, LinkKind ip) {
+    Framing framing;
+    framing.kind = ip;
+    framing.layer = layer;
+    return framing;
+}
+
+TEST(SynthFraming, NanosecondAndBigEndianPcapHeaders) {
+    GlobalHeaderSettings nano;
+    nano.format = FileFormat::PcapNano;
+    ByteBuffer b;
+    appendFileHeader(b, nano, 150);
+    EXPECT_EQ(toHex(b.str()), "4d3cb2a1020004000000000000000000ffff000096000000");
+
+    GlobalHeaderSettings big;
+    big.bigEndian = true;
+    b.clear();
+    appendFileHeader(b, big, 1);
+    EXPECT_EQ(toHex(b.str()),
+              "a1b2c3d4"    // magic, big-endian
+              "00020004"    // version 2.4
+              "00000000"    // time zone
+              "00000000"    // accuracy
+              "0000ffff"    // snapshot length 65535
+              "00000001");  // link type 1
+
+    // Records: the fraction in nanoseconds, the fields in the file's order;
+    // the log record itself stays as it is.
+    RecordOptions options = at(0x01020304, 250000);
+    options.tsNsec = 250000123;
+    big.format = FileFormat::PcapNano;
+    b.clear();
+    appendRecord(b, big, Framing(), options, sampleLogRecord(), 0);
+    EXPECT_EQ(toHex(b.str()),
+              "01020304"  // seconds
+              "0ee6b2fb"  // 250000123 ns = 0x0ee6b2fb
+              "00000014"  // captured length 20
+              "00000014"  // storage length 20
+              "00000000030002010500030009000000deadbeef");
+    // Without a nanosecond value: the microseconds times 1000.
+    options.tsNsec = -1;
+    b.clear();
+    appendRecord(b, nano, Framing(), options, sampleLogRecord(), 0);
+    EXPECT_EQ(toHex(b.str().substr(4, 4)), "80b2e60e");  // 250000000
+}
+
+TEST(SynthFraming, PcapngBlocks) {
+    GlobalHeaderSettings ng;
+    ng.format = FileFormat::PcapNg;
+    ng.interfaces = 2;
+    ng.tsResolution = 9;
+    ByteBuffer b;
+    appendFileHeader(b, ng, 150);
+    EXPECT_EQ(toHex(b.str()),
+              // section header block: type, length 28, byte-order mark,
+              // version 1.0, section length -1, length again
+              "0a0d0d0a1c0000004d3c2b1a01000000ffffffffffffffff1c000000"
+              // interface 0: type 1, length 32, link type 150, reserved,
+              // snapshot length, if_tsresol 9 (padded), end of options
+              "0100000020000000960000"
+              "00ffff0000"
+              "0900010009000000"
+              "00000000"
+              "20000000"
+              // interface 1: the same
+              "0100000020000000960000"
+              "00ffff0000"
+              "0900010009000000"
+              "00000000"
+              "20000000");
+
+    RecordOptions options = at(1, 2);
+    options.tsNsec = 3;
+    options.interfaceId = 1;
+    b.clear();
+    appendRecord(b, ng, Framing(), options, sampleLogRecord(), 0);
+    // 1 s + 3 ns in nanoseconds = 1000000003 = 0x3b9aca03.
+    EXPECT_EQ(toHex(b.str()),
+              "06000000"  // enhanced packet block
+              "34000000"  // length 52: 28 + 20 bytes of data + 4
+              "01000000"  // interface 1
+              "00000000"  // time stamp, high word
+              "03ca9a3b"  // low word
+              "14000000"  // captured length 20
+              "14000000"  // original length 20
+              "00000000030002010500030009000000deadbeef"
+              "34000000");
+    // Microsecond resolution (the default: no option) and data padded to 4.
+    ng.tsResolution = 6;
+    ng.interfaces = 1;
+    b.clear();
+    appendFileHeader(b, ng, 1);
+    EXPECT_EQ(toHex(b.str().substr(28)),
+              "01000000140000000100"
+              "0000ffff000014000000");
+    b.clear();
+    appendRecord(b, ng, Framing(), at(1, 2), sampleLogRecord() + "x", 0);
+    EXPECT_EQ(le32(b.str(), 4), 28u + 24u + 4u);
+    EXPECT_EQ(toHex(b.str().substr(12, 8)), "0000000042420f00");  // 1000002 us
+    EXPECT_EQ(toHex(b.str().substr(48, 8)), "7800000038000000");  // "x", padding, length
+}
+
+TEST(SynthFraming, VlanTags) {
+    Framing one = udpFraming(LinkLayer::Ethernet, LinkKind::Ipv4);
+    one.vlans = {100};
+    std::string data = frameOf(one);
+    EXPECT_EQ(toHex(data.substr(12, 6)),
+              "8100"
+              "0064"
+              "0800");  // 802.1Q, VLAN 100, IPv4
+    EXPECT_EQ(byteAt(data, 18), 0x45u);
+    EXPECT_EQ(udpPayloadOffsetOf(one), 46u);
+    EXPECT_EQ(be16(data, 18 + 22), 5000u);  // UDP destination port
+
+    Framing two = udpFraming(LinkLayer::Ethernet, LinkKind::Ipv6);
+    two.vlans = {200, 100};
+    data = frameOf(two);
+    // 802.1ad service tag, VLAN 200; 802.1Q tag, VLAN 100; IPv6.
+    EXPECT_EQ(toHex(data.substr(12, 10)),
+              "88a8"
+              "00c8"
+              "8100"
+              "0064"
+              "86dd");
+    EXPECT_EQ(byteAt(data, 22) >> 4, 6u);
+    EXPECT_EQ(udpPayloadOffsetOf(two), 70u);
+    EXPECT_EQ(linkTypeOf(two), 1u);
+}
+
+TEST(SynthFraming, Ipv4Options) {
+    Framing framing = udpFraming(LinkLayer::Ethernet, LinkKind::Ipv4);
+    framing.ipv4OptionWords = 2;
+    const std::string data = frameOf(framing);
+    EXPECT_EQ(byteAt(data, 14), 0x47u);                        // IHL 7
+    EXPECT_EQ(be16(data, 16), 28u + 8u + 16u + 20u);           // total length
+    EXPECT_EQ(toHex(data.substr(34, 8)), "9404000001010101");  // router alert, no-ops
+    EXPECT_EQ(checksumSum(data, 14, 28), 0xFFFFu);             // checksum over 28 bytes
+    EXPECT_EQ(be16(data, 44), 5000u);                          // UDP at 42
+    EXPECT_EQ(udpPayloadOffsetOf(framing), 50u);
+}
+
+TEST(SynthFraming, LinuxCookedHeaders) {
+    Framing v1 = udpFraming(LinkLayer::LinuxSll, LinkKind::Ipv4);
+    std::string data = frameOf(v1);
+    EXPECT_EQ(toHex(data.substr(0, 16)),
+              "0000"              // packet type: to this host
+              "0001"              // ARPHRD_ETHER
+              "0006"              // address length
+              "0200000000010000"  // source MAC, padded to 8
+              "0800");            // protocol: IPv4
+    EXPECT_EQ(byteAt(data, 16), 0x45u);
+    EXPECT_EQ(linkTypeOf(v1), 113u);
+    EXPECT_EQ(udpPayloadOffsetOf(v1), 44u);
+
+    Framing v2 = udpFraming(LinkLayer::LinuxSll2, LinkKind::Ipv6);
+    v2.vlans = {7};
+    data = frameOf(v2);
+    EXPECT_EQ(toHex(data.substr(0, 24)),
+              "8100"              // protocol: a VLAN tag follows the header
+              "0000"              // reserved
+              "00000001"          // interface index
+              "0001"              // ARPHRD_ETHER
+              "00"                // packet type
+              "06"                // address length
+              "0200000000010000"  // source MAC
+              "0007"
+              "86dd");  // the tag: VLAN 7, then IPv6
+    EXPECT_EQ(linkTypeOf(v2), 276u);
+    EXPECT_EQ(udpPayloadOffsetOf(v2), 20u + 4u + 40u + 8u);
+}
+
+TEST(SynthFraming, RawIpAndLoopback) {
+    const Framing raw = udpFraming(LinkLayer::RawIp, LinkKind::Ipv6);
+    EXPECT_EQ(byteAt(frameOf(raw), 0), 0x60u);
+    EXPECT_EQ(linkTypeOf(raw), 101u);
+    EXPECT_EQ(udpPayloadOffsetOf(raw), 48u);
+    const Framing raw4 = udpFraming(LinkLayer::RawIpOnly, LinkKind::Ipv4);
+    EXPECT_EQ(byteAt(frameOf(raw4), 0), 0x45u);
+    EXPECT_EQ(linkTypeOf(raw4), 228u);
+    EXPECT_EQ(linkTypeOf(udpFraming(LinkLayer::RawIpOnly, LinkKind::Ipv6)), 229u);
+
+    // The address family in the file's byte order: 2 for IPv4, 24 for IPv6.
+    const Framing null4 = udpFraming(LinkLayer::Loopback, LinkKind::Ipv4);
+    EXPECT_EQ(toHex(frameOf(null4).substr(0, 5)), "0200000045");
+    const Framing null6 = udpFraming(LinkLayer::Loopback, LinkKind::Ipv6);
+    EXPECT_EQ(toHex(frameOf(null6, true).substr(0, 5)), "0000001860");
+    Framing family = null6;
+    family.loopbackFamily = 30;
+    EXPECT_EQ(toHex(frameOf(family).substr(0, 4)), "1e000000");
+    EXPECT_EQ(linkTypeOf(null4), 0u);
+    EXPECT_EQ(udpPayloadOffsetOf(null4), 32u);
+}
+
+TEST(SynthFraming, StoredGzipAndItsDamage) {
+    // Two writes: 3 bytes and 2 bytes.
+    const std::string data = "abcde";
+    std::string gz, error;
+    GzipDamage stored;
+    stored.stored = true;
+    ASSERT_TRUE(buildGzip(data, {3, 5}, -1, stored, gz, error)) << error;
+    const std::uint32_t crc = static_cast<std::uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
+    ByteBuffer trailer;
+    trailer.u32(crc).u32(5);
+    EXPECT_EQ(toHex(gz),
+              "1f8b0800000000000003"  // gzip header: deflate, no flags, OS Unix
+              "000300fcff616263"      // stored block: 3 bytes
+              "000200fdff6465"        // stored block: 2 bytes
+              "010000ffff"            // empty final block
+                  + toHex(trailer.str()));
+
+    GzipDamage damage = stored;
+    damage.badCrc = true;
+    damage.badLength = true;
+    damage.corruptAt = 0;
+    ASSERT_TRUE(buildGzip(data, {3, 5}, -1, damage, gz, error)) << error;
+    ByteBuffer bad;
+    bad.u32(~crc).u32(6);
+    EXPECT_EQ(toHex(gz.substr(10, 1)), "ff");
+    EXPECT_EQ(toHex(gz.substr(gz.size() - 8)), toHex(bad.str()));
+
+    damage = stored;
+    damage.cut = 12;
+    ASSERT_TRUE(buildGzip(data, {3, 5}, -1, damage, gz, error)) << error;
+    EXPECT_EQ(gz.size(), 12u);
+    damage.cut = 100;
+    EXPECT_FALSE(buildGzip(data, {3, 5}, -1, damage, gz, error));
+    EXPECT_EQ(error, "cut=100 is past the end of the 38-byte gzip file");
+    damage = stored;
+    damage.corruptAt = 20;
+    EXPECT_FALSE(buildGzip(data, {3, 5}, -1, damage, gz, error));
+    EXPECT_EQ(error, "corrupt-at=20 is past the deflate data (20 bytes)");
+
+    // Deflated (not stored): zlib inflates it back.
+    ASSERT_TRUE(buildGzip(data, {}, 9, GzipDamage(), gz, error)) << error;
+    char back[16] = {};
+    z_stream in = z_stream();
+    ASSERT_EQ(inflateInit2(&in, 31), Z_OK);
+    in.next_in = reinterpret_cast<Bytef*>(&gz[0]);
+    in.avail_in = static_cast<uInt>(gz.size());
+    in.next_out = reinterpret_cast<Bytef*>(back);
+    in.avail_out = sizeof back;
+    EXPECT_EQ(inflate(&in, Z_FINISH), Z_STREAM_END);
+    EXPECT_EQ(std::string(back, in.total_out), data);
+    inflateEnd(&in);
 }
 
 }  // namespace

@@ -275,7 +275,10 @@ TEST_F(SynthScript, SettingErrorsNameTheLine) {
     EXPECT_FALSE(parseScript("frobnicate\n", "s.synth", script, error));
     EXPECT_EQ(error, "s.synth:1: unknown command frobnicate");
     EXPECT_FALSE(parseScript("link ipx\n", "s.synth", script, error));
-    EXPECT_EQ(error, "s.synth:1: unknown framing ipx (150, ipv4 or ipv6)");
+    EXPECT_EQ(error,
+              "s.synth:1: unknown framing ipx (150, ipv4, ipv6, or a link layer and an IP "
+              "version: ethernet|sll|sll2|raw|null ipv4|ipv6, 228, 229; the layers also by link "
+              "type number: 1, 113, 276, 101, 0)");
     EXPECT_FALSE(parseScript("link 150 port=5000\n", "s.synth", script, error));
     EXPECT_EQ(error, "s.synth:1: link 150 takes no options");
     EXPECT_FALSE(parseScript("link ipv4 dst=2001:db8::1\n", "s.synth", script, error));
@@ -480,7 +483,7 @@ TEST_F(SynthScript, EthernetOptions) {
     EXPECT_EQ(byteAt(data, 23), 6u);
     EXPECT_EQ(byteAt(data, 36) * 256 + byteAt(data, 37), 6000u);
     EXPECT_EQ(errorOf("binlog OAM:sys Boot port=1\n"),
-              "s.synth:1: port= needs Ethernet framing (link ipv4 or link ipv6)");
+              "s.synth:1: port= needs a UDP framing (any link but 150)");
 }
 
 TEST_F(SynthScript, RandomFillFollowsTheSeed) {
@@ -623,6 +626,115 @@ TEST_F(SynthScript, RecordErrorsNameTheLine) {
     EXPECT_EQ(error, "s.synth:2: binlog records need a dictionary (--dict DIR)");
     // The records before the bad line are written.
     EXPECT_EQ(splitRecords(capture).size(), 1u);
+}
+
+TEST_F(SynthScript, CaptureFormsAndFramings) {
+    Script script;
+    std::string error;
+    ASSERT_TRUE(
+        parseScript("format pcapng interfaces=2 tsresol=9\nbyteorder big\n"
+                    "link sll2 ipv6 port=7 vlan=10,20\n",
+                    "s.synth", script, error))
+        << error;
+    EXPECT_EQ(script.settings.header.format, FileFormat::PcapNg);
+    EXPECT_EQ(script.settings.header.interfaces, 2u);
+    EXPECT_EQ(script.settings.header.tsResolution, 9);
+    EXPECT_TRUE(script.settings.header.bigEndian);
+    EXPECT_EQ(script.settings.framing.layer, LinkLayer::LinuxSll2);
+    EXPECT_EQ(script.settings.framing.kind, LinkKind::Ipv6);
+    EXPECT_EQ(script.settings.framing.vlans, (std::vector<std::uint16_t>{10, 20}));
+
+    struct Form {
+        const char* line;
+        LinkLayer layer;
+        LinkKind kind;
+        std::uint32_t linkType;
+    };
+    const Form forms[] = {
+        {"link ipv4", LinkLayer::Ethernet, LinkKind::Ipv4, 1},
+        {"link ethernet ipv6", LinkLayer::Ethernet, LinkKind::Ipv6, 1},
+        {"link 113 ipv4", LinkLayer::LinuxSll, LinkKind::Ipv4, 113},
+        {"link sll2 ipv4", LinkLayer::LinuxSll2, LinkKind::Ipv4, 276},
+        {"link raw ipv6", LinkLayer::RawIp, LinkKind::Ipv6, 101},
+        {"link 228", LinkLayer::RawIpOnly, LinkKind::Ipv4, 228},
+        {"link 229 ipv6", LinkLayer::RawIpOnly, LinkKind::Ipv6, 229},
+        {"link null ipv4 family=2", LinkLayer::Loopback, LinkKind::Ipv4, 0},
+        {"link 0 ipv6", LinkLayer::Loopback, LinkKind::Ipv6, 0},
+    };
+    for (const Form& f : forms) {
+        ASSERT_TRUE(parseScript(std::string(f.line) + "\n", "s.synth", script, error))
+            << f.line << ": " << error;
+        EXPECT_EQ(script.settings.framing.layer, f.layer) << f.line;
+        EXPECT_EQ(script.settings.framing.kind, f.kind) << f.line;
+        EXPECT_EQ(linkTypeOf(script.settings.framing), f.linkType) << f.line;
+    }
+    ASSERT_TRUE(parseScript("gzip stored crc=bad length=bad corrupt-at=5 cut=9\n", "s.synth",
+                            script, error))
+        << error;
+    const GzipDamage& d = script.settings.gzipDamage;
+    EXPECT_TRUE(d.stored && d.badCrc && d.badLength);
+    EXPECT_EQ(d.corruptAt, 5);
+    EXPECT_EQ(d.cut, 9);
+
+    const char* const bad[][2] = {
+        {"link sll\n", "s.synth:1: link sll needs an IP version: ipv4 or ipv6"},
+        {"link 228 ipv6\n", "s.synth:1: link 228 is IPv4 only"},
+        {"link raw ipv4 vlan=3\n", "s.synth:1: vlan= needs Ethernet or a Linux cooked header"},
+        {"link ipv4 vlan=4096\n",
+         "s.synth:1: vlan= takes one to eight VLAN IDs (0-4095), outermost first"},
+        {"link ipv6 ipoptions=4\n", "s.synth:1: ipoptions= applies to IPv4"},
+        {"link ipv4 ipoptions=6\n",
+         "s.synth:1: ipoptions= takes a number of option bytes: 4, 8, ... 40"},
+        {"link ipv4 family=2\n", "s.synth:1: family= applies to link null"},
+        {"format pcapng interfaces=0\n",
+         "s.synth:1: format takes pcap, pcap-ns or pcapng [interfaces=N] [tsresol=6|9] "
+         "(interfaces from 1 to 16)"},
+        {"format pcap-us\n",
+         "s.synth:1: format takes pcap, pcap-ns or pcapng [interfaces=N] [tsresol=6|9]"},
+        {"byteorder middle\n", "s.synth:1: byteorder takes little or big"},
+        {"gzip crc=good\n",
+         "s.synth:1: gzip takes: stored, crc=bad, length=bad, corrupt-at=N, cut=N"},
+    };
+    for (const auto& b : bad) {
+        EXPECT_FALSE(parseScript(b[0], "s.synth", script, error)) << b[0];
+        EXPECT_EQ(error, b[1]);
+    }
+}
+
+TEST_F(SynthScript, SectionsAndInterfaces) {
+    std::string capture, error;
+    ASSERT_TRUE(
+        run("format pcapng interfaces=2\n"
+            "binlog OAM:sys Boot count=1\n"
+            "section\n"
+            "binlog OAM:sys Boot count=2 interface=1\n",
+            capture, error))
+        << error;
+    // Section header (28) and two interfaces (20 each), a packet block of
+    // 28 + 20 (the 16-byte header and a 4-byte payload) + 4, then the same
+    // again with the packet on interface 1.
+    ASSERT_EQ(capture.size(), 2 * (28u + 40u + 52u));
+    EXPECT_EQ(le32(capture, 68), 6u);            // enhanced packet block
+    EXPECT_EQ(le32(capture, 68 + 8), 0u);        // interface 0
+    EXPECT_EQ(le32(capture, 120), 0x0A0D0D0Au);  // the second section
+    EXPECT_EQ(le32(capture, 120 + 68 + 8), 1u);  // interface 1
+    EXPECT_EQ(errorOf("section\n"), "s.synth:1: section needs format pcapng");
+    EXPECT_EQ(errorOf("binlog OAM:sys Boot interface=1\n"),
+              "s.synth:1: interface= needs format pcapng");
+    EXPECT_EQ(errorOf("link raw ipv4\nbinlog OAM:sys Boot ethertype=0x0806\n"),
+              "s.synth:2: ethertype= needs Ethernet or a Linux cooked header");
+}
+
+TEST_F(SynthScript, NanosecondTimesFollowTheClock) {
+    std::string capture, error;
+    ASSERT_TRUE(
+        run("format pcap-ns\nstart 1700000000\nstep 100ns\n"
+            "binlog OAM:sys Boot\nbinlog OAM:sys Boot\n",
+            capture, error))
+        << error;
+    EXPECT_EQ(le32(capture, 0), 0xA1B23C4Du);
+    EXPECT_EQ(le32(capture, 24 + 4), 0u);
+    EXPECT_EQ(le32(capture, 24 + 36 + 4), 100u);  // the second record, 100 ns later
 }
 
 }  // namespace

@@ -57,7 +57,12 @@ void printUsage(FILE* to) {
             "      --gzip-level N      compression level 0-9 (default: 1 in random mode,\n"
             "                          zlib's default for scripts)\n"
             "      --force             write to standard output even when it is a terminal\n"
-            "  -l, --link KIND         150 (default), ipv4 or ipv6 (Ethernet, UDP)\n"
+            "  -l, --link KIND         150 (default), ipv4 or ipv6 (Ethernet, UDP); 228 or\n"
+            "                          229 (raw IPv4, IPv6); or LAYER:ipv4|ipv6 with LAYER\n"
+            "                          ethernet, sll, sll2, raw or null\n"
+            "  -F, --format FORMAT     pcap (default), pcap-ns (nanosecond time stamps) or\n"
+            "                          pcapng\n"
+            "      --big-endian        write the file's headers big-endian\n"
             "  -p, --udp-port P        UDP destination port (default 5000); without --link\n"
             "                          it makes the capture Ethernet: ipv4, or ipv6 when the\n"
             "                          script says link ipv6\n"
@@ -152,6 +157,42 @@ bool parseMix(const std::string& text, RandomOptions& options) {
     return true;
 }
 
+/// --link: 150, ipv4, ipv6 (Ethernet), 228, 229, or LAYER:ipv4|ipv6.
+bool parseLinkOption(const std::string& text, Framing& framing) {
+    const std::string word = lower(text);
+    if (word == "150" || word == "ipv4" || word == "ipv6" || word == "228" || word == "229") {
+        framing.kind = word == "150"                     ? LinkKind::Raw150
+                       : word == "ipv4" || word == "228" ? LinkKind::Ipv4
+                                                         : LinkKind::Ipv6;
+        framing.layer = word == "228" || word == "229" ? LinkLayer::RawIpOnly : LinkLayer::Ethernet;
+        return true;
+    }
+    const std::size_t colon = word.find(':');
+    if (colon == std::string::npos) {
+        return false;
+    }
+    const std::string layer = word.substr(0, colon);
+    const std::string ip = word.substr(colon + 1);
+    if (ip != "ipv4" && ip != "ipv6") {
+        return false;
+    }
+    framing.kind = ip == "ipv4" ? LinkKind::Ipv4 : LinkKind::Ipv6;
+    if (layer == "ethernet" || layer == "1") {
+        framing.layer = LinkLayer::Ethernet;
+    } else if (layer == "sll" || layer == "113") {
+        framing.layer = LinkLayer::LinuxSll;
+    } else if (layer == "sll2" || layer == "276") {
+        framing.layer = LinkLayer::LinuxSll2;
+    } else if (layer == "raw" || layer == "101") {
+        framing.layer = LinkLayer::RawIp;
+    } else if (layer == "null" || layer == "0") {
+        framing.layer = LinkLayer::Loopback;
+    } else {
+        return false;
+    }
+    return true;
+}
+
 enum OptionId {
     kOptPlain = 256,
     kOptGzipLevel,
@@ -166,6 +207,7 @@ enum OptionId {
     kOptOldMaxVarBytes,
     kOptScript,
     kOptForce,
+    kOptBigEndian,
 };
 
 /// The temporary file being written, removed by the handler of a signal
@@ -239,6 +281,8 @@ int main(int argc, char** argv) {
         {"max-var-length", required_argument, nullptr, kOptMaxVarLength},
         {"max-var-bytes", required_argument, nullptr, kOptOldMaxVarBytes},
         {"force", no_argument, nullptr, kOptForce},
+        {"format", required_argument, nullptr, 'F'},
+        {"big-endian", no_argument, nullptr, kOptBigEndian},
         {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
@@ -250,7 +294,9 @@ int main(int argc, char** argv) {
     int gzipChoice = -1;  // -1: not given, 0: plain, 1: gzip
     int gzipLevel = -1;
     bool linkGiven = false, portGiven = false;
-    LinkKind link = LinkKind::Raw150;
+    Framing link;
+    int formatChoice = -1;  // a FileFormat when given
+    bool bigEndian = false;
     std::uint16_t port = 5000;
     std::uint32_t startSec = kDefaultStartSec, startUsec = 0;
     RandomOptions random;
@@ -258,7 +304,7 @@ int main(int argc, char** argv) {
 
     opterr = 0;
     int c = 0;
-    while ((c = getopt_long(argc, argv, ":d:o:n:zl:p:vhV", kOptions, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, ":d:o:n:zl:p:F:vhV", kOptions, nullptr)) != -1) {
         std::uint64_t n = 0;
         const std::string arg = optarg != nullptr ? optarg : "";
         switch (c) {
@@ -294,20 +340,30 @@ int main(int argc, char** argv) {
                 }
                 gzipLevel = static_cast<int>(n);
                 break;
-            case 'l': {
-                const std::string kind = lower(arg);
-                if (kind == "150") {
-                    link = LinkKind::Raw150;
-                } else if (kind == "ipv4") {
-                    link = LinkKind::Ipv4;
-                } else if (kind == "ipv6") {
-                    link = LinkKind::Ipv6;
-                } else {
-                    return usageError("--link takes 150, ipv4 or ipv6, not '%s'", arg.c_str());
+            case 'l':
+                if (!parseLinkOption(arg, link)) {
+                    return usageError(
+                        "--link takes 150, ipv4, ipv6, 228, 229 or LAYER:ipv4|ipv6 (LAYER "
+                        "ethernet, sll, sll2, raw or null), not '%s'",
+                        arg.c_str());
                 }
                 linkGiven = true;
                 break;
-            }
+            case 'F':
+                if (arg == "pcap") {
+                    formatChoice = static_cast<int>(FileFormat::Pcap);
+                } else if (arg == "pcap-ns") {
+                    formatChoice = static_cast<int>(FileFormat::PcapNano);
+                } else if (arg == "pcapng") {
+                    formatChoice = static_cast<int>(FileFormat::PcapNg);
+                } else {
+                    return usageError("--format takes pcap, pcap-ns or pcapng, not '%s'",
+                                      arg.c_str());
+                }
+                break;
+            case kOptBigEndian:
+                bigEndian = true;
+                break;
             case 'p':
                 if (!parseUnsigned(arg, 0xFFFF, n)) {
                     return usageError("--udp-port needs a port number (0-65535), not '%s'",
@@ -411,7 +467,7 @@ int main(int argc, char** argv) {
     if (scripted && randomOnly != nullptr) {
         return usageError("%s applies to random mode only", randomOnly);
     }
-    if (portGiven && linkGiven && link == LinkKind::Raw150) {
+    if (portGiven && linkGiven && link.kind == LinkKind::Raw150) {
         return usageError("--udp-port needs Ethernet framing (--link ipv4 or ipv6)");
     }
     if (outPath == "-" && !force && isatty(STDOUT_FILENO)) {
@@ -446,7 +502,8 @@ int main(int argc, char** argv) {
     // be link type 150 an IPv4 one.
     Framing framing = script.settings.framing;
     if (linkGiven) {
-        framing.kind = link;
+        framing.kind = link.kind;
+        framing.layer = link.layer;
     } else if (portGiven && framing.kind == LinkKind::Raw150) {
         framing.kind = LinkKind::Ipv4;
     }
@@ -459,6 +516,26 @@ int main(int argc, char** argv) {
     }
     if (gzipChoice >= 0) {
         gzip = gzipChoice == 1;
+    }
+
+    GlobalHeaderSettings fileSettings = script.settings.header;
+    if (formatChoice >= 0) {
+        fileSettings.format = static_cast<FileFormat>(formatChoice);
+    }
+    if (bigEndian) {
+        fileSettings.bigEndian = true;
+    }
+    // A gzip file damaged on purpose is compressed in memory, damaged, and
+    // then written as it is.
+    const GzipDamage& damage = script.settings.gzipDamage;
+    if (damage.any() && !gzip) {
+        message("%s: the script's gzip damage needs a gzip file (it says gzip; --plain was given)",
+                scriptPath.c_str());
+        return kExitFailure;
+    }
+    const bool damaged = damage.any();
+    if (damaged) {
+        gzip = false;
     }
 
     if (!scripted && gzipLevel < 0) {
@@ -488,7 +565,11 @@ int main(int argc, char** argv) {
         message("%s", error.c_str());
         return kExitFailure;
     }
-    CaptureWriter writer(sink, framing, script.settings.header);
+    OutputSink memory;
+    if (damaged) {
+        memory.openMemory();
+    }
+    CaptureWriter writer(damaged ? memory : sink, framing, fileSettings);
     bool ok = true;
     RandomSummary summary;
     if (scripted) {
@@ -501,6 +582,12 @@ int main(int argc, char** argv) {
         ok = writeRandomCapture(dictionary, random, writer, error, &summary);
     }
     ok = ok && writer.finish();
+    if (ok && damaged) {
+        std::string ignored, compressed;
+        ok = memory.close(ignored) &&
+             buildGzip(memory.memory(), memory.writeEnds(), gzipLevel, damage, compressed, error) &&
+             sink.write(compressed);
+    }
     if (!ok) {
         // Nothing of a failed run is kept: an existing file stays as it was.
         const std::string why = !sink.failure().empty() ? sink.failure() : error;

@@ -14,7 +14,25 @@ namespace {
 
 constexpr std::size_t kFlushThreshold = 256 * 1024;
 constexpr std::size_t kIpv4HeaderLength = 20;
+constexpr std::size_t kIpv6HeaderLength = 40;
 constexpr std::size_t kUdpHeaderLength = 8;
+constexpr std::size_t kEthernetHeaderLength = 14;
+constexpr std::size_t kVlanTagLength = 4;
+constexpr std::size_t kLinuxSllLength = 16;
+constexpr std::size_t kLinuxSll2Length = 20;
+constexpr std::size_t kLoopbackLength = 4;
+constexpr std::size_t kSenderHeaderLength = 16;
+
+// pcapng block types and the byte-order mark.
+constexpr std::uint32_t kBlockSectionHeader = 0x0A0D0D0A;
+constexpr std::uint32_t kBlockInterface = 1;
+constexpr std::uint32_t kBlockEnhancedPacket = 6;
+constexpr std::uint32_t kByteOrderMark = 0x1A2B3C4D;
+constexpr std::uint16_t kOptionEnd = 0;
+constexpr std::uint16_t kOptionTsResolution = 9;
+// An enhanced packet block before its packet data: type, length, interface,
+// time stamp (two words), captured and original length.
+constexpr std::size_t kEnhancedPacketFixed = 28;
 
 /// One's-complement sum of 16-bit big-endian words (an odd last byte is
 /// padded with zero), folded to 16 bits.
@@ -53,10 +71,77 @@ std::uint32_t lengthOr(std::int64_t given, std::size_t computed) {
     return given >= 0 ? static_cast<std::uint32_t>(given) : static_cast<std::uint32_t>(computed);
 }
 
+/// Appends 16- and 32-bit fields in a file's byte order.
+struct Ordered {
+    ByteBuffer& out;
+    bool big;
+    Ordered& u16(std::uint16_t v) {
+        big ? out.be16(v) : out.u16(v);
+        return *this;
+    }
+    Ordered& u32(std::uint32_t v) {
+        big ? out.be32(v) : out.u32(v);
+        return *this;
+    }
+};
+
+bool isUdp(const Framing& framing) {
+    return framing.kind != LinkKind::Raw150;
+}
+
+std::size_t linkHeaderLength(const Framing& framing) {
+    const std::size_t tags = framing.vlans.size() * kVlanTagLength;
+    switch (framing.layer) {
+        case LinkLayer::Ethernet:
+            return kEthernetHeaderLength + tags;
+        case LinkLayer::LinuxSll:
+            return kLinuxSllLength + tags;
+        case LinkLayer::LinuxSll2:
+            return kLinuxSll2Length + tags;
+        case LinkLayer::Loopback:
+            return kLoopbackLength;
+        case LinkLayer::RawIp:
+        case LinkLayer::RawIpOnly:
+            break;
+    }
+    return 0;
+}
+
+/// The VLAN tags and the EtherType that follow them.
+void appendTagsAndType(ByteBuffer& out, const Framing& framing, std::uint16_t etherType) {
+    for (std::size_t i = 0; i < framing.vlans.size(); ++i) {
+        const bool inner = i + 1 == framing.vlans.size();
+        out.be16(inner ? kEtherTypeVlan : kEtherTypeQinQ);
+        out.be16(static_cast<std::uint16_t>(framing.vlans[i] & 0x0FFF));  // priority 0, ID
+    }
+    out.be16(etherType);
+}
+
 }  // namespace
 
 std::uint32_t linkTypeOf(LinkKind kind) {
     return kind == LinkKind::Raw150 ? kLinkTypeBinLog : kLinkTypeEthernet;
+}
+
+std::uint32_t linkTypeOf(const Framing& framing) {
+    if (!isUdp(framing)) {
+        return kLinkTypeBinLog;
+    }
+    switch (framing.layer) {
+        case LinkLayer::Ethernet:
+            return kLinkTypeEthernet;
+        case LinkLayer::LinuxSll:
+            return kLinkTypeLinuxSll;
+        case LinkLayer::LinuxSll2:
+            return kLinkTypeLinuxSll2;
+        case LinkLayer::RawIp:
+            return kLinkTypeRaw;
+        case LinkLayer::RawIpOnly:
+            return framing.kind == LinkKind::Ipv6 ? kLinkTypeIpv6 : kLinkTypeIpv4;
+        case LinkLayer::Loopback:
+            return kLinkTypeNull;
+    }
+    return kLinkTypeEthernet;
 }
 
 std::size_t udpPayloadOffsetOf(LinkKind kind) {
@@ -71,11 +156,21 @@ std::size_t udpPayloadOffsetOf(LinkKind kind) {
     return 0;
 }
 
-void appendPcapRecHeader(ByteBuffer& out, const Tav::PcapRecHeader& header) {
+std::size_t udpPayloadOffsetOf(const Framing& framing) {
+    if (!isUdp(framing)) {
+        return 0;
+    }
+    const std::size_t ip = framing.kind == LinkKind::Ipv6
+                               ? kIpv6HeaderLength
+                               : kIpv4HeaderLength + 4U * framing.ipv4OptionWords;
+    return linkHeaderLength(framing) + ip + kUdpHeaderLength;
+}
+
+void appendPcapRecHeader(ByteBuffer& out, const PcapRecordHeader& header) {
     out.u32(header.tsSec).u32(header.tsUsec).u32(header.capturedLength).u32(header.storageLength);
 }
 
-void appendBinLogHeader(ByteBuffer& out, const Tav::BinLogHeader& header) {
+void appendBinLogHeader(ByteBuffer& out, const LogHeader& header) {
     out.u32(header.packetType)
         .u32(header.logId)
         .u16(header.logLevel)
@@ -84,7 +179,9 @@ void appendBinLogHeader(ByteBuffer& out, const Tav::BinLogHeader& header) {
 }
 
 void appendGlobalHeader(ByteBuffer& out, std::uint32_t linkType, std::uint32_t snapLength) {
-    out.u32(0xA1B2C3D4U).u16(2).u16(4).u32(0).u32(0).u32(snapLength).u32(linkType);
+    GlobalHeaderSettings settings;
+    settings.snapLength = snapLength;
+    appendFileHeader(out, settings, linkType);
 }
 
 namespace {
@@ -93,7 +190,7 @@ namespace {
 /// and the log record), written straight into `out`.
 void appendFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
                  const char* part1, std::size_t size1, const char* part2, std::size_t size2,
-                 std::uint16_t ipId) {
+                 std::uint16_t ipId, bool bigEndianFile) {
     const bool v6 = framing.kind == LinkKind::Ipv6;
     const std::uint16_t etherType = options.etherType >= 0
                                         ? static_cast<std::uint16_t>(options.etherType)
@@ -104,17 +201,53 @@ void appendFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& o
         options.dstPort >= 0 ? static_cast<std::uint16_t>(options.dstPort) : framing.dstPort;
     const std::size_t udpLength = kUdpHeaderLength + size1 + size2;
 
-    out.bytes(framing.macDst.data(), framing.macDst.size());
-    out.bytes(framing.macSrc.data(), framing.macSrc.size());
-    out.be16(etherType);
+    switch (framing.layer) {
+        case LinkLayer::Ethernet:
+            out.bytes(framing.macDst.data(), framing.macDst.size());
+            out.bytes(framing.macSrc.data(), framing.macSrc.size());
+            appendTagsAndType(out, framing, etherType);
+            break;
+        case LinkLayer::LinuxSll:
+            out.be16(0)    // packet type: sent to this host
+                .be16(1)   // ARPHRD_ETHER
+                .be16(6);  // link-layer address length
+            out.bytes(framing.macSrc.data(), framing.macSrc.size()).zeros(2);
+            appendTagsAndType(out, framing, etherType);
+            break;
+        case LinkLayer::LinuxSll2: {
+            // The protocol comes first; with tags it is the first tag's TPID.
+            ByteBuffer tags;
+            appendTagsAndType(tags, framing, etherType);
+            out.bytes(tags.str().data(), 2)
+                .be16(0)  // reserved
+                .be32(1)  // interface index
+                .be16(1)  // ARPHRD_ETHER
+                .u8(0)    // packet type: sent to this host
+                .u8(6);   // link-layer address length
+            out.bytes(framing.macSrc.data(), framing.macSrc.size()).zeros(2);
+            out.bytes(tags.str().substr(2));
+            break;
+        }
+        case LinkLayer::Loopback: {
+            const std::uint32_t family = framing.loopbackFamily >= 0
+                                             ? static_cast<std::uint32_t>(framing.loopbackFamily)
+                                             : (v6 ? 24U : 2U);
+            bigEndianFile ? out.be32(family) : out.u32(family);
+            break;
+        }
+        case LinkLayer::RawIp:
+        case LinkLayer::RawIpOnly:
+            break;
+    }
 
     std::string& s = out.str();
     const std::size_t ipStart = s.size();
     std::uint32_t pseudo = 0;
     if (!v6) {
-        out.u8(0x45)  // version 4, header length 5 words
-            .u8(0)    // type of service
-            .be16(static_cast<std::uint16_t>(kIpv4HeaderLength + udpLength))
+        const std::size_t headerLength = kIpv4HeaderLength + 4U * framing.ipv4OptionWords;
+        out.u8(static_cast<std::uint8_t>(0x40 | (headerLength / 4)))  // version 4, IHL
+            .u8(0)                                                    // type of service
+            .be16(static_cast<std::uint16_t>(headerLength + udpLength))
             .be16(ipId)
             .be16(0x4000)  // don't fragment
             .u8(64)        // time to live
@@ -122,7 +255,14 @@ void appendFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& o
             .be16(0);  // header checksum, filled in below
         out.bytes(framing.ipv4Src.data(), 4);
         out.bytes(framing.ipv4Dst.data(), 4);
-        putBe16(s, ipStart + 10, finishChecksum(sumWords(bytesOf(s, ipStart), kIpv4HeaderLength)));
+        for (unsigned word = 0; word < framing.ipv4OptionWords; ++word) {
+            if (word == 0) {
+                out.u8(0x94).u8(4).u8(0).u8(0);  // router alert
+            } else {
+                out.fill(4, 0x01);  // no-operation
+            }
+        }
+        putBe16(s, ipStart + 10, finishChecksum(sumWords(bytesOf(s, ipStart), headerLength)));
         pseudo = sumWords(framing.ipv4Src.data(), 4);
         pseudo = sumWords(framing.ipv4Dst.data(), 4, pseudo);
         pseudo += protocol;
@@ -152,69 +292,147 @@ void appendFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& o
     putBe16(s, udpStart + 6, checksum);
 }
 
-}  // namespace
-
-void appendEthernetFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
-                         const std::string& udpPayload, std::uint16_t ipId) {
-    appendFrame(out, framing, options, udpPayload.data(), udpPayload.size(), nullptr, 0, ipId);
-}
-
-namespace {
-
-/// The file's record header and the whole record data, before any header cut.
-void appendWholeRecord(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
-                       const std::string& logRecord, std::uint16_t ipId) {
-    Tav::PcapRecHeader fileHeader;
-    fileHeader.tsSec = options.separateFileTime ? options.fileTsSec : options.tsSec;
-    fileHeader.tsUsec = options.separateFileTime ? options.fileTsUsec : options.tsUsec;
-
-    if (framing.kind == LinkKind::Raw150) {
-        fileHeader.capturedLength = lengthOr(options.capturedLength, logRecord.size());
-        fileHeader.storageLength = lengthOr(options.storageLength, logRecord.size());
-        appendPcapRecHeader(out, fileHeader);
-        const std::size_t n =
-            options.cut >= 0 && static_cast<std::uint64_t>(options.cut) < logRecord.size()
-                ? static_cast<std::size_t>(options.cut)
-                : logRecord.size();
-        out.bytes(logRecord.data(), n);
+/// The record data: the log record itself (link type 150), or the frame of
+/// a UDP framing around the sender's header and the log record.
+void appendRecordData(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
+                      const std::string& logRecord, std::uint16_t ipId, bool bigEndianFile) {
+    if (!isUdp(framing)) {
+        out.bytes(logRecord);
         return;
     }
-
-    Tav::PcapRecHeader sender;
+    PcapRecordHeader sender;
     sender.tsSec = options.tsSec;
     sender.tsUsec = options.tsUsec;
     sender.capturedLength = lengthOr(options.senderCapturedLength, logRecord.size());
     sender.storageLength = lengthOr(options.senderStorageLength, logRecord.size());
     ByteBuffer senderBytes;
-    appendPcapRecHeader(senderBytes, sender);
-
-    // The file's record header goes in front of the frame once the frame's
-    // size is known.
-    const std::size_t headerAt = out.size();
-    out.zeros(16);
-    const std::size_t frameAt = out.size();
+    appendPcapRecHeader(senderBytes, sender);  // the sender's own: always little-endian
     appendFrame(out, framing, options, senderBytes.str().data(), senderBytes.size(),
-                logRecord.data(), logRecord.size(), ipId);
-    const std::size_t frameSize = out.size() - frameAt;
-    fileHeader.capturedLength = lengthOr(options.capturedLength, frameSize);
-    fileHeader.storageLength = lengthOr(options.storageLength, frameSize);
-    ByteBuffer headerBytes;
-    appendPcapRecHeader(headerBytes, fileHeader);
-    out.str().replace(headerAt, 16, headerBytes.str());
-    if (options.cut >= 0 && static_cast<std::uint64_t>(options.cut) < frameSize) {
-        out.str().resize(frameAt + static_cast<std::size_t>(options.cut));
+                logRecord.data(), logRecord.size(), ipId, bigEndianFile);
+}
+
+/// The record's time in the file: seconds and the fraction in the file's
+/// unit.
+void fileTime(const Framing& framing, const RecordOptions& options, bool nano, std::uint32_t& sec,
+              std::uint64_t& fraction) {
+    const bool own = options.separateFileTime && isUdp(framing);
+    sec = own ? options.fileTsSec : options.tsSec;
+    const std::uint32_t usec = own ? options.fileTsUsec : options.tsUsec;
+    if (!nano) {
+        fraction = usec;
+    } else if (!own && options.tsNsec >= 0) {
+        fraction = static_cast<std::uint64_t>(options.tsNsec);
+    } else {
+        fraction = static_cast<std::uint64_t>(usec) * 1000U;
+    }
+}
+
+void appendPcapRecord(ByteBuffer& out, const GlobalHeaderSettings& settings, const Framing& framing,
+                      const RecordOptions& options, const std::string& logRecord,
+                      std::uint16_t ipId) {
+    const std::size_t recordAt = out.size();
+    ByteBuffer data;
+    appendRecordData(data, framing, options, logRecord, ipId, settings.bigEndian);
+    std::uint32_t sec = 0;
+    std::uint64_t fraction = 0;
+    fileTime(framing, options, settings.format == FileFormat::PcapNano, sec, fraction);
+    Ordered o{out, settings.bigEndian};
+    o.u32(sec)
+        .u32(static_cast<std::uint32_t>(fraction))
+        .u32(lengthOr(options.capturedLength, data.size()))
+        .u32(lengthOr(options.storageLength, data.size()));
+    const std::size_t n = options.cut >= 0 && static_cast<std::uint64_t>(options.cut) < data.size()
+                              ? static_cast<std::size_t>(options.cut)
+                              : data.size();
+    out.bytes(data.str().data(), n);
+    if (options.headerCut >= 0 && options.headerCut < 16) {
+        out.str().resize(recordAt + static_cast<std::size_t>(options.headerCut));
+    }
+}
+
+void appendEnhancedPacket(ByteBuffer& out, const GlobalHeaderSettings& settings,
+                          const Framing& framing, const RecordOptions& options,
+                          const std::string& logRecord, std::uint16_t ipId) {
+    const std::size_t blockAt = out.size();
+    ByteBuffer data;
+    appendRecordData(data, framing, options, logRecord, ipId, settings.bigEndian);
+    std::uint32_t sec = 0;
+    std::uint64_t fraction = 0;
+    const bool nano = settings.tsResolution == 9;
+    fileTime(framing, options, nano, sec, fraction);
+    const std::uint64_t stamp =
+        static_cast<std::uint64_t>(sec) * (nano ? 1000000000U : 1000000U) + fraction;
+    const std::size_t padded = (data.size() + 3) / 4 * 4;
+    const auto total = static_cast<std::uint32_t>(kEnhancedPacketFixed + padded + 4);
+    Ordered o{out, settings.bigEndian};
+    o.u32(kBlockEnhancedPacket)
+        .u32(total)
+        .u32(options.interfaceId)
+        .u32(static_cast<std::uint32_t>(stamp >> 32))
+        .u32(static_cast<std::uint32_t>(stamp))
+        .u32(lengthOr(options.storageLength, data.size()))    // captured length
+        .u32(lengthOr(options.capturedLength, data.size()));  // original length
+    out.bytes(data.str()).zeros(padded - data.size());
+    o.u32(total);
+    if (options.cut >= 0 && static_cast<std::uint64_t>(options.cut) < data.size()) {
+        out.str().resize(blockAt + kEnhancedPacketFixed + static_cast<std::size_t>(options.cut));
+    }
+    if (options.headerCut >= 0 && options.headerCut < 16) {
+        out.str().resize(blockAt + static_cast<std::size_t>(options.headerCut));
     }
 }
 
 }  // namespace
 
+void appendFileHeader(ByteBuffer& out, const GlobalHeaderSettings& settings,
+                      std::uint32_t linkType) {
+    Ordered o{out, settings.bigEndian};
+    if (settings.format != FileFormat::PcapNg) {
+        o.u32(settings.format == FileFormat::PcapNano ? 0xA1B23C4DU : 0xA1B2C3D4U)
+            .u16(2)  // version 2.4
+            .u16(4)
+            .u32(0)  // time zone
+            .u32(0)  // time stamp accuracy
+            .u32(settings.snapLength)
+            .u32(linkType);
+        return;
+    }
+    // Section header block: no options, section length unknown (-1).
+    o.u32(kBlockSectionHeader).u32(28).u32(kByteOrderMark).u16(1).u16(0);
+    o.u32(0xFFFFFFFFU).u32(0xFFFFFFFFU).u32(28);
+    for (std::uint32_t i = 0; i < settings.interfaces; ++i) {
+        // Interface description block; if_tsresol when it is not the default.
+        const bool resolution = settings.tsResolution != 6;
+        const std::uint32_t total = 20 + (resolution ? 12 : 0);
+        o.u32(kBlockInterface).u32(total).u16(static_cast<std::uint16_t>(linkType)).u16(0);
+        o.u32(settings.snapLength);
+        if (resolution) {
+            o.u16(kOptionTsResolution).u16(1);
+            out.u8(settings.tsResolution).zeros(3);
+            o.u16(kOptionEnd).u16(0);
+        }
+        o.u32(total);
+    }
+}
+
+void appendRecord(ByteBuffer& out, const GlobalHeaderSettings& settings, const Framing& framing,
+                  const RecordOptions& options, const std::string& logRecord, std::uint16_t ipId) {
+    if (settings.format == FileFormat::PcapNg) {
+        appendEnhancedPacket(out, settings, framing, options, logRecord, ipId);
+    } else {
+        appendPcapRecord(out, settings, framing, options, logRecord, ipId);
+    }
+}
+
+void appendEthernetFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
+                         const std::string& udpPayload, std::uint16_t ipId, bool bigEndianFile) {
+    appendFrame(out, framing, options, udpPayload.data(), udpPayload.size(), nullptr, 0, ipId,
+                bigEndianFile);
+}
+
 void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
                         const std::string& logRecord, std::uint16_t ipId) {
-    const std::size_t recordAt = out.size();
-    appendWholeRecord(out, framing, options, logRecord, ipId);
-    if (options.headerCut >= 0 && options.headerCut < 16) {
-        out.str().resize(recordAt + static_cast<std::size_t>(options.headerCut));
-    }
+    appendPcapRecord(out, GlobalHeaderSettings(), framing, options, logRecord, ipId);
 }
 
 // ---- OutputSink ----------------------------------------------------------
@@ -335,6 +553,7 @@ bool OutputSink::open(const std::string& path, bool gzip, std::string& error, in
 void OutputSink::openMemory() {
     mode_ = Mode::Memory;
     memory_.clear();
+    writeEnds_.clear();
     buffer_.clear();
     failed_ = false;
     failure_.clear();
@@ -388,6 +607,9 @@ bool OutputSink::write(const void* data, std::size_t n) {
         return false;
     }
     buffer_.append(static_cast<const char*>(data), n);
+    if (mode_ == Mode::Memory) {
+        writeEnds_.push_back(memory_.size() + buffer_.size());
+    }
     if (buffer_.size() >= kFlushThreshold) {
         return flush();
     }
@@ -475,6 +697,130 @@ void OutputSink::abandon() {
     removeTemporary();
 }
 
+// ---- Damaged gzip files --------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kGzipHeaderLength = 10;
+constexpr std::size_t kStoredBlockMost = 65535;
+
+/// Owns a deflate stream.
+class Deflater {
+  public:
+    explicit Deflater(int level) {
+        // 15 + 16: a gzip wrapper around the deflate data.
+        live_ = deflateInit2(&stream_, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+    }
+    ~Deflater() {
+        if (live_) {
+            deflateEnd(&stream_);
+        }
+    }
+    Deflater(const Deflater&) = delete;
+    Deflater& operator=(const Deflater&) = delete;
+
+    bool run(const std::string& data, std::string& out) {
+        if (!live_) {
+            return false;
+        }
+        out.resize(deflateBound(&stream_, static_cast<uLong>(data.size())) + 64);
+        stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+        stream_.avail_in = static_cast<uInt>(data.size());
+        stream_.next_out = reinterpret_cast<Bytef*>(&out[0]);
+        stream_.avail_out = static_cast<uInt>(out.size());
+        if (deflate(&stream_, Z_FINISH) != Z_STREAM_END) {
+            return false;
+        }
+        out.resize(stream_.total_out);
+        return true;
+    }
+
+  private:
+    z_stream stream_ = z_stream();
+    bool live_ = false;
+};
+
+void appendStoredBlock(std::string& out, const char* data, std::size_t n, bool last) {
+    ByteBuffer block;
+    block
+        .u8(last ? 1 : 0)  // BFINAL, BTYPE 00 (stored), the rest of the byte unused
+        .u16(static_cast<std::uint16_t>(n))
+        .u16(static_cast<std::uint16_t>(~n & 0xFFFF));
+    out += block.str();
+    out.append(data, n);
+}
+
+}  // namespace
+
+bool buildGzip(const std::string& data, const std::vector<std::size_t>& writeEnds, int level,
+               const GzipDamage& damage, std::string& out, std::string& error) {
+    out.clear();
+    if (data.size() > 0xFFFFFFFFULL) {
+        error = "a damaged gzip capture is limited to 4 GiB";
+        return false;
+    }
+    if (!damage.stored) {
+        Deflater deflater(level < 0 ? Z_DEFAULT_COMPRESSION : level);
+        if (!deflater.run(data, out)) {
+            error = "compression failed";
+            return false;
+        }
+    } else {
+        // ID1 ID2, deflate, no flags, no time, no extra flags, OS Unix.
+        out.assign("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", kGzipHeaderLength);
+        std::size_t start = 0;
+        std::vector<std::size_t> ends = writeEnds;
+        if (ends.empty() || ends.back() != data.size()) {
+            ends.push_back(data.size());
+        }
+        for (const std::size_t end : ends) {
+            for (; start < end;) {
+                const std::size_t n =
+                    end - start < kStoredBlockMost ? end - start : kStoredBlockMost;
+                appendStoredBlock(out, data.data() + start, n, false);
+                start += n;
+            }
+        }
+        appendStoredBlock(out, nullptr, 0, true);
+        ByteBuffer trailer;
+        trailer
+            .u32(static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(data.data()),
+                                                  static_cast<uInt>(data.size()))))
+            .u32(static_cast<std::uint32_t>(data.size()));
+        out += trailer.str();
+    }
+    const std::size_t trailerAt = out.size() - 8;
+    if (damage.badCrc) {
+        for (std::size_t i = 0; i < 4; ++i) {
+            out[trailerAt + i] = static_cast<char>(~out[trailerAt + i]);
+        }
+    }
+    if (damage.badLength) {
+        ByteBuffer length;
+        length.u32(static_cast<std::uint32_t>(data.size() + 1));
+        out.replace(trailerAt + 4, 4, length.str());
+    }
+    if (damage.corruptAt >= 0) {
+        const std::size_t at = kGzipHeaderLength + static_cast<std::size_t>(damage.corruptAt);
+        if (at >= trailerAt) {
+            error = "corrupt-at=" + std::to_string(damage.corruptAt) +
+                    " is past the deflate data (" + std::to_string(trailerAt - kGzipHeaderLength) +
+                    " bytes)";
+            return false;
+        }
+        out[at] = static_cast<char>(~out[at]);
+    }
+    if (damage.cut >= 0) {
+        if (static_cast<std::uint64_t>(damage.cut) > out.size()) {
+            error = "cut=" + std::to_string(damage.cut) + " is past the end of the " +
+                    std::to_string(out.size()) + "-byte gzip file";
+            return false;
+        }
+        out.resize(static_cast<std::size_t>(damage.cut));
+    }
+    return true;
+}
+
 // ---- CaptureWriter -------------------------------------------------------
 
 bool CaptureWriter::ensureGlobalHeader() {
@@ -486,10 +832,9 @@ bool CaptureWriter::ensureGlobalHeader() {
         return true;
     }
     ByteBuffer header;
-    const std::uint32_t linkType = header_.linkType >= 0
-                                       ? static_cast<std::uint32_t>(header_.linkType)
-                                       : linkTypeOf(framing_.kind);
-    appendGlobalHeader(header, linkType, header_.snapLength);
+    const std::uint32_t linkType =
+        header_.linkType >= 0 ? static_cast<std::uint32_t>(header_.linkType) : linkTypeOf(framing_);
+    appendFileHeader(header, header_, linkType);
     std::size_t n = header.size();
     if (header_.mode == GlobalHeaderSettings::Mode::Short && header_.shortLength < n) {
         n = header_.shortLength;
@@ -502,13 +847,24 @@ bool CaptureWriter::writeLogRecord(const RecordOptions& options, const std::stri
         return false;
     }
     scratch_.clear();
-    appendFramedRecord(scratch_, framing_, options, logRecord, ipId_++);
+    appendRecord(scratch_, header_, framing_, options, logRecord, ipId_++);
     ++records_;
     return sink_.write(scratch_.str());
 }
 
 bool CaptureWriter::writeRaw(const std::string& bytes) {
     return ensureGlobalHeader() && sink_.write(bytes);
+}
+
+bool CaptureWriter::startSection() {
+    if (header_.format != FileFormat::PcapNg || !ensureGlobalHeader()) {
+        return false;
+    }
+    ByteBuffer header;
+    const std::uint32_t linkType =
+        header_.linkType >= 0 ? static_cast<std::uint32_t>(header_.linkType) : linkTypeOf(framing_);
+    appendFileHeader(header, header_, linkType);
+    return sink_.write(header.str());
 }
 
 bool CaptureWriter::finish() {

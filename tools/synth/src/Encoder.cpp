@@ -29,17 +29,17 @@ std::vector<std::string> splitCommas(const std::string& text) {
 }
 
 /// The value an enumeration names `text`.
-bool lookupEnumName(const Field& field, const std::string& text,
-                    const Tav::BinaryLogDisplayFormatter* formatter, std::uint64_t& bits) {
-    if (formatter == nullptr || field.enumValues.empty()) {
+bool lookupEnumName(const Field& field, const std::string& text, const Displays* displays,
+                    std::uint64_t& bits) {
+    if (displays == nullptr || field.enumValues.empty()) {
         return false;
     }
-    const auto table = formatter->displayFormats.find(field.displayFormat);
-    if (table == formatter->displayFormats.end()) {
+    const auto table = displays->enums.find(field.displayFormat);
+    if (table == displays->enums.end()) {
         return false;
     }
     const std::vector<std::uint64_t> usable =
-        enumValuesFor(formatter, field.displayFormat, field.kind);
+        enumValuesFor(displays, field.displayFormat, field.kind);
     for (const auto& entry : table->second) {
         if (entry.second != text) {
             continue;
@@ -63,10 +63,10 @@ std::uint64_t randomInteger(const Field& field, SplitMix64& rng,
     if (!field.enumValues.empty() && rng.chance(options.enumHitPercent, 100)) {
         return field.enumValues[rng.below(static_cast<std::uint32_t>(field.enumValues.size()))];
     }
-    if (field.kind == FieldKind::U32 && field.displayFormat == Tav::kFormatSfSfn) {
+    if (field.kind == FieldKind::U32 && field.displayFormat == kFormatSfSfn) {
         return static_cast<std::uint64_t>(rng.below(1024)) * 10 + rng.below(10);
     }
-    if (field.displayFormat == Tav::kFormatHex) {
+    if (field.displayFormat == kFormatHex) {
         return rng.next() & mask;
     }
     std::uint64_t magnitude = 0;
@@ -179,9 +179,8 @@ bool parseSfSfn(const std::string& text, std::uint64_t& bits, std::string& reaso
     return true;
 }
 
-bool parseFieldValue(const Field& field, const std::string& text,
-                     const Tav::BinaryLogDisplayFormatter* formatter, ParamValue& value,
-                     std::string& error) {
+bool parseFieldValue(const Field& field, const std::string& text, const Displays* displays,
+                     ParamValue& value, std::string& error) {
     value = ParamValue();
     const std::string what = std::string(kindName(field.kind)) + " parameter " + field.name;
     if (isIntegerKind(field.kind)) {
@@ -196,7 +195,7 @@ bool parseFieldValue(const Field& field, const std::string& text,
         }
         for (const std::string& part : parts) {
             std::uint64_t bits = 0;
-            if (field.kind == FieldKind::U32 && field.displayFormat == Tav::kFormatSfSfn) {
+            if (field.kind == FieldKind::U32 && field.displayFormat == kFormatSfSfn) {
                 std::string reason;
                 if (!parseSfSfn(part, bits, reason)) {
                     error = "bad value \"" + part + "\" for " + what +
@@ -208,7 +207,7 @@ bool parseFieldValue(const Field& field, const std::string& text,
             }
             const bool ok =
                 parseIntegerBits(part, static_cast<unsigned>(elementSize(field.kind)), bits) ||
-                lookupEnumName(field, part, formatter, bits);
+                lookupEnumName(field, part, displays, bits);
             if (!ok) {
                 error = "bad value \"" + part + "\" for " + what;
                 if (!field.enumValues.empty()) {

@@ -163,8 +163,8 @@ bool writeRandomCapture(const Dictionary& dictionary, const RandomOptions& optio
     auto buildBinLog = [&](const LogLayout& layout, std::uint32_t seq, std::uint16_t level,
                            ByteBuffer& out) {
         out.clear();
-        Tav::BinLogHeader h;
-        h.packetType = Tav::BinLog;
+        LogHeader h;
+        h.packetType = kPacketBinLog;
         h.logId = layout.logId;
         h.logLevel = level;
         h.logVersion = layout.version;
@@ -188,7 +188,7 @@ bool writeRandomCapture(const Dictionary& dictionary, const RandomOptions& optio
     for (std::uint64_t i = 0; i < options.records; ++i) {
         const std::uint64_t ordinal = i + 1;
         std::uint32_t pick = rng.below(static_cast<std::uint32_t>(totalWeight));
-        Tav::BinLogHeader h;
+        LogHeader h;
         if (pick < wBin) {
             const LogLayout& layout =
                 *binLogs[rng.below(static_cast<std::uint32_t>(binLogs.size()))];
@@ -226,7 +226,7 @@ bool writeRandomCapture(const Dictionary& dictionary, const RandomOptions& optio
         } else if ((pick -= wBin) < wLegacy) {
             const LogLayout& layout =
                 *legacyLogs[rng.below(static_cast<std::uint32_t>(legacyLogs.size()))];
-            h.packetType = Tav::Legacy;
+            h.packetType = kPacketLegacy;
             h.logId = layout.logId;
             h.logLevel = randomLevel(rng);
             h.logVersion = layout.version;
@@ -247,7 +247,7 @@ bool writeRandomCapture(const Dictionary& dictionary, const RandomOptions& optio
             appendLegacyPayload(record, v);
             ++counts.legacy;
         } else if ((pick -= wLegacy) < options.weightSyslog) {
-            h.packetType = Tav::Syslog;
+            h.packetType = kPacketSyslog;
             h.logId = 0;
             h.logLevel = static_cast<std::uint16_t>(rng.between(3, 6));
             h.logVersion = 0;
@@ -259,7 +259,7 @@ bool writeRandomCapture(const Dictionary& dictionary, const RandomOptions& optio
                                 syslogMessage(rng));
             ++counts.syslog;
         } else {
-            h.packetType = Tav::PcapCapture;
+            h.packetType = kPacketCapture;
             h.logId = 0;
             h.seqNo = nextCaptureSeq++;
             record.clear();

@@ -42,24 +42,71 @@ bool parseAddress(const std::string& text, bool v6, Framing& framing) {
     return inet_pton(AF_INET, text.c_str(), framing.ipv4Src.data()) == 1;
 }
 
-bool parseLink(const std::vector<Token>& tokens, Framing& framing, std::string& error) {
-    if (tokens.size() < 2 || tokens[1].hasValue) {
-        error = "link needs a framing: link 150 | link ipv4 [port=N] | link ipv6 [port=N]";
-        return false;
-    }
+const char* const kLinkForms =
+    "150, ipv4, ipv6, or a link layer and an IP version: ethernet|sll|sll2|raw|null "
+    "ipv4|ipv6, 228, 229; the layers also by link type number: 1, 113, 276, 101, 0";
+
+/// The first word(s) of a link line: the framing and how many words it took.
+bool parseLinkWords(const std::vector<Token>& tokens, Framing& f, std::size_t& used,
+                    std::string& error) {
     const std::string kind = lower(tokens[1].key);
-    Framing f;
+    used = 2;
     if (kind == "150") {
         f.kind = LinkKind::Raw150;
-    } else if (kind == "ipv4") {
-        f.kind = LinkKind::Ipv4;
-    } else if (kind == "ipv6") {
-        f.kind = LinkKind::Ipv6;
+        return true;
+    }
+    if (kind == "ipv4" || kind == "ipv6") {
+        f.kind = kind == "ipv4" ? LinkKind::Ipv4 : LinkKind::Ipv6;
+        f.layer = LinkLayer::Ethernet;
+        return true;
+    }
+    if (kind == "228" || kind == "229") {
+        f.kind = kind == "228" ? LinkKind::Ipv4 : LinkKind::Ipv6;
+        f.layer = LinkLayer::RawIpOnly;
+        if (tokens.size() > 2 && !tokens[2].hasValue) {
+            if (lower(tokens[2].key) != (kind == "228" ? "ipv4" : "ipv6")) {
+                error = "link " + kind + " is " + (kind == "228" ? "IPv4" : "IPv6") + " only";
+                return false;
+            }
+            used = 3;
+        }
+        return true;
+    }
+    if (kind == "ethernet" || kind == "1") {
+        f.layer = LinkLayer::Ethernet;
+    } else if (kind == "sll" || kind == "113") {
+        f.layer = LinkLayer::LinuxSll;
+    } else if (kind == "sll2" || kind == "276") {
+        f.layer = LinkLayer::LinuxSll2;
+    } else if (kind == "raw" || kind == "101") {
+        f.layer = LinkLayer::RawIp;
+    } else if (kind == "null" || kind == "0") {
+        f.layer = LinkLayer::Loopback;
     } else {
-        error = "unknown framing " + tokens[1].key + " (150, ipv4 or ipv6)";
+        error = "unknown framing " + tokens[1].key + " (" + kLinkForms + ")";
         return false;
     }
-    for (std::size_t i = 2; i < tokens.size(); ++i) {
+    const std::string ip = tokens.size() > 2 && !tokens[2].hasValue ? lower(tokens[2].key) : "";
+    if (ip != "ipv4" && ip != "ipv6") {
+        error = "link " + tokens[1].key + " needs an IP version: ipv4 or ipv6";
+        return false;
+    }
+    f.kind = ip == "ipv4" ? LinkKind::Ipv4 : LinkKind::Ipv6;
+    used = 3;
+    return true;
+}
+
+bool parseLink(const std::vector<Token>& tokens, Framing& framing, std::string& error) {
+    if (tokens.size() < 2 || tokens[1].hasValue) {
+        error = std::string("link needs a framing: ") + kLinkForms;
+        return false;
+    }
+    Framing f;
+    std::size_t used = 0;
+    if (!parseLinkWords(tokens, f, used, error)) {
+        return false;
+    }
+    for (std::size_t i = used; i < tokens.size(); ++i) {
         const Token& t = tokens[i];
         std::uint64_t n = 0;
         if (f.kind == LinkKind::Raw150) {
@@ -90,12 +137,116 @@ bool parseLink(const std::vector<Token>& tokens, Framing& framing, std::string& 
                 f.ipv4Dst = v6 ? f.ipv4Dst : scratch.ipv4Src;
                 f.ipv6Dst = v6 ? scratch.ipv6Src : f.ipv6Dst;
             }
+        } else if (t.key == "vlan") {
+            if (f.layer != LinkLayer::Ethernet && f.layer != LinkLayer::LinuxSll &&
+                f.layer != LinkLayer::LinuxSll2) {
+                error = "vlan= needs Ethernet or a Linux cooked header";
+                return false;
+            }
+            f.vlans.clear();
+            std::size_t at = 0;
+            while (t.hasValue) {
+                const std::size_t comma = t.value.find(',', at);
+                const std::string part =
+                    t.value.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+                if (!parseUnsigned(part, 4095, n) || f.vlans.size() >= 8) {
+                    error = "vlan= takes one to eight VLAN IDs (0-4095), outermost first";
+                    return false;
+                }
+                f.vlans.push_back(static_cast<std::uint16_t>(n));
+                if (comma == std::string::npos) {
+                    break;
+                }
+                at = comma + 1;
+            }
+            if (f.vlans.empty()) {
+                error = "vlan= takes one to eight VLAN IDs (0-4095), outermost first";
+                return false;
+            }
+        } else if (t.key == "ipoptions") {
+            if (v6) {
+                error = "ipoptions= applies to IPv4";
+                return false;
+            }
+            if (!t.hasValue || !parseUnsigned(t.value, 40, n) || n % 4 != 0 || n == 0) {
+                error = "ipoptions= takes a number of option bytes: 4, 8, ... 40";
+                return false;
+            }
+            f.ipv4OptionWords = static_cast<std::uint8_t>(n / 4);
+        } else if (t.key == "family") {
+            if (f.layer != LinkLayer::Loopback) {
+                error = "family= applies to link null";
+                return false;
+            }
+            if (!parseNumberToken(t, 0xFFFFFFFFULL, n, error)) {
+                return false;
+            }
+            f.loopbackFamily = static_cast<std::int64_t>(n);
         } else {
-            error = "unknown link option " + t.key + " (port=, srcport=, src=, dst=)";
+            error = "unknown link option " + t.key +
+                    " (port=, srcport=, src=, dst=, vlan=, ipoptions=, family=)";
             return false;
         }
     }
     framing = f;
+    return true;
+}
+
+bool parseFormat(const std::vector<Token>& tokens, GlobalHeaderSettings& h, std::string& error) {
+    const char* const usage = "format takes pcap, pcap-ns or pcapng [interfaces=N] [tsresol=6|9]";
+    if (tokens.size() < 2 || tokens[1].hasValue) {
+        error = usage;
+        return false;
+    }
+    const std::string word = lower(tokens[1].key);
+    if (word == "pcap" || word == "pcap-ns") {
+        if (tokens.size() != 2) {
+            error = usage;
+            return false;
+        }
+        h.format = word == "pcap" ? FileFormat::Pcap : FileFormat::PcapNano;
+        return true;
+    }
+    if (word != "pcapng") {
+        error = usage;
+        return false;
+    }
+    h.format = FileFormat::PcapNg;
+    for (std::size_t i = 2; i < tokens.size(); ++i) {
+        const Token& t = tokens[i];
+        std::uint64_t n = 0;
+        if (t.key == "interfaces" && t.hasValue && parseUnsigned(t.value, 16, n) && n >= 1) {
+            h.interfaces = static_cast<std::uint32_t>(n);
+        } else if (t.key == "tsresol" && t.hasValue && parseUnsigned(t.value, 9, n) &&
+                   (n == 6 || n == 9)) {
+            h.tsResolution = static_cast<std::uint8_t>(n);
+        } else {
+            error = std::string(usage) + " (interfaces from 1 to 16)";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool parseGzip(const std::vector<Token>& tokens, GzipDamage& damage, std::string& error) {
+    const char* const usage = "gzip takes: stored, crc=bad, length=bad, corrupt-at=N, cut=N";
+    for (std::size_t i = 1; i < tokens.size(); ++i) {
+        const Token& t = tokens[i];
+        std::uint64_t n = 0;
+        if (!t.hasValue && t.key == "stored") {
+            damage.stored = true;
+        } else if (t.key == "crc" && t.value == "bad") {
+            damage.badCrc = true;
+        } else if (t.key == "length" && t.value == "bad") {
+            damage.badLength = true;
+        } else if ((t.key == "corrupt-at" || t.key == "cut") && t.hasValue &&
+                   parseUnsigned(t.value, 0xFFFFFFFFULL, n)) {
+            (t.key == "cut" ? damage.cut : damage.corruptAt) = static_cast<std::int64_t>(n);
+        } else {
+            error = usage;
+            return false;
+        }
+    }
     return true;
 }
 
@@ -106,13 +257,30 @@ bool applySetting(const std::vector<Token>& tokens, ScriptSettings& s, bool& han
     handled = true;
     const std::string& word = tokens[0].key;
     std::uint64_t n = 0;
-    if (word == "gzip" || word == "plain") {
+    if (word == "plain") {
         if (tokens.size() != 1) {
             error = word + " takes no arguments";
             return false;
         }
         s.gzipSet = true;
-        s.gzip = word == "gzip";
+        s.gzip = false;
+        return true;
+    }
+    if (word == "gzip") {
+        s.gzipSet = true;
+        s.gzip = true;
+        return parseGzip(tokens, s.gzipDamage, error);
+    }
+    if (word == "format") {
+        return parseFormat(tokens, s.header, error);
+    }
+    if (word == "byteorder") {
+        if (tokens.size() != 2 || tokens[1].hasValue ||
+            (tokens[1].key != "little" && tokens[1].key != "big")) {
+            error = "byteorder takes little or big";
+            return false;
+        }
+        s.header.bigEndian = tokens[1].key == "big";
         return true;
     }
     if (word == "link") {
@@ -181,9 +349,9 @@ std::uint64_t toNs(std::uint32_t sec, std::uint32_t usec) {
 /// Record keys every kind understands.
 const std::set<std::string>& commonKeys() {
     static const std::set<std::string> keys = {
-        "seq",   "level",     "version",    "logid",     "packettype", "time",
-        "tssec", "tsusec",    "storagelen", "caplen",    "senderlen",  "sendercaplen",
-        "cut",   "headercut", "filetime",   "ethertype", "proto",      "port"};
+        "seq",      "level",      "version", "logid",     "packettype",   "time", "tssec",
+        "tsusec",   "storagelen", "caplen",  "senderlen", "sendercaplen", "cut",  "headercut",
+        "filetime", "ethertype",  "proto",   "port",      "interface"};
     return keys;
 }
 
@@ -249,7 +417,7 @@ bool parseScript(const std::string& text, const std::string& name, Script& scrip
         const std::string& word = tokens[0].key;
         if (isRecordKind(word)) {
             recordsSeen = true;
-        } else if (word != "start" && word != "step" && word != "seed") {
+        } else if (word != "start" && word != "step" && word != "seed" && word != "section") {
             error = located(name, number, "unknown command " + word);
             return false;
         }
@@ -305,6 +473,21 @@ bool ScriptRunner::runLine(const ScriptLine& line, CaptureWriter& writer, std::s
         rng_ = SplitMix64(seed);
         return true;
     }
+    if (word == "section") {
+        if (tokens.size() != 1) {
+            error = "section takes no arguments";
+            return false;
+        }
+        if (writer.settings().format != FileFormat::PcapNg) {
+            error = "section needs format pcapng";
+            return false;
+        }
+        if (!writer.startSection()) {
+            error = "write failed";
+            return false;
+        }
+        return true;
+    }
     if (word == "rawfile") {
         std::string bytes;
         for (std::size_t i = 1; i < tokens.size(); ++i) {
@@ -358,7 +541,7 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 kind + " needs a module and a log: " + kind + " SUBSYSTEM:MODULE LOGNAME|@N ...";
             return false;
         }
-        if (dictionary_ == nullptr || dictionary_->reader() == nullptr) {
+        if (dictionary_ == nullptr || !dictionary_->loaded()) {
             error = kind + " records need a dictionary (--dict DIR)";
             return false;
         }
@@ -373,12 +556,12 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
         at += 2;
     }
 
-    Tav::BinLogHeader header;
-    header.packetType = isBinlog            ? Tav::BinLog
-                        : isLegacy          ? Tav::Legacy
-                        : kind == "syslog"  ? Tav::Syslog
-                        : kind == "capture" ? Tav::PcapCapture
-                                            : Tav::BinLog;
+    LogHeader header;
+    header.packetType = isBinlog            ? kPacketBinLog
+                        : isLegacy          ? kPacketLegacy
+                        : kind == "syslog"  ? kPacketSyslog
+                        : kind == "capture" ? kPacketCapture
+                                            : kPacketBinLog;
     header.logId = layout != nullptr ? layout->logId : 0;
     header.logLevel = (needsLog || kind == "syslog") ? 5 : 0;
     header.logVersion = layout != nullptr ? layout->version : 0;
@@ -398,7 +581,9 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
     std::string tag, text;
     std::uint64_t captureBytes = 0;
     bool captureDataGiven = false;
-    const bool ethernet = writer.framing().kind != LinkKind::Raw150;
+    const Framing& framing = writer.framing();
+    const bool udp = framing.kind != LinkKind::Raw150;
+    const char* const needsUdp = "= needs a UDP framing (any link but 150)";
 
     for (; at < tokens.size(); ++at) {
         const Token& t = tokens[at];
@@ -467,8 +652,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 if (!parseNumberToken(t, 0xFFFFFFFFULL, n, error)) {
                     return false;
                 }
-                if (!ethernet && (k == "senderlen" || k == "sendercaplen")) {
-                    error = k + "= needs Ethernet framing (link ipv4 or link ipv6)";
+                if (!udp && (k == "senderlen" || k == "sendercaplen")) {
+                    error = k + needsUdp;
                     return false;
                 }
                 const auto v = static_cast<std::int64_t>(n);
@@ -483,9 +668,23 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 } else {
                     options.cut = v;
                 }
+            } else if (k == "interface") {
+                if (writer.settings().format != FileFormat::PcapNg) {
+                    error = "interface= needs format pcapng";
+                    return false;
+                }
+                if (!parseNumberToken(t, 0xFFFFFFFFULL, n, error)) {
+                    return false;
+                }
+                options.interfaceId = static_cast<std::uint32_t>(n);
             } else {  // ethertype, proto, port
-                if (!ethernet) {
-                    error = k + "= needs Ethernet framing (link ipv4 or link ipv6)";
+                if (!udp) {
+                    error = k + needsUdp;
+                    return false;
+                }
+                if (k == "ethertype" && framing.layer != LinkLayer::Ethernet &&
+                    framing.layer != LinkLayer::LinuxSll && framing.layer != LinkLayer::LinuxSll2) {
+                    error = "ethertype= needs Ethernet or a Linux cooked header";
                     return false;
                 }
                 if (!parseNumberToken(t, k == "proto" ? 0xFF : 0xFFFF, n, error)) {
@@ -550,7 +749,10 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
             continue;
         }
         if (isLegacy) {
-            const Tav::LogDetails& log = *layout->log;
+            const std::vector<std::string> u32Names = firstNamesOf(*layout->log, FieldKind::U32, 5);
+            const std::vector<std::string> u8Names = firstNamesOf(*layout->log, FieldKind::U8, 4);
+            const std::vector<std::string> textNames =
+                firstNamesOf(*layout->log, FieldKind::String, 2);
             std::string name = k;
             const bool prefixed = name.compare(0, 4, "log.") == 0;
             if (prefixed) {
@@ -605,8 +807,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                 continue;
             }
             bool found = false;
-            for (std::size_t i = 0; i < log.uint32Params.size() && i < 5 && !found; ++i) {
-                if (log.uint32Params[i].name == name) {
+            for (std::size_t i = 0; i < u32Names.size() && !found; ++i) {
+                if (u32Names[i] == name) {
                     std::uint64_t bits = 0;
                     if (!parseIntegerBits(t.value, 4, bits)) {
                         error = "bad value \"" + t.value + "\" for TavUint32_t parameter " + name;
@@ -616,8 +818,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                     found = true;
                 }
             }
-            for (std::size_t i = 0; i < log.uint8Params.size() && i < 4 && !found; ++i) {
-                if (log.uint8Params[i].name == name) {
+            for (std::size_t i = 0; i < u8Names.size() && !found; ++i) {
+                if (u8Names[i] == name) {
                     std::uint64_t bits = 0;
                     if (!parseIntegerBits(t.value, 1, bits)) {
                         error = "bad value \"" + t.value + "\" for TavUint8_t parameter " + name;
@@ -627,8 +829,8 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                     found = true;
                 }
             }
-            for (std::size_t i = 0; i < log.stringParams.size() && i < 2 && !found; ++i) {
-                if (log.stringParams[i].name == name) {
+            for (std::size_t i = 0; i < textNames.size() && !found; ++i) {
+                if (textNames[i] == name) {
                     if (t.value.size() > kLegacyTextSize) {
                         error = "string parameter " + name +
                                 " holds at most 14 bytes in a legacy "
@@ -691,8 +893,7 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
                     continue;
                 }
                 ParamValue v;
-                if (!parseFieldValue(f, t.value, &dictionary_->reader()->displayFormatter, v,
-                                     error)) {
+                if (!parseFieldValue(f, t.value, &dictionary_->displays(), v, error)) {
                     return false;
                 }
                 if (!parsed) {
@@ -715,9 +916,9 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
 
     // Sequence number: per module (upper half of the log id), in the number
     // space the decoder's statistics use for the packet type.
-    const std::uint64_t space = header.packetType == Tav::Syslog        ? 1
-                                : header.packetType == Tav::PcapCapture ? 2
-                                                                        : 0;
+    const std::uint64_t space = header.packetType == kPacketSyslog    ? 1
+                                : header.packetType == kPacketCapture ? 2
+                                                                      : 0;
     const std::uint64_t seqKey = (space << 32) | (header.logId >> 16);
     if (seqGiven && firstRepeat) {
         header.seqNo = seq;
@@ -732,6 +933,7 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
     }
     options.tsSec = static_cast<std::uint32_t>(clockNs_ / 1000000000ULL);
     options.tsUsec = static_cast<std::uint32_t>(clockNs_ % 1000000000ULL / 1000ULL);
+    options.tsNsec = tsUsecGiven ? -1 : static_cast<std::int64_t>(clockNs_ % 1000000000ULL);
     if (tsSecGiven) {
         options.tsSec = tsSec;
     }
@@ -779,26 +981,26 @@ bool ScriptRunner::runRecord(const std::string& kind, const std::vector<Token>& 
             if (legacyNamed.count("frame") == 0) {
                 legacy.frameTiming = r.frameTiming;
             }
-            const Tav::LogDetails& log = *layout->log;
+            const std::vector<std::string> u32Names = firstNamesOf(*layout->log, FieldKind::U32, 5);
+            const std::vector<std::string> u8Names = firstNamesOf(*layout->log, FieldKind::U8, 4);
+            const std::vector<std::string> textNames =
+                firstNamesOf(*layout->log, FieldKind::String, 2);
             for (std::size_t i = 0; i < 5; ++i) {
                 if (legacyNamed.count("u32") == 0 &&
-                    (i >= log.uint32Params.size() ||
-                     legacyNamed.count(log.uint32Params[i].name) == 0)) {
+                    (i >= u32Names.size() || legacyNamed.count(u32Names[i]) == 0)) {
                     legacy.u32[i] = r.u32[i];
                 }
             }
             for (std::size_t i = 0; i < 4; ++i) {
                 if (legacyNamed.count("u8") == 0 &&
-                    (i >= log.uint8Params.size() ||
-                     legacyNamed.count(log.uint8Params[i].name) == 0)) {
+                    (i >= u8Names.size() || legacyNamed.count(u8Names[i]) == 0)) {
                     legacy.u8[i] = r.u8[i];
                 }
             }
             for (std::size_t i = 0; i < 2; ++i) {
                 const std::string slot = i == 0 ? "text1" : "text2";
                 if (legacyNamed.count(slot) == 0 &&
-                    (i >= log.stringParams.size() ||
-                     legacyNamed.count(log.stringParams[i].name) == 0)) {
+                    (i >= textNames.size() || legacyNamed.count(textNames[i]) == 0)) {
                     legacy.text[i] = r.text[i];
                 }
             }

@@ -1,17 +1,19 @@
 // The dictionary as the capture writer sees it: every log of every module
 // laid out as the sequence of fields its payload carries on the wire.
 //
-// The dictionary is loaded through the decoding library itself, so captures
-// are written for exactly the descriptions the decoder will use.
+// The writer reads the XML dictionaries itself, with plain libxml2, and
+// states the payload layout itself (layoutOf below). It shares no code with
+// the decoding library on purpose: it is a second, independent reading of the
+// dictionary format, so that a layout mistake in either one shows up as a
+// difference between what is written and what is decoded, instead of being
+// written and read back the same way.
 #ifndef BINLOG_SYNTH_DICTIONARY_H
 #define BINLOG_SYNTH_DICTIONARY_H
 
 #include <cstdint>
-#include <memory>
+#include <map>
 #include <string>
 #include <vector>
-
-#include "BinaryLogXmlReader.h"
 
 namespace binlog_synth {
 
@@ -37,6 +39,81 @@ bool isIntegerKind(FieldKind kind);
 bool isSignedKind(FieldKind kind);
 /// The dictionary's type name ("TavUint16_t", "string", ...; "padding").
 const char* kindName(FieldKind kind);
+/// The kind a dictionary type name declares; false for any other text
+/// (compared exactly: "TavUInt32_t" and "String" are not types).
+bool kindOfTypeName(const std::string& type, FieldKind& kind);
+
+/// Display formats with a meaning of their own; any other name is an
+/// enumeration's.
+constexpr const char* kFormatDefault = "DefaultDisplay";
+constexpr const char* kFormatHex = "hex";
+constexpr const char* kFormatSfSfn = "SF-SFN";
+
+/// A number attribute read as C's strtol(text, NULL, 10) reads it with a
+/// 32-bit long: leading white space, an optional sign, the decimal digits up
+/// to the first other character; no digits is 0; beyond the 32-bit range it
+/// stops at the limit.
+std::int32_t dictionaryNumber(const std::string& text);
+
+/// One parameter as declared: one name of a declaration's nameList.
+struct ParamDecl {
+    FieldKind kind = FieldKind::U8;
+    std::string name;
+    /// Integer kinds: 0 for a single value, N for an array of N.
+    std::uint32_t count = 0;
+    /// String kinds: the size in bytes.
+    std::uint32_t size = 0;
+    /// Never empty: a missing or empty displayFormat is DefaultDisplay.
+    std::string displayFormat = kFormatDefault;
+};
+
+/// One LogId element.
+struct LogDecl {
+    /// 1-based position among the file's LogId elements in document order.
+    std::uint16_t index = 0;
+    std::string name;
+    std::string category;
+    std::string logString;
+    /// Declaration order; parameters of unknown types are left out (they
+    /// take no bytes).
+    std::vector<ParamDecl> params;
+};
+
+/// One binlog file.
+struct ModuleDecl {
+    /// ((subsystemId & 0xFFFF) << 8) | moduleid, cut to 16 bits.
+    std::uint16_t key = 0;
+    std::string subsystem;
+    std::string module;
+    std::uint16_t version = 0;
+    /// The file has a ModuleHeader element (even an empty one).
+    bool hasHeader = false;
+    /// Every ModuleHeader's declarations, in document order.
+    std::vector<ParamDecl> header;
+    std::vector<LogDecl> logs;
+};
+
+/// The enumerations of the bindisplay files: for each name, the text of
+/// each value key (keys are exact strings).
+struct Displays {
+    std::map<std::string, std::map<std::string, std::string>> enums;
+};
+
+/// Reads one binlog file's XML. False with `error` when it is not
+/// well-formed or lacks a mandatory attribute.
+bool readBinlogXml(const std::string& xml, const std::string& name, ModuleDecl& module,
+                   std::string& error);
+/// Reads one bindisplay file's XML into `displays` (an enumeration defined
+/// again replaces the earlier one whole). False with `error` when it is not
+/// well-formed or an enum has no name.
+bool readDisplayXml(const std::string& xml, const std::string& name, Displays& displays,
+                    std::string& error);
+
+/// What a dictionary directory entry is, by its name alone: a name with
+/// ".xml" (exactly so) and "binlog" in any case is a binlog file; else one
+/// with ".xml" and "bindisplay" in any case a bindisplay file.
+enum class DictionaryFile { Other, Binlog, Bindisplay };
+DictionaryFile dictionaryFileKind(const std::string& name);
 
 /// One field of a payload in wire order.
 struct Field {
@@ -70,37 +147,56 @@ struct LogLayout {
     std::vector<Field> fields;
     /// Payload bytes when every var binary string is empty.
     std::uint64_t fixedSize = 0;
-    const Tav::ModuleDetails* module = nullptr;
-    const Tav::LogDetails* log = nullptr;
+    const ModuleDecl* module = nullptr;
+    const LogDecl* log = nullptr;
 };
 
-/// The numeric values an enumeration of `formatter` names for an integer of
-/// `kind` (keys that are the exact decimal text of a value of that kind).
-std::vector<std::uint64_t> enumValuesFor(const Tav::BinaryLogDisplayFormatter* formatter,
-                                         const std::string& format, FieldKind kind);
+/// The group order of a payload: u64, i64, u32, i32, u16, i16, u8, i8,
+/// string, binarystring, varbinarystring.
+extern const FieldKind kGroupOrder[11];
 
-/// Lays out the payload of `log` in module `module`: the module header's
-/// lists in group order (u64, i64, u32, i32, u16, i16, u8, i8, string,
-/// binarystring; no var binary strings) and `headerPadding` zero bytes when
-/// the module declares a header, then the log's eleven lists in group order.
-/// `formatter` (may be null) supplies the enumeration values.
-LogLayout buildLayout(const Tav::ModuleDetails& module, const Tav::LogDetails& log,
-                      std::uint16_t moduleKey, const Tav::BinaryLogDisplayFormatter* formatter);
+/// Bytes of a module header's values (var binary strings take none).
+std::uint64_t headerBytes(const std::vector<ParamDecl>& header);
+/// Zero bytes after a module header of `header`: up to a multiple of 8 when
+/// it has a 64-bit parameter, else of 4.
+std::uint32_t headerPadding(const std::vector<ParamDecl>& header);
 
-/// The loaded dictionary with the layout of every log.
+/// The numeric values an enumeration of `displays` (may be null) names for an
+/// integer of `kind` (keys that are the exact decimal text of a value of that
+/// kind), ascending.
+std::vector<std::uint64_t> enumValuesFor(const Displays* displays, const std::string& format,
+                                         FieldKind kind);
+
+/// Lays out the payload of `log` in `module`: when the module has a header,
+/// its parameters in group order (no var binary strings) and the padding;
+/// then the log's parameters in group order, declaration order within a
+/// group. `displays` (may be null) supplies the enumeration values.
+LogLayout layoutOf(const ModuleDecl& module, const LogDecl& log, const Displays* displays);
+
+/// The names of the first `most` parameters of `kind` in `log`, in
+/// declaration order (the slots of a legacy record).
+std::vector<std::string> firstNamesOf(const LogDecl& log, FieldKind kind, std::size_t most);
+
+/// A loaded dictionary directory with the layout of every log.
 class Dictionary {
   public:
     Dictionary() = default;
     Dictionary(const Dictionary&) = delete;
     Dictionary& operator=(const Dictionary&) = delete;
 
-    /// Loads the dictionary directory (a missing trailing "/" is added).
-    /// False with a message when the library reports a failed load.
+    /// Loads the dictionary directory: its binlog and bindisplay files in the
+    /// order the directory lists them (a later binlog file with the same
+    /// module key replaces the earlier one). False with a message when the
+    /// directory cannot be read, holds no binlog file, or a binlog file does
+    /// not load. A bindisplay file that does not load switches every
+    /// enumeration off, as for the decoder.
     bool load(const std::string& directory, std::string& error);
-    /// Uses a reader loaded by the caller (which must outlive this object).
-    void attach(const Tav::BinaryLogXmlReader& reader);
+    /// Uses the modules and enumerations given (for tests).
+    void assign(std::vector<ModuleDecl> modules, Displays displays);
 
-    const Tav::BinaryLogXmlReader* reader() const { return reader_; }
+    bool loaded() const { return loaded_; }
+    const Displays& displays() const { return displays_; }
+    const std::vector<ModuleDecl>& modules() const { return modules_; }
     const std::vector<LogLayout>& layouts() const { return layouts_; }
 
     /// A module by "subsystem:module" name or by numeric key (decimal or 0x).
@@ -112,8 +208,9 @@ class Dictionary {
   private:
     void index();
 
-    std::unique_ptr<Tav::BinaryLogXmlReader> owned_;
-    const Tav::BinaryLogXmlReader* reader_ = nullptr;
+    bool loaded_ = false;
+    std::vector<ModuleDecl> modules_;  // ascending module key
+    Displays displays_;
     std::vector<LogLayout> layouts_;
 };
 

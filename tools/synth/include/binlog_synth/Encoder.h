@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "BinaryLogDisplayFormatter.h"
 #include "binlog_synth/Bytes.h"
 #include "binlog_synth/Dictionary.h"
 #include "binlog_synth/Prng.h"
@@ -61,9 +60,8 @@ bool parseSfSfn(const std::string& text, std::uint64_t& bits, std::string& reaso
 /// - "binarystring": hex bytes, at most the declared size (zero-padded);
 /// - "varbinarystring": hex bytes, at most the declared size; COUNT#HEX
 ///   writes COUNT as the byte count whatever the bytes and the declaration.
-bool parseFieldValue(const Field& field, const std::string& text,
-                     const Tav::BinaryLogDisplayFormatter* formatter, ParamValue& value,
-                     std::string& error);
+bool parseFieldValue(const Field& field, const std::string& text, const Displays* displays,
+                     ParamValue& value, std::string& error);
 
 /// Appends the wire bytes of `field` with `value`; a null value writes zeros
 /// (integers, "string", "binarystring") or an empty var binary string.

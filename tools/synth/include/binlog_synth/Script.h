@@ -24,6 +24,7 @@ struct ScriptSettings {
     bool framingSet = false;
     Framing framing;
     GlobalHeaderSettings header;
+    GzipDamage gzipDamage;
 };
 
 /// One line that acts when the script runs (a record, "start", "step",
