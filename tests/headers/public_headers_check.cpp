@@ -16,5 +16,5 @@
 // The members that take libxml2 nodes take them through the declaration the
 // headers make themselves.
 int (Tav::BinaryLogXmlReader::*const parseBinLogXmlMember)(
-    xmlNode*, std::uint16_t&, Tav::ModuleDetails&, std::map<std::uint16_t, Tav::LogDetails>&) =
-    &Tav::BinaryLogXmlReader::parseBinLogXml;
+    xmlNode*, std::uint16_t&, Tav::ModuleDetails&,
+    std::map<std::uint16_t, Tav::LogDetails>&) = &Tav::BinaryLogXmlReader::parseBinLogXml;

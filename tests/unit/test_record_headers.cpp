@@ -11,8 +11,8 @@
 
 #include "BinLogRecordHeaders.h"
 #include "BinaryLogXmlReader.h"
-#include "WexOamBinLogXmlReader/ByteReader.h"
 #include "TestSupport.h"
+#include "WexOamBinLogXmlReader/ByteReader.h"
 #include "capture/RecordHeaders.h"
 
 namespace {
