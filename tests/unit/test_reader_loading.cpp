@@ -479,3 +479,98 @@ TEST(ReaderLoading, NoDescriptorLeaksAfterManyConstructions) {
     // The good directory and the one with a broken enumeration file succeed.
     EXPECT_EQ(goodCount, 400);
 }
+
+namespace {
+
+// An input scheme of a program that uses libxml2 itself: "mem:" documents
+// served from memory through its own input callbacks.
+const char kMemDocument[] = "<note>kept</note>";
+std::size_t memRead = 0;
+int memMatch(const char* uri) {
+    return std::string(uri).compare(0, 4, "mem:") == 0 ? 1 : 0;
+}
+void* memOpen(const char*) {
+    memRead = 0;
+    return &memRead;
+}
+int memReadBytes(void*, char* buffer, int length) {
+    const std::size_t left = sizeof kMemDocument - 1 - memRead;
+    const std::size_t take = std::min(left, static_cast<std::size_t>(length));
+    std::copy(kMemDocument + memRead, kMemDocument + memRead + take, buffer);
+    memRead += take;
+    return static_cast<int>(take);
+}
+int memClose(void*) {
+    return 0;
+}
+
+}  // namespace
+
+TEST(ReaderLoading, LoadingLeavesLibxml2sGlobalStateToTheProgram) {
+    // A program initialises libxml2 and registers its own input callbacks;
+    // constructing a reader in between must not tear them down (which
+    // xmlCleanupParser would do).
+    xmlInitParser();
+    ASSERT_GE(xmlRegisterInputCallbacks(memMatch, memOpen, memReadBytes, memClose), 0);
+    struct Unregister {
+        ~Unregister() { xmlPopInputCallbacks(); }
+    } unregister;
+    xmlDoc* before = xmlReadFile("mem:first", nullptr, 0);
+    ASSERT_NE(before, nullptr);
+    xmlFreeDoc(before);
+
+    TempDir dir;
+    dir.writeFile("a_binlog.xml", binlogXml(1, 2, "SYS", "mod", 1, logIdXml("L1", "x")));
+    dir.writeFile("b_bindisplay.xml", kBindisplayXml);
+    BinaryLogXmlReader reader(dir.slash(), false, 0, 64);
+    ASSERT_TRUE(reader.isGood());
+
+    xmlDoc* after = xmlReadFile("mem:second", nullptr, 0);
+    ASSERT_NE(after, nullptr) << "the program's input callbacks are gone";
+    xmlNode* root = xmlDocGetRootElement(after);
+    ASSERT_NE(root, nullptr);
+    EXPECT_STREQ(reinterpret_cast<const char*>(root->name), "note");
+    xmlFreeDoc(after);
+}
+
+TEST(ReaderLoading, RebuildPlansAfterChangingTheDictionary) {
+    TempDir dir;
+    dir.writeFile("a_binlog.xml",
+                  binlogXml(1, 2, "SYS", "mod", 1, logIdXml("L1", "value {p} here")));
+    BinaryLogXmlReader reader(dir.slash(), false, 0, 64);
+    ASSERT_TRUE(reader.isGood());
+    Tav::PcapRecHeader pcap;
+    pcap.tsSec = 1700000000;
+    Tav::BinLogHeader header;
+    header.logId = 0x01020001;
+    header.logVersion = 1;
+    header.logLevel = 5;
+    header.seqNo = 3;
+    const unsigned char payload[1] = {42};
+    auto line = [&] {
+        wexbl_test::MemoryStream out;
+        reader.getLogDetailsForLogId(pcap, header, Tav::ByteReader(payload, 1), 17, out.file(), 0);
+        return out.text();
+    };
+    const std::string start =
+        "[2023-11-14T22:13:20.000Z] [   SYS:mod] [                       L1] "
+        "[    INFO] [      DIAG] [3] [";
+    EXPECT_EQ(line(), start + "value p=42 here] \n");
+    // A program changes a log string and a log name, and says so.
+    reader.logDetailsMap[0x0102][1].logString = "now {p}!";
+    reader.logDetailsMap[0x0102][1].logName = "Renamed";
+    reader.rebuildPlans();
+    EXPECT_EQ(line(),
+              "[2023-11-14T22:13:20.000Z] [   SYS:mod] [                  Renamed] "
+              "[    INFO] [      DIAG] [3] [now p=42!] \n");
+    // A log added by hand is decoded too.
+    Tav::LogDetails added = reader.logDetailsMap[0x0102][1];
+    added.logName = "Added";
+    added.logString = "plain";
+    reader.logDetailsMap[0x0102][7] = added;
+    reader.rebuildPlans();
+    header.logId = 0x01020007;
+    EXPECT_EQ(line(),
+              "[2023-11-14T22:13:20.000Z] [   SYS:mod] [                    Added] "
+              "[    INFO] [      DIAG] [3] [plain p=42 ] \n");
+}
