@@ -4,7 +4,8 @@
 //   decode_capture reader DICT CAPTURE [UDP_PORT]   readBinaryFiledata to standard output
 //   decode_capture reader-stats DICT CAPTURE [UDP_PORT]   the same, statistics on
 //   decode_capture lines  DICT CAPTURE [UDP_PORT]   the pull API, lines to standard output
-//   decode_capture values DICT CAPTURE [UDP_PORT]   the pull API, values only (no text)
+//   decode_capture values DICT CAPTURE [UDP_PORT]   the pull API, records and events only (no text)
+//   decode_capture params DICT CAPTURE [UDP_PORT]   the same, every value of every record read too
 //
 // Prints the number of records and events on standard error.
 #include <cstdio>
@@ -17,7 +18,9 @@
 
 int main(int argc, char** argv) {
     if (argc < 4) {
-        std::fprintf(stderr, "usage: %s reader|lines|values DICT CAPTURE [UDP_PORT]\n", argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s reader|reader-stats|lines|values|params DICT CAPTURE [UDP_PORT]\n",
+                     argv[0]);
         return 2;
     }
     const std::string mode = argv[1];
@@ -37,7 +40,8 @@ int main(int argc, char** argv) {
     Tav::StreamOptions options;
     options.udpPort = port;
     options.texts = mode == "lines";
-    options.values = mode == "values";
+    options.values = mode != "lines";
+    const bool readParams = mode == "params";
     Tav::CaptureStream stream(reader, argv[3], options);
     unsigned long long records = 0;
     unsigned long long events = 0;
@@ -47,11 +51,13 @@ int main(int argc, char** argv) {
             ++records;
             if (options.texts) {
                 std::fwrite(record->text.data(), 1, record->text.size(), stdout);
-            } else {
-                // Touch the values, as a consumer would.
-                for (const Tav::ParamField& field : record->params) {
+            } else if (readParams) {
+                for (const Tav::ParamField& field : record->params()) {
                     sum += field.raw + field.bytes.size();
                 }
+            } else {
+                // What a count by module, log and level reads.
+                sum += record->moduleKey + record->level + record->log.size();
             }
         } else {
             ++events;

@@ -9,7 +9,8 @@
 #     (bench/zlib_floor: gzread in 128 KiB pieces, bytes thrown away);
 #   - readBinaryFiledata to /dev/null, statistics off and on
 #     (bench/decode_capture reader);
-#   - the pull API, records and events only, no text (decode_capture values);
+#   - the pull API, records and events only, no text (decode_capture values),
+#     and with every value of every record read (decode_capture params);
 #   - binlog-decode DICT FILE > /dev/null, statistics off and on;
 #   - binlog-decode on the uncompressed and on the Ethernet capture.
 # Reports the median of RUNS runs as records per second, the ratio of each
@@ -125,6 +126,7 @@ for run in $(seq "$runs"); do
     measure reader "$routes" reader "$work/dict" "$work/capture.pcap.gz"
     measure reader_stats "$routes" reader-stats "$work/dict" "$work/capture.pcap.gz"
     measure values "$routes" values "$work/dict" "$work/capture.pcap.gz"
+    measure params "$routes" params "$work/dict" "$work/capture.pcap.gz"
     measure decode "$decode" "$work/dict" "$work/capture.pcap.gz"
     measure decode_stats "$decode" --stats "$work/dict" "$work/capture.pcap.gz"
     measure decode_plain "$decode" "$work/dict" "$work/capture.pcap"
@@ -148,7 +150,8 @@ report "gzip -dc (compressed, link 150)" gzip gzip
 report "zlib floor (gzread, bytes dropped)" floor gzip
 report "readBinaryFiledata, statistics off" reader gzip
 report "readBinaryFiledata, statistics on" reader_stats gzip
-report "pull API, values only (no text)" values gzip
+report "pull API, records and events (no text)" values gzip
+report "pull API, every value of every record read" params gzip
 report "binlog-decode, statistics off" decode gzip
 report "binlog-decode --stats" decode_stats gzip
 report "binlog-decode, uncompressed file" decode_plain gzip

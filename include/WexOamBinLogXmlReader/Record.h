@@ -17,6 +17,10 @@
 
 namespace Tav {
 
+namespace detail {
+class RecordDecoder;
+}  // namespace detail
+
 /// A read-only run of `size` values.
 template <typename T>
 class View {
@@ -115,12 +119,15 @@ struct Record {
     std::string_view levelName;
     std::string_view category;
     std::uint32_t seqNo = 0;
-    /// Binary log records: the module header's values, then the log's own, in
-    /// declaration order (array elements one by one). Legacy records: the
-    /// first five unsigned 32-bit parameters, the first four unsigned 8-bit
-    /// ones and the first two strings that the fixed layout fills.
-    View<ParamField> header;
-    View<ParamField> params;
+    /// Binary log records: the module header's values and the log's own, in
+    /// declaration order (array elements one by one). Legacy records (no
+    /// header): the first five unsigned 32-bit parameters, the first four
+    /// unsigned 8-bit ones and the first two strings that the fixed layout
+    /// fills. The values are decoded when first asked for, so a program that
+    /// does not look at them does not pay for them; empty when the stream
+    /// was opened without values.
+    WEXBL_API View<ParamField> header() const;
+    WEXBL_API View<ParamField> params() const;
     /// Legacy records: frame number x 10 + subframe.
     std::uint32_t frameTiming = 0;
     /// Syslog records: the 16-byte tag up to its first NUL, and the message
@@ -130,6 +137,9 @@ struct Record {
     /// The exact line the reader prints for this record, line feed included.
     /// Empty when the stream was opened without texts.
     std::string_view text;
+
+    /// The decoder that gives the values (the library's own).
+    const detail::RecordDecoder* source = nullptr;
 };
 
 /// What an event reports.

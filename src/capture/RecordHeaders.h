@@ -28,6 +28,13 @@ namespace detail {
 /// storageLength.
 inline PcapRecHeader readPcapRecHeader(const ByteReader& bytes, std::uint64_t offset) {
     PcapRecHeader header;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    // The structure is the wire layout (see BinLogRecordHeaders.h).
+    if (bytes.available(offset) >= sizeof header) {
+        std::memcpy(&header, bytes.data() + offset, sizeof header);
+        return header;
+    }
+#endif
     header.tsSec = bytes.get_u32le(offset);
     header.tsUsec = bytes.get_u32le(offset + 4);
     header.capturedLength = bytes.get_u32le(offset + 8);
@@ -39,6 +46,12 @@ inline PcapRecHeader readPcapRecHeader(const ByteReader& bytes, std::uint64_t of
 /// seqNo.
 inline BinLogHeader readBinLogHeader(const ByteReader& bytes, std::uint64_t offset) {
     BinLogHeader header;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if (bytes.available(offset) >= sizeof header) {
+        std::memcpy(&header, bytes.data() + offset, sizeof header);
+        return header;
+    }
+#endif
     header.packetType = bytes.get_u32le(offset);
     header.logId = bytes.get_u32le(offset + 4);
     header.logLevel = bytes.get_u16le(offset + 8);

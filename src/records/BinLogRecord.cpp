@@ -779,44 +779,69 @@ void RecordDecoder::renderDirect(const LogPlan& plan, const ByteReader& payload)
     record_.text = line_->view(lineStart_, line_->size() - lineStart_);
 }
 
-void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {
-    const ModulePlan& module = *plan.module;
-    if (plan.direct && settings_.texts && !settings_.fields) {
-        // The line straight from the payload: no decoding pass.
-        scanVarBinaries(plan.params, payload);
-        record_.kind = RecordKind::BinLog;
-        record_.subsystem = module.module->subsystemName;
-        record_.module = module.module->moduleName;
-        record_.log = plan.log->logName;
-        record_.category = plan.log->category;
-        record_.levelName = *levels_->get(header_.logLevel).name;
-        produced_ = true;
-        startLine(pcap_);
-        renderDirect(plan, payload);
+void RecordDecoder::fillValues() {
+    if (valuesFilled_) {
         return;
     }
+    valuesFilled_ = true;
+    if (valuesPlan_ == nullptr || !settings_.fields) {
+        return;  // no values, or a legacy record's, filled already
+    }
+    const LogPlan& plan = *valuesPlan_;
+    const ModulePlan& module = *plan.module;
+    if (!decoded_) {
+        // Decoded now for the values alone: what it reports was reported
+        // when the record was read.
+        silent_ = true;
+        unsigned int offset = 0;
+        if (module.hasHeader) {
+            decodeTable(module.header, valuesPayload_, offset, headerTable_);
+            offset += module.headerPadding;
+        }
+        decodeTable(plan.params, valuesPayload_, offset, logTable_);
+        silent_ = false;
+        decoded_ = true;
+    }
+    arena_.clear();
+    if (module.hasHeader) {
+        fillFields(module.header, headerTable_, headerView_);
+    }
+    fillFields(plan.params, logTable_, paramsView_);
+}
+
+void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {
+    const ModulePlan& module = *plan.module;
+    record_.kind = RecordKind::BinLog;
+    record_.subsystem = module.module->subsystemName;
+    record_.module = module.module->moduleName;
+    record_.log = plan.log->logName;
+    record_.category = plan.log->category;
+    valuesPlan_ = &plan;
+    valuesPayload_ = payload;
+    produced_ = true;
+    if (plan.direct) {
+        // Nothing of the values needs reporting but var binary counts: the
+        // line comes straight from the payload, the values when asked for.
+        scanVarBinaries(plan.params, payload);
+        const LevelTable::Level& level = levels_->get(header_.logLevel);
+        record_.levelName = *level.name;
+        if (settings_.texts) {
+            startLine(pcap_);
+            renderDirect(plan, payload);
+        }
+        return;
+    }
+    // Display formats that report what they cannot show: decoded now, in
+    // order, with their messages.
     unsigned int offset = 0;
     if (module.hasHeader) {
         decodeTable(module.header, payload, offset, headerTable_);
         offset += module.headerPadding;
     }
     decodeTable(plan.params, payload, offset, logTable_);
-
-    record_.kind = RecordKind::BinLog;
-    record_.subsystem = module.module->subsystemName;
-    record_.module = module.module->moduleName;
-    record_.log = plan.log->logName;
-    record_.category = plan.log->category;
+    decoded_ = true;
     const LevelTable::Level& level = levels_->get(header_.logLevel);
     record_.levelName = *level.name;
-    if (settings_.fields) {
-        arena_.clear();
-        if (module.hasHeader) {
-            fillFields(module.header, headerTable_, record_.header);
-        }
-        fillFields(plan.params, logTable_, record_.params);
-    }
-    produced_ = true;
     if (!settings_.texts) {
         return;
     }

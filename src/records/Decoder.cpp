@@ -19,7 +19,20 @@ const LevelTable::Level& LevelTable::fill(std::uint16_t level) {
     return entry;
 }
 
+View<ParamField> RecordDecoder::headerFields() const {
+    const_cast<RecordDecoder*>(this)->fillValues();
+    return headerView_;
+}
+
+View<ParamField> RecordDecoder::paramFields() const {
+    const_cast<RecordDecoder*>(this)->fillValues();
+    return paramsView_;
+}
+
 void RecordDecoder::emit(Event& event, std::string_view text) {
+    if (silent_) {
+        return;  // decoding again what was reported already
+    }
     event.capture = origin_.capture;
     event.record = origin_.number;
     event.offset = origin_.offset;
@@ -76,8 +89,8 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
                           const RecordOrigin& origin) {
     settings_ = settings;
     origin_ = origin;
-    pcap_ = pcap;
-    header_ = header;
+    record_.pcapHeader = pcap;
+    record_.binLogHeader = header;
     produced_ = false;
 
     // Every record is counted first, also those rejected below.
@@ -93,8 +106,12 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     record_.log = std::string_view();
     record_.levelName = std::string_view();
     record_.category = std::string_view();
-    record_.header = View<ParamField>();
-    record_.params = View<ParamField>();
+    record_.source = this;
+    valuesPlan_ = nullptr;
+    decoded_ = false;
+    valuesFilled_ = false;
+    headerView_ = View<ParamField>();
+    paramsView_ = View<ParamField>();
     record_.frameTiming = 0;
     record_.syslogTag = std::string_view();
     record_.syslogMessage = std::string_view();
@@ -102,8 +119,6 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     record_.capture = origin.capture;
     record_.number = origin.number;
     record_.offset = origin.offset;
-    record_.pcapHeader = pcap;
-    record_.binLogHeader = header;
     record_.moduleKey = static_cast<std::uint16_t>(header.logId >> 16);
     record_.logIndex = static_cast<std::uint16_t>(header.logId & 0xFFFFu);
     record_.level = header.logLevel;
@@ -180,4 +195,13 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
 }
 
 }  // namespace detail
+
+View<ParamField> Record::header() const {
+    return source != nullptr ? source->headerFields() : View<ParamField>();
+}
+
+View<ParamField> Record::params() const {
+    return source != nullptr ? source->paramFields() : View<ParamField>();
+}
+
 }  // namespace Tav

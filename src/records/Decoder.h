@@ -136,6 +136,10 @@ class RecordDecoder : private SequenceReport {
                const RecordOrigin& origin);
 
     bool produced() const { return produced_; }
+    /// The values of the record decoded last, decoded now if they were not
+    /// yet (without reporting anything again).
+    View<ParamField> headerFields() const;
+    View<ParamField> paramFields() const;
     /// The record decoded last (valid while produced()).
     const Record& record() const { return record_; }
 
@@ -150,6 +154,8 @@ class RecordDecoder : private SequenceReport {
     /// Starts the line with "[time".
     void startLine(const PcapRecHeader& pcap);
     void decodeBinLog(const LogPlan& plan, const ByteReader& payload);
+    /// Decodes and fills the values of the record, once.
+    void fillValues();
     void decodeTable(const TablePlan& plan, const ByteReader& payload, unsigned int& offset,
                      DecodedTable& table);
     template <typename T>
@@ -184,11 +190,22 @@ class RecordDecoder : private SequenceReport {
     EventSink* sink_;
     DecodeSettings settings_;
     RecordOrigin origin_;
-    PcapRecHeader pcap_;
-    BinLogHeader header_;
 
     bool produced_ = false;
     Record record_;
+    /// The headers of the record being decoded (the record's own copies).
+    const PcapRecHeader& pcap_ = record_.pcapHeader;
+    const BinLogHeader& header_ = record_.binLogHeader;
+    /// What the record's values come from, until they are filled: the plan
+    /// and payload of a binary log record (its tables decoded already when
+    /// `decoded`), or a legacy record's values.
+    const LogPlan* valuesPlan_ = nullptr;
+    ByteReader valuesPayload_;
+    bool decoded_ = false;
+    bool valuesFilled_ = false;
+    bool silent_ = false;
+    View<ParamField> headerView_;
+    View<ParamField> paramsView_;
     /// The line being built: in the stream's own buffer, or appended to a
     /// buffer the caller gave (the reader's output buffer).
     TextBuilder ownLine_;

@@ -106,8 +106,9 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
                 field.text = text;
             }
         }
-        record_.params = View<ParamField>(legacyFields_.data(), legacyFields_.size());
+        paramsView_ = View<ParamField>(legacyFields_.data(), legacyFields_.size());
     }
+    valuesFilled_ = true;
     produced_ = true;
     if (!settings_.texts) {
         return;
