@@ -767,6 +767,81 @@ void BM_Load10000Logs(benchmark::State& state) {
 }
 BENCHMARK(BM_Load10000Logs)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+/// Compiling the plans of a loaded 10,000-log dictionary again, as a program
+/// does after changing the dictionary's maps.
+void BM_RebuildPlans10000Logs(benchmark::State& state) {
+    const DictionaryFixture& fixture = tenThousandLogs();
+    Tav::BinaryLogXmlReader reader(fixture.dir.dictionaryPath(), false, 0, 64);
+    if (!reader.isGood()) {
+        state.SkipWithError("the generated dictionary did not load");
+        return;
+    }
+    for (auto _ : state) {
+        reader.rebuildPlans();
+    }
+    state.counters["logs"] = static_cast<double>(wexbl_bench::countLogs(reader));
+}
+BENCHMARK(BM_RebuildPlans10000Logs)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// ---- Placeholders that recreate themselves ---------------------------------------------
+
+/// The worst case of placeholder substitution: a text value "{text}{text}..."
+/// fills a log string "{text}" (32 or 256 bytes, as Arg says), so every
+/// substitution brings back placeholders until the limit of 1000. The text
+/// written grows by the value each time; the work must grow with the text,
+/// not with its square.
+void BM_Dispatch_SelfRecreatingPlaceholder(benchmark::State& state) {
+    const std::size_t size = static_cast<std::size_t>(state.range(0));
+    static TempDir dir("recreate");
+    static bool written = false;
+    if (!written) {
+        dir.writeFile(
+            "r_binlog.xml",
+            "<?xml version=\"1.0\"?>\n<LoggingSubSystem subsystem=\"S\" subsystemId=\"1\" "
+            "module=\"m\" moduleid=\"1\" binlogversion=\"1\">\n"
+            "<LogId name=\"Small\" logString=\"{text}\" category=\"C\">"
+            "<p type=\"string\" nameList=\"text\" size=\"32\"/></LogId>\n"
+            "<LogId name=\"Large\" logString=\"{text}\" category=\"C\">"
+            "<p type=\"string\" nameList=\"text\" size=\"256\"/></LogId>\n"
+            "</LoggingSubSystem>\n");
+        written = true;
+    }
+    Tav::BinaryLogXmlReader reader(dir.dictionaryPath(), false, 0, 64);
+    if (!reader.isGood()) {
+        state.SkipWithError("the dictionary did not load");
+        return;
+    }
+    std::string payload;
+    while (payload.size() + 6 <= size) {
+        payload += "{text}";
+    }
+    payload.resize(size, '\0');
+    Tav::PcapRecHeader pcap;
+    pcap.tsSec = 1700000000;
+    pcap.storageLength = static_cast<std::uint32_t>(16 + size);
+    Tav::BinLogHeader header;
+    header.logId = size <= 32 ? 0x01010001u : 0x01010002u;
+    header.logVersion = 1;
+    header.logLevel = 5;
+    const Tav::ByteReader bytes(reinterpret_cast<const unsigned char*>(payload.data()),
+                                payload.size());
+    // The line's length, once.
+    char* text = nullptr;
+    std::size_t length = 0;
+    FILE* memory = open_memstream(&text, &length);
+    reader.getLogDetailsForLogId(pcap, header, bytes, pcap.storageLength, memory, 0);
+    fclose(memory);
+    free(text);
+    FILE* out = fopen("/dev/null", "w");
+    for (auto _ : state) {
+        reader.getLogDetailsForLogId(pcap, header, bytes, pcap.storageLength, out, 0);
+    }
+    fclose(out);
+    state.SetItemsProcessed(state.iterations());
+    state.counters["line_bytes"] = static_cast<double>(length);
+}
+BENCHMARK(BM_Dispatch_SelfRecreatingPlaceholder)->Arg(32)->Arg(256);
+
 // ---- Whole captures ------------------------------------------------------------------
 
 /// A capture of a given number of records for a dictionary of 50 logs
