@@ -102,9 +102,12 @@ struct Record {
     std::uint64_t number = 0;
     /// Offset of the record's pcap header in the uncompressed capture.
     std::uint64_t offset = 0;
-    /// The record time as shown: the sender's time plus the UTC offset.
+    /// The record time as shown: the sender's time plus the UTC offset
+    /// (pcapHeader holds the sender's time itself).
     std::uint32_t seconds = 0;
     std::uint32_t microseconds = 0;
+    /// The offset the stream adds, in minutes.
+    std::int32_t utcOffsetMinutes = 0;
     /// The headers the record was decoded from (for UDP framings the sender's
     /// embedded record header).
     PcapRecHeader pcapHeader;
@@ -137,6 +140,11 @@ struct Record {
     /// The exact line the reader prints for this record, line feed included.
     /// Empty when the stream was opened without texts.
     std::string_view text;
+    /// The message part of the line: for a binary log record its last field
+    /// (the log string with its values), for a legacy record the log string
+    /// and the values after it, for a syslog record the message as the line
+    /// shows it; empty for a plain capture record and without texts.
+    std::string_view message;
 
     /// The decoder that gives the values (the library's own).
     const detail::RecordDecoder* source = nullptr;
@@ -219,6 +227,11 @@ struct Event {
     /// display format. DataError, ReadError, OpenFailed: the system's or
     /// zlib's message.
     std::string_view name;
+    /// UnknownLogId, VersionMismatch, LevelOutOfRange, InvalidPacketType: the
+    /// headers and payload of the record that was not printed.
+    PcapRecHeader pcapHeader;
+    BinLogHeader binLogHeader;
+    std::string_view payload;
     /// Summary only.
     StatsSummary summary;
     /// The exact text the reader prints (line feed included where it has one).

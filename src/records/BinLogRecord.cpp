@@ -775,8 +775,10 @@ void RecordDecoder::renderDirect(const LogPlan& plan, const ByteReader& payload)
     if (plan.mayHaveNul) {
         cutAtNul(*line_, messageStart);
     }
+    const std::size_t messageEnd = line_->size();
     appendLiteral(*line_, "] \n");
     record_.text = line_->view(lineStart_, line_->size() - lineStart_);
+    record_.message = line_->view(messageStart, messageEnd - messageStart);
 }
 
 void RecordDecoder::fillValues() {
@@ -878,8 +880,10 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
     if (plan.mayHaveNul) {
         cutAtNul(*line_, messageStart);
     }
+    const std::size_t messageEnd = line_->size();
     appendLiteral(*line_, "] \n");
     record_.text = line_->view(lineStart_, line_->size() - lineStart_);
+    record_.message = line_->view(messageStart, messageEnd - messageStart);
 }
 
 }  // namespace detail

@@ -37,6 +37,14 @@ void RecordDecoder::emit(Event& event, std::string_view text) {
     event.record = origin_.number;
     event.offset = origin_.offset;
     event.text = text;
+    if (event.kind == EventKind::UnknownLogId || event.kind == EventKind::VersionMismatch ||
+        event.kind == EventKind::LevelOutOfRange || event.kind == EventKind::InvalidPacketType) {
+        event.pcapHeader = record_.pcapHeader;
+        event.binLogHeader = record_.binLogHeader;
+        event.payload = std::string_view(
+            payload_.size() != 0 ? reinterpret_cast<const char*>(payload_.data()) : "",
+            payload_.size());
+    }
     sink_->emit(event);
 }
 
@@ -116,6 +124,9 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     record_.syslogTag = std::string_view();
     record_.syslogMessage = std::string_view();
     record_.text = std::string_view();
+    record_.message = std::string_view();
+    record_.utcOffsetMinutes = settings.utcOffsetMinutes;
+    payload_ = payload;
     record_.capture = origin.capture;
     record_.number = origin.number;
     record_.offset = origin.offset;

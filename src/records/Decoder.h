@@ -190,6 +190,7 @@ class RecordDecoder : private SequenceReport {
     EventSink* sink_;
     DecodeSettings settings_;
     RecordOrigin origin_;
+    ByteReader payload_;
 
     bool produced_ = false;
     Record record_;

@@ -147,6 +147,7 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
     } else {
         line_->push_back(' ');
     }
+    const std::size_t messageStart = line_->size();
     line_->append(logString);
     line_->push_back(' ');
     for (std::size_t i = 0; i < log.uint32Params.size(); ++i) {
@@ -161,8 +162,10 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
         line_->append(printed(textOf(1)));
         line_->push_back(' ');
     }
+    const std::size_t messageEnd = line_->size();
     line_->push_back('\n');
     record_.text = line_->view(lineStart_, line_->size() - lineStart_);
+    record_.message = line_->view(messageStart, messageEnd - messageStart);
 }
 
 }  // namespace detail

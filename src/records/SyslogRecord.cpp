@@ -58,6 +58,7 @@ int RecordDecoder::decodeSyslog(const ByteReader& payload) {
     appendLiteral(*line_, "] [");
     // Line feeds show as "\n" so that the record stays on one line; the
     // message is printed up to its first NUL.
+    const std::size_t messageStart = line_->size();
     for (const char c : printed(message)) {
         if (c == '\n') {
             appendLiteral(*line_, "\\n");
@@ -65,8 +66,10 @@ int RecordDecoder::decodeSyslog(const ByteReader& payload) {
             line_->push_back(c);
         }
     }
+    const std::size_t messageEnd = line_->size();
     appendLiteral(*line_, "]\n");
     record_.text = line_->view(lineStart_, line_->size() - lineStart_);
+    record_.message = line_->view(messageStart, messageEnd - messageStart);
     return 0;
 }
 

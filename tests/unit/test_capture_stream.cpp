@@ -436,6 +436,9 @@ TEST_F(CaptureStreamTest, ARecordCarriesItsValuesInDeclarationOrder) {
     EXPECT_EQ(record->text,
               "[2023-11-14T23:13:20.250Z] [CORE:sched] [                    Grant] [    INFO] "
               "[     SCHED] [41] [cell=7 carrier=1 ] [ue ue=17 got bytes=1024 in state=ok] \n");
+    EXPECT_EQ(record->message, "ue ue=17 got bytes=1024 in state=ok");
+    EXPECT_EQ(record->utcOffsetMinutes, 60);
+    EXPECT_EQ(record->pcapHeader.tsSec, 1700000000u);
     EXPECT_FALSE(stream.next());
     EXPECT_FALSE(stream.damaged());
     EXPECT_TRUE(stream.opened());
@@ -480,11 +483,16 @@ TEST_F(CaptureStreamTest, EventsComeBeforeTheRecordTheyBelongTo) {
     std::vector<std::string> items;
     const Tav::Event* gap = nullptr;
     Tav::Event gapCopy;
+    std::uint32_t unknownLogId = 0;
     while (stream.next()) {
         if (const Tav::Event* event = stream.event()) {
             items.push_back(
                 std::string(event->stream == Tav::EventStream::Output ? "out " : "err ") +
                 std::string(event->text));
+            if (event->kind == Tav::EventKind::UnknownLogId) {
+                unknownLogId = event->binLogHeader.logId;
+                EXPECT_EQ(event->payload.size(), 0u);
+            }
             if (event->kind == Tav::EventKind::Gap) {
                 gap = event;
                 gapCopy = *event;
@@ -503,6 +511,7 @@ TEST_F(CaptureStreamTest, EventsComeBeforeTheRecordTheyBelongTo) {
     EXPECT_EQ(gapCopy.record, 2u);
     ASSERT_EQ(items.size(), 5u);
     EXPECT_EQ(items[0], "err Log id :1020009 not valid\n");
+    EXPECT_EQ(unknownLogId, 0x01020009u);
     EXPECT_EQ(items[1],
               "out >>possibly missing packets: module=0x102,lastSeqNo=1,curSeqNo=41: "
               "diff=39,missingRecords_=0\n");
