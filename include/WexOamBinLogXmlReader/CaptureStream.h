@@ -21,6 +21,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "../WexOamBinLogXmlReaderExport.h"
 #include "Record.h"
@@ -29,6 +31,7 @@ namespace Tav {
 
 class BinaryLogXmlReader;
 class StreamSession;
+class Filter;
 
 /// What kind of capture file a stream reads.
 enum class CaptureFormat : std::uint8_t {
@@ -62,6 +65,15 @@ struct StreamOptions {
     /// Otherwise pcapng, nanosecond and big-endian pcap, VLAN tags, IPv4
     /// options, Linux cooked captures, raw IP and BSD loopback are read too.
     bool strict = false;
+    /// After damage (an oversized or implausible record, a truncated record,
+    /// corrupt compressed data, a damaged pcapng block), look for the next
+    /// plausible record and read on from it, with a Resync event that tells
+    /// the bytes skipped, instead of ending the capture. Not with strict.
+    bool resync = false;
+    /// Only records this filter keeps come out (it must outlive the stream).
+    /// A record the filter rejects from its header fields is not decoded;
+    /// statistics and the checks of every record happen all the same.
+    const Filter* filter = nullptr;
     /// Captures read one after the other in one session share its
     /// statistics and level table (see StreamSession); null: the stream has
     /// its own.
@@ -137,6 +149,30 @@ class WEXBL_API CaptureStream {
     /// Records read from the capture so far, and uncompressed bytes.
     std::uint64_t recordsRead() const;
     std::uint64_t bytesRead() const;
+    /// Bytes of the file read so far (compressed bytes for gzip): against
+    /// the file's size, how far a run has come.
+    std::uint64_t inputBytesRead() const;
+
+    /// The statistics summary of what was read so far (with statistics on;
+    /// empty otherwise), as the end of a capture prints it: for a program
+    /// stopped before the end.
+    std::string statisticsSoFar() const;
+
+    /// Capture records that carried no binary log record, by reason.
+    struct SkippedFrames {
+        std::uint64_t notIp = 0;          ///< the link layer carries something else
+        std::uint64_t notUdp = 0;         ///< an IP packet of another protocol
+        std::uint64_t otherPort = 0;      ///< a UDP datagram to another port
+        std::uint64_t tooShort = 0;       ///< ends inside its headers
+        std::uint64_t otherLinkType = 0;  ///< an interface of a link type not read
+        std::uint64_t total() const {
+            return notIp + notUdp + otherPort + tooShort + otherLinkType;
+        }
+    };
+    SkippedFrames skippedFrames() const;
+    /// The UDP destination ports of the datagrams seen so far, with how many
+    /// datagrams went to each, in port order (the chosen port included).
+    std::vector<std::pair<std::uint16_t, std::uint64_t>> udpPorts() const;
 
   private:
     struct Impl;

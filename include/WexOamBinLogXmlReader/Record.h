@@ -178,6 +178,8 @@ enum class EventKind : std::uint8_t {
     Summary,  ///< the end-of-capture statistics
     // Streams that read more than the original formats.
     Note,  ///< information about the capture (format, framing) on standard error
+    /// Streams that resynchronise after damage: the bytes skipped.
+    Resync,
 };
 
 /// Where the reader prints an event's text.
@@ -217,12 +219,16 @@ struct Event {
     std::int32_t missing = 0;
     std::int32_t missingBefore = 0;
     /// BadLinkType: the link type. Oversized: the record length.
-    /// Truncated: bytes expected. VarBinaryTooLong: the declared size.
+    /// Truncated: bytes expected. Resync: 1 when a record followed the
+    /// skipped bytes, 0 when the capture ended in them. VarBinaryTooLong: the declared size.
     /// SyslogTooShort: the storage length.
     std::uint32_t length = 0;
     /// Truncated: bytes present (-1 after a read error). VarBinaryTooLong:
     /// the count in the payload. DataError: uncompressed bytes before it.
+    /// Resync: uncompressed bytes skipped (`offset` is the first of them).
     std::int64_t count = 0;
+    /// Resync: compressed bytes of the file skipped to resume inflating.
+    std::uint64_t compressedSkipped = 0;
     /// VersionMismatch, LevelOutOfRange: the log's name. DisplayNotFound: the
     /// display format. DataError, ReadError, OpenFailed: the system's or
     /// zlib's message.

@@ -28,6 +28,8 @@ constexpr std::uint32_t kBlockSection = 0x0A0D0D0A;
 constexpr std::uint32_t kBlockInterface = 1;
 constexpr std::uint32_t kBlockPacket = 2;
 constexpr std::uint32_t kBlockSimplePacket = 3;
+constexpr std::uint32_t kBlockNameResolution = 4;
+constexpr std::uint32_t kBlockInterfaceStatistics = 5;
 constexpr std::uint32_t kBlockEnhancedPacket = 6;
 
 constexpr std::uint32_t kByteOrderMagic = 0x1A2B3C4D;
@@ -327,8 +329,91 @@ ReadResult PcapReader::ngPacket(std::uint32_t type, std::uint32_t length, RawRec
     record.data = ByteReader(source_.data() + fixedBytes, capturedLength);
     record.offset = source_.offset();
     record.number = ++records_;
+    lastSeconds_ = record.header.tsSec;
+    haveLastSeconds_ = true;
     source_.consume(length);
     return ReadResult::Record;
+}
+
+namespace {
+
+/// The smallest length of a block of `type`, 0 for a type a resync scan does
+/// not accept.
+std::uint32_t minimumBlock(std::uint32_t type) {
+    switch (type) {
+        case kBlockSection:
+            return kMinSectionBlock;
+        case kBlockInterface:
+            return kMinInterfaceBlock;
+        case kBlockPacket:
+        case kBlockEnhancedPacket:
+            return 32;
+        case kBlockSimplePacket:
+            return 16;
+        case kBlockNameResolution:
+        case kBlockInterfaceStatistics:
+            return kMinBlock;
+        default:
+            return 0;
+    }
+}
+
+}  // namespace
+
+bool PcapReader::ngBlockPlausible(const unsigned char* bytes, std::size_t have, bool atEnd,
+                                  bool& needMore) const {
+    needMore = false;
+    const ByteReader head(bytes, have);
+    bool bigEndian = bigEndian_;
+    const auto word = [&](std::uint64_t offset) {
+        if (!bigEndian) {
+            return head.get_u32le(offset);
+        }
+        return (static_cast<std::uint32_t>(head.get_u16be(offset)) << 16) |
+               head.get_u16be(offset + 2);
+    };
+    const std::uint32_t type = word(0);
+    if (type == kBlockSection) {
+        if (have < 12) {
+            needMore = !atEnd;
+            return false;
+        }
+        const std::uint32_t byteOrder = head.get_u32le(8);
+        if (byteOrder != kByteOrderMagic && byteOrder != kByteOrderMagicSwapped) {
+            return false;
+        }
+        bigEndian = byteOrder == kByteOrderMagicSwapped;
+    }
+    const std::uint32_t minimum = minimumBlock(type);
+    const std::uint32_t length = word(4);
+    if (minimum == 0 || length < minimum || length % 4 != 0 || length > ByteSource::kWindowLimit) {
+        return false;
+    }
+    if (type != kBlockSection) {
+        // A packet must name an interface described before the damage.
+        if ((type == kBlockEnhancedPacket && word(8) >= interfaces_.size()) ||
+            (type == kBlockPacket &&
+             ((word(8) >> (bigEndian ? 16 : 0)) & 0xFFFF) >= interfaces_.size()) ||
+            (type == kBlockSimplePacket && interfaces_.empty())) {
+            return false;
+        }
+    }
+    if (have < std::size_t(length) + 8) {
+        if (!atEnd) {
+            needMore = true;
+            return false;
+        }
+        return have == length && word(length - 4) == length;
+    }
+    if (word(length - 4) != length) {
+        return false;
+    }
+    // The block after it: a known type and a sound length.
+    const std::uint32_t nextType = word(length);
+    const std::uint32_t nextMinimum = minimumBlock(nextType);
+    const std::uint32_t nextLength = word(length + 4);
+    return nextMinimum != 0 && nextLength >= nextMinimum && nextLength % 4 == 0 &&
+           nextLength <= ByteSource::kWindowLimit;
 }
 
 }  // namespace capture

@@ -111,6 +111,9 @@ ReadResult PcapReader::next(RawRecord& record) {
     if (!opened_) {
         return openResult_;
     }
+    if (scanning_) {
+        return scan();
+    }
     if (finished_) {
         return finalResult_;
     }
@@ -163,8 +166,125 @@ ReadResult PcapReader::nextPcap(RawRecord& record) {
     record.data = ByteReader(source_.data() + kPcapRecordHeaderBytes, length);
     record.offset = source_.offset();
     record.number = ++records_;
+    lastSeconds_ = header.tsSec;
+    haveLastSeconds_ = true;
     source_.consume(need);
     return ReadResult::Record;
+}
+
+bool PcapReader::resync(std::function<bool(const RawRecord&)> plausible) {
+    if (!opened_ || scanning_ || !finished_) {
+        return false;
+    }
+    switch (finalResult_) {
+        case ReadResult::Oversized:
+        case ReadResult::Truncated:
+        case ReadResult::DataError:
+        case ReadResult::BadBlock:
+            break;
+        default:
+            return false;
+    }
+    plausible_ = std::move(plausible);
+    scanning_ = true;
+    finished_ = false;
+    skipRemaining_ = 0;
+    resyncFound_ = false;
+    resyncFrom_ = source_.offset();
+    resyncTo_ = resyncFrom_;
+    resyncCompressed_ = 0;
+    return true;
+}
+
+bool PcapReader::pcapHeaderPlausible(const unsigned char* bytes, PcapRecHeader& header) const {
+    const ByteReader headerBytes(bytes, kPcapRecordHeaderBytes);
+    header.tsSec = u32(headerBytes, 0);
+    header.tsUsec = u32(headerBytes, 4);
+    header.capturedLength = u32(headerBytes, 8);
+    header.storageLength = u32(headerBytes, 12);
+    if (header.tsUsec >= (nanoseconds_ ? 1000000000u : 1000000u) ||
+        header.capturedLength > kMaxRecordLength || header.storageLength > kMaxRecordLength) {
+        return false;
+    }
+    if (nanoseconds_) {
+        header.tsUsec /= 1000;
+    }
+    return true;
+}
+
+ReadResult PcapReader::scan() {
+    const bool ng = !strict_ && format_ == CaptureFormat::PcapNg;
+    const std::size_t headBytes = ng ? 8 : kPcapRecordHeaderBytes;
+    for (;;) {
+        std::size_t have = source_.ensure(headBytes);
+        if (have < headBytes) {
+            if (source_.state() == SourceState::DataError) {
+                std::uint64_t skipped = 0;
+                const bool resumed = source_.recover(skipped);
+                resyncCompressed_ += skipped;
+                if (resumed) {
+                    continue;
+                }
+            }
+            if (source_.state() == SourceState::Ok && source_.wouldBlock()) {
+                return ReadResult::Pending;
+            }
+            // The capture ends without another plausible record.
+            source_.consume(have);
+            scanning_ = false;
+            finished_ = true;
+            finalResult_ = ReadResult::End;
+            resyncTo_ = source_.offset();
+            return ReadResult::Resynced;
+        }
+        bool found = false;
+        if (ng) {
+            bool needMore = false;
+            found = ngBlockPlausible(source_.data(), have, false, needMore);
+            if (needMore) {
+                have = source_.ensure(ByteSource::kWindowLimit);
+                if (source_.state() == SourceState::Ok && source_.wouldBlock()) {
+                    return ReadResult::Pending;
+                }
+                found = ngBlockPlausible(source_.data(), have, source_.state() == SourceState::End,
+                                         needMore);
+            }
+        } else {
+            PcapRecHeader header;
+            if (pcapHeaderPlausible(source_.data(), header) &&
+                (!haveLastSeconds_ ||
+                 (header.tsSec >= lastSeconds_
+                      ? header.tsSec - lastSeconds_
+                      : lastSeconds_ - header.tsSec) <= kResyncWindowSeconds)) {
+                const std::size_t body = kPcapRecordHeaderBytes + header.storageLength;
+                have = source_.ensure(body + kPcapRecordHeaderBytes);
+                if (have < body + kPcapRecordHeaderBytes && source_.state() == SourceState::Ok &&
+                    source_.wouldBlock()) {
+                    return ReadResult::Pending;
+                }
+                PcapRecHeader following;
+                const bool chained = have >= body + kPcapRecordHeaderBytes
+                                         ? pcapHeaderPlausible(source_.data() + body, following)
+                                         : have >= body && source_.state() == SourceState::End;
+                if (chained) {
+                    RawRecord record;
+                    record.header = header;
+                    record.linkType = linkType_;
+                    record.data =
+                        ByteReader(source_.data() + kPcapRecordHeaderBytes, header.storageLength);
+                    record.offset = source_.offset();
+                    found = !plausible_ || plausible_(record);
+                }
+            }
+        }
+        if (found) {
+            scanning_ = false;
+            resyncFound_ = true;
+            resyncTo_ = source_.offset();
+            return ReadResult::Resynced;
+        }
+        source_.consume(1);
+    }
 }
 
 }  // namespace capture

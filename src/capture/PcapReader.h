@@ -36,15 +36,16 @@
 // of options (what was read stays in force).
 //
 // Results are sticky: after End or any failure next() returns the same result
-// again. Pending is not a failure: an incremental source has no more bytes
-// yet, nothing of the unfinished record or header was consumed (only a pcapng
-// block being skipped may be partly consumed; the skipping resumes), and
-// next() (or open()) may be called again later.
+// again, unless resync() is called. Pending is not a failure: an incremental source has no more
+// bytes yet, nothing of the unfinished record or header was consumed (only a pcapng block being
+// skipped may be partly consumed; the skipping resumes), and next() (or open()) may be called again
+// later.
 #ifndef WEXBL_SRC_CAPTURE_PCAP_READER_H
 #define WEXBL_SRC_CAPTURE_PCAP_READER_H
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "BinLogRecordHeaders.h"
@@ -88,7 +89,28 @@ enum class ReadResult {
     NotACapture,     // open(), not strict: an unknown magic; or a pcapng stream
                      // whose first block is not a section header
     BadBlock,        // pcapng structure error (see above)
+    Resynced,        // next() after resync(): the scan ended (resyncFound(), resyncFrom/To())
 };
+
+/// Resynchronisation after damage: resync() turns a reader that stopped on
+/// Oversized, Truncated, DataError or BadBlock into one that scans forward,
+/// byte by byte, for the next plausible record, and reads on from there.
+///
+/// pcap: a 16-byte record header is plausible when both length fields are
+/// at most kMaxRecordLength, the microseconds are below 10^6 (nanoseconds
+/// below 10^9), the seconds lie within kResyncWindowSeconds of the last good
+/// record's (when there was one), the header that follows the record is
+/// plausible by the same length and fraction rules or the capture ends right
+/// after the record, and the caller's `plausible` accepts the record (the
+/// stream checks for a known packet type).
+/// pcapng: a block is plausible when its type is a section header, an
+/// interface description, a packet or an interface statistics block, its
+/// length is a multiple of 4 within bounds and repeated in its trailer, a
+/// packet names a known interface, and the block that follows is plausible
+/// the same way or the capture ends right after it.
+/// A DataError is first handed to the source's recover(); when the compressed
+/// data cannot be resumed, the scan ends there.
+constexpr std::uint32_t kResyncWindowSeconds = 86400;
 
 class PcapReader {
   public:
@@ -126,6 +148,20 @@ class PcapReader {
     std::uint32_t truncatedExpected() const { return truncatedExpected_; }
     /// After Oversized: the record length.
     std::uint32_t oversizedLength() const { return oversizedLength_; }
+    /// Starts a scan for the next plausible record after a failure; false
+    /// (nothing changes) when the last result was no failure that allows one.
+    /// next() then scans and returns Resynced once the scan ended, Pending
+    /// while an incremental source has no bytes yet, and then the records
+    /// from the one found on (End when none was found).
+    bool resync(std::function<bool(const RawRecord&)> plausible);
+    /// After Resynced: whether a record was found, the uncompressed offsets of
+    /// the first byte skipped and of the first byte read again (the end of
+    /// what was read when none was found), and the compressed bytes skipped
+    /// by the source's recovery.
+    bool resyncFound() const { return resyncFound_; }
+    std::uint64_t resyncFrom() const { return resyncFrom_; }
+    std::uint64_t resyncTo() const { return resyncTo_; }
+    std::uint64_t resyncCompressedSkipped() const { return resyncCompressed_; }
     /// Records handed out so far.
     std::uint64_t records() const { return records_; }
     ByteSource& source() const { return source_; }
@@ -152,6 +188,11 @@ class PcapReader {
     ReadResult ngInterface(const ByteReader& block);
     ReadResult ngPacket(std::uint32_t type, std::uint32_t length, RawRecord& record);
     ReadResult ngSkip();
+    /// One step of a resync scan.
+    ReadResult scan();
+    bool pcapHeaderPlausible(const unsigned char* bytes, PcapRecHeader& header) const;
+    bool ngBlockPlausible(const unsigned char* bytes, std::size_t have, bool atEnd,
+                          bool& needMore) const;
     /// A block cut short after `have` of its `expected` bytes.
     ReadResult ngShort(std::size_t have, std::uint32_t expected);
     std::uint32_t u32(const ByteReader& bytes, std::uint64_t offset) const;
@@ -171,6 +212,16 @@ class PcapReader {
     std::uint32_t truncatedExpected_ = 0;
     std::uint32_t oversizedLength_ = 0;
     std::uint64_t records_ = 0;
+    std::uint32_t lastSeconds_ = 0;  // of the last record handed out
+    bool haveLastSeconds_ = false;
+
+    // resync
+    bool scanning_ = false;
+    std::function<bool(const RawRecord&)> plausible_;
+    bool resyncFound_ = false;
+    std::uint64_t resyncFrom_ = 0;
+    std::uint64_t resyncTo_ = 0;
+    std::uint64_t resyncCompressed_ = 0;
 
     // pcapng
     std::vector<Interface> interfaces_;

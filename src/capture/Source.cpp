@@ -15,6 +15,16 @@
 //           anything else after a member is trailing garbage, ignored.
 //   Gzip  - inflating a member (inflateInit2 with 15 + 16: gzip only).
 //   Copy  - plain data passed through.
+//
+// Recovery after a data error (recover()) looks at the compressed bytes after
+// the point where inflate() failed for a place to start again: a gzip member
+// header (1f 8b 08 and no reserved flag), or an empty stored block
+// (00 00 ff ff), which is how a flush point looks; after a full flush the
+// data that follows refers to nothing before it (pigz --independent writes
+// one every 128 KiB), so a raw inflate can start there. A candidate is taken
+// when a trial inflate of up to kTrialOutput bytes from it meets no error;
+// otherwise the search goes on one byte further. A raw stream is followed by
+// its member's 8-byte trailer, which is skipped without being checked.
 #include "capture/Source.h"
 
 #include <fcntl.h>
@@ -45,6 +55,12 @@ constexpr std::size_t kWindowCapacity = ByteSource::kWindowLimit + 512 * 1024;
 constexpr std::size_t kInputCapacity = 256 * 1024;
 /// inflate() counts its input in uInt: memory input is handed over in pieces.
 constexpr std::size_t kMaxInflateInput = std::size_t(1) << 30;
+/// Bytes a recovery candidate must inflate without error to be taken.
+constexpr std::size_t kTrialOutput = 32 * 1024;
+/// Compressed bytes gathered before a candidate is tried.
+constexpr std::size_t kTrialInput = 64 * 1024;
+constexpr int kGzipWindowBits = 15 + 16;
+constexpr int kRawWindowBits = -15;
 
 /// Owns a descriptor (or merely borrows it).
 class Descriptor {
@@ -78,14 +94,15 @@ class Inflater {
     Inflater(const Inflater&) = delete;
     Inflater& operator=(const Inflater&) = delete;
 
-    /// Prepares for a new gzip member.
-    void start() {
+    /// Prepares for a new gzip member, or with kRawWindowBits for raw
+    /// deflate data.
+    void start(int windowBits = kGzipWindowBits) {
         if (live_) {
-            inflateReset(&stream_);
+            inflateReset2(&stream_, windowBits);
             return;
         }
         stream_ = z_stream();
-        const int ret = inflateInit2(&stream_, 15 + 16);
+        const int ret = inflateInit2(&stream_, windowBits);
         if (ret == Z_MEM_ERROR) {
             throw std::bad_alloc();
         }
@@ -116,6 +133,8 @@ class StreamSource final : public ByteSource {
         inNext_ = memory_;
     }
 
+    bool recover(std::uint64_t& skipped) override;
+
   protected:
     std::size_t refill(std::size_t n) override;
 
@@ -130,6 +149,13 @@ class StreamSource final : public ByteSource {
     void inflateStep();
     void copyStep();
     void useWindow();
+    /// Drops `n` (at most inAvail_) unconsumed input bytes.
+    void dropInput(std::size_t n) {
+        inNext_ += n;
+        inAvail_ -= n;
+    }
+    /// Inflates a trial from the candidate at the start of the input.
+    bool tryResume(bool raw);
     void end() { state_ = SourceState::End; }
 
     Descriptor fd_;
@@ -148,6 +174,8 @@ class StreamSource final : public ByteSource {
     Inflater inflater_;
     Mode mode_ = Mode::Look;
     bool hadMember_ = false;
+    bool raw_ = false;             // inflating raw deflate data (after a recovery)
+    std::size_t skipTrailer_ = 0;  // input bytes to drop before looking for a member
 };
 
 /// Appends more raw input after the unconsumed bytes. Data: some arrived;
@@ -165,6 +193,7 @@ StreamSource::Pull StreamSource::pullInput() {
         }
         inAvail_ += more;
         memoryFed_ += more;
+        inputRead_ += more;
         return Pull::Data;
     }
     if (inNext_ != input_.get()) {
@@ -175,6 +204,7 @@ StreamSource::Pull StreamSource::pullInput() {
         const ssize_t got = ::read(fd_.get(), input_.get() + inAvail_, kInputCapacity - inAvail_);
         if (got > 0) {
             inAvail_ += static_cast<std::size_t>(got);
+            inputRead_ += static_cast<std::uint64_t>(got);
             return Pull::Data;
         }
         if (got == 0) {
@@ -185,6 +215,10 @@ StreamSource::Pull StreamSource::pullInput() {
             return Pull::Eof;
         }
         if (errno == EINTR) {
+            if (stopping()) {
+                inputEnded_ = true;
+                return Pull::Eof;
+            }
             continue;
         }
         return errno == EAGAIN || errno == EWOULDBLOCK ? Pull::Again : Pull::Error;
@@ -217,6 +251,18 @@ void StreamSource::useWindow() {
 }
 
 void StreamSource::look() {
+    while (skipTrailer_ > 0) {
+        if (inAvail_ == 0) {
+            const Pull pull = pullInput();
+            if (pull != Pull::Data) {
+                handlePull(pull);
+                return;
+            }
+        }
+        const std::size_t drop = std::min(skipTrailer_, inAvail_);
+        dropInput(drop);
+        skipTrailer_ -= drop;
+    }
     while (inAvail_ < 2 && !inputEnded_) {
         const Pull pull = pullInput();
         if (pull == Pull::Again || pull == Pull::Error) {
@@ -290,6 +336,10 @@ void StreamSource::inflateStep() {
             break;
         case Z_STREAM_END:
             mode_ = Mode::Look;
+            if (raw_) {
+                raw_ = false;
+                skipTrailer_ = 8;
+            }
             break;
         case Z_MEM_ERROR:
             throw std::bad_alloc();
@@ -313,10 +363,15 @@ void StreamSource::copyStep() {
             ::read(fd_.get(), window_.get() + available_, kWindowCapacity - available_);
         if (got > 0) {
             available_ += static_cast<std::size_t>(got);
+            inputRead_ += static_cast<std::uint64_t>(got);
             return;
         }
-        if (got < 0 && errno == EINTR) {
+        if (got < 0 && errno == EINTR && !stopping()) {
             continue;
+        }
+        if (got < 0 && errno == EINTR) {
+            handlePull(Pull::Eof);
+            return;
         }
         if (got == 0) {
             handlePull(follow_ ? Pull::Again : Pull::Eof);
@@ -324,6 +379,97 @@ void StreamSource::copyStep() {
             handlePull(errno == EAGAIN || errno == EWOULDBLOCK ? Pull::Again : Pull::Error);
         }
         return;
+    }
+}
+
+bool StreamSource::tryResume(bool raw) {
+    const std::size_t skip = raw ? 4 : 0;
+    inflater_.start(raw ? kRawWindowBits : kGzipWindowBits);
+    if (!inflater_.live()) {
+        return false;
+    }
+    z_stream& stream = inflater_.stream();
+    const std::size_t room = std::min(kWindowCapacity - available_, kTrialOutput);
+    stream.next_in = const_cast<unsigned char*>(inNext_ + skip);
+    stream.avail_in = static_cast<uInt>(inAvail_ - skip);
+    stream.next_out = window_.get() + available_;
+    stream.avail_out = static_cast<uInt>(room);
+    const int ret = inflate(&stream, Z_NO_FLUSH);
+    if (ret == Z_MEM_ERROR) {
+        throw std::bad_alloc();
+    }
+    const std::size_t produced = room - stream.avail_out;
+    if ((ret != Z_OK && ret != Z_STREAM_END) || produced == 0) {
+        return false;
+    }
+    available_ += produced;
+    inNext_ = stream.next_in;
+    inAvail_ = stream.avail_in;
+    raw_ = raw;
+    mode_ = Mode::Gzip;
+    if (ret == Z_STREAM_END) {
+        mode_ = Mode::Look;
+        if (raw_) {
+            raw_ = false;
+            skipTrailer_ = 8;
+        }
+    }
+    return true;
+}
+
+bool StreamSource::recover(std::uint64_t& skipped) {
+    skipped = 0;
+    if (state_ != SourceState::DataError || mode_ != Mode::Gzip || !window_) {
+        return false;
+    }
+    if (data_ != window_.get()) {
+        std::memmove(window_.get(), data_, available_);
+        data_ = window_.get();
+    }
+    // inflate() stopped at the byte where the error showed: look from there.
+    for (;;) {
+        while (inAvail_ < kTrialInput && !inputEnded_) {
+            if (pullInput() != Pull::Data) {
+                break;
+            }
+        }
+        std::size_t at = 0;
+        bool raw = false;
+        bool found = false;
+        for (; at + 4 <= inAvail_; ++at) {
+            const unsigned char* p = inNext_ + at;
+            if (p[0] == 0x1f && p[1] == 0x8b && p[2] == 8 && (p[3] & 0xE0) == 0) {
+                found = true;
+                break;
+            }
+            if (p[0] == 0 && p[1] == 0 && p[2] == 0xff && p[3] == 0xff) {
+                found = raw = true;
+                break;
+            }
+        }
+        if (!found) {
+            // Keep the last three bytes: a candidate may start in them.
+            const std::size_t drop = inAvail_ < 3 ? inAvail_ : inAvail_ - 3;
+            skipped += drop;
+            dropInput(drop);
+            if (inputEnded_ || drop == 0) {
+                skipped += inAvail_;
+                dropInput(inAvail_);
+                return false;
+            }
+            continue;
+        }
+        skipped += at;
+        dropInput(at);
+        const std::string error = error_;
+        state_ = SourceState::Ok;
+        if (tryResume(raw)) {
+            return true;
+        }
+        state_ = SourceState::DataError;
+        error_ = error;
+        skipped += 1;
+        dropInput(1);
     }
 }
 

@@ -30,6 +30,7 @@
 #ifndef WEXBL_SRC_CAPTURE_SOURCE_H
 #define WEXBL_SRC_CAPTURE_SOURCE_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -91,6 +92,26 @@ class ByteSource {
     std::uint64_t errorOffset() const { return errorOffset_; }
     /// A gzip member was found.
     bool compressed() const { return compressed_; }
+    /// A read interrupted by a signal while `*stop` is set ends the stream
+    /// instead of being tried again (a program stopping on SIGINT).
+    void setStopFlag(const std::atomic<bool>* stop) { stop_ = stop; }
+    /// Bytes of the file (or memory) read so far: compressed bytes for gzip,
+    /// for progress reports.
+    std::uint64_t inputBytes() const {
+        const std::uint64_t seen = offset_ + available_;
+        return inputRead_ > seen || compressed_ ? inputRead_ : seen;
+    }
+    /// After a DataError: looks in the compressed bytes after the error for a
+    /// point from which inflating can start afresh (the next gzip member, or
+    /// the block after a full flush point) and goes on from there, state() Ok
+    /// again. The bytes inflated before the error stay available; the newly
+    /// inflated bytes follow them, so the uncompressed stream simply jumps.
+    /// Returns false (the DataError stays) when no such point follows.
+    /// `skipped` is set to the compressed bytes passed over.
+    virtual bool recover(std::uint64_t& skipped) {
+        skipped = 0;
+        return false;
+    }
     /// The last ensure() came back short because an incremental source has no
     /// more bytes yet (a non-blocking descriptor, or end of file while
     /// following); a later ensure() may get more.
@@ -112,6 +133,9 @@ class ByteSource {
     std::uint64_t errorOffset_ = 0;
     bool compressed_ = false;
     bool wouldBlock_ = false;
+    std::uint64_t inputRead_ = 0;
+    const std::atomic<bool>* stop_ = nullptr;
+    bool stopping() const { return stop_ != nullptr && stop_->load(std::memory_order_relaxed); }
 };
 
 /// Opens `path` ("-" is standard input, not closed by the source) and reads it

@@ -820,31 +820,37 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
     record_.category = plan.log->category;
     valuesPlan_ = &plan;
     valuesPayload_ = payload;
-    produced_ = true;
+    const LevelTable::Level& level = levels_->get(header_.logLevel);
+    record_.levelName = *level.name;
+    Filter::Verdict verdict;
+    if (!headerPasses(verdict)) {
+        return;  // not decoded at all
+    }
     if (plan.direct) {
         // Nothing of the values needs reporting but var binary counts: the
         // line comes straight from the payload, the values when asked for.
         scanVarBinaries(plan.params, payload);
-        const LevelTable::Level& level = levels_->get(header_.logLevel);
-        record_.levelName = *level.name;
-        if (settings_.texts) {
-            startLine(pcap_);
-            renderDirect(plan, payload);
+    } else {
+        // Display formats that report what they cannot show: decoded now,
+        // in order, with their messages.
+        unsigned int offset = 0;
+        if (module.hasHeader) {
+            decodeTable(module.header, payload, offset, headerTable_);
+            offset += module.headerPadding;
         }
+        decodeTable(plan.params, payload, offset, logTable_);
+        decoded_ = true;
+    }
+    if (verdict == Filter::Verdict::Values && !settings_.filter->matches(record_)) {
         return;
     }
-    // Display formats that report what they cannot show: decoded now, in
-    // order, with their messages.
-    unsigned int offset = 0;
-    if (module.hasHeader) {
-        decodeTable(module.header, payload, offset, headerTable_);
-        offset += module.headerPadding;
-    }
-    decodeTable(plan.params, payload, offset, logTable_);
-    decoded_ = true;
-    const LevelTable::Level& level = levels_->get(header_.logLevel);
-    record_.levelName = *level.name;
+    produced_ = true;
     if (!settings_.texts) {
+        return;
+    }
+    if (plan.direct) {
+        startLine(pcap_);
+        renderDirect(plan, payload);
         return;
     }
 

@@ -73,6 +73,20 @@ void RecordDecoder::reorder(std::uint32_t module, std::int32_t last, std::int32_
     emit(event, eventText_);
 }
 
+bool RecordDecoder::headerPasses(Filter::Verdict& verdict) {
+    verdict = settings_.filter != nullptr ? settings_.filter->checkHeader(record_)
+                                          : Filter::Verdict::Accept;
+    return verdict != Filter::Verdict::Reject;
+}
+
+bool RecordDecoder::filterKeeps() {
+    Filter::Verdict verdict;
+    if (!headerPasses(verdict)) {
+        return false;
+    }
+    return verdict != Filter::Verdict::Values || settings_.filter->matches(record_);
+}
+
 void RecordDecoder::startLine(const PcapRecHeader& pcap) {
     // The time text first: a conversion failure is reported before any of
     // the line is written.

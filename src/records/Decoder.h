@@ -15,6 +15,7 @@
 
 #include "BinaryLogStatsCollector.h"
 #include "WexOamBinLogXmlReader/ByteReader.h"
+#include "WexOamBinLogXmlReader/Filter.h"
 #include "WexOamBinLogXmlReader/Record.h"
 #include "dictionary/Plan.h"
 #include "records/Placeholders.h"
@@ -41,6 +42,9 @@ struct DecodeSettings {
     bool fields = true;
     /// Build the line and the display texts.
     bool texts = true;
+    /// Only records this filter keeps come out (their checks, statistics
+    /// and level-table growth happen all the same).
+    const Filter* filter = nullptr;
 };
 
 /// Where a record comes from.
@@ -151,6 +155,11 @@ class RecordDecoder : private SequenceReport {
              std::int32_t missingBefore) override;
     void reorder(std::uint32_t module, std::int32_t last, std::int32_t current) override;
 
+    /// False when the filter rejects the record from its header fields;
+    /// `verdict` keeps what the header said.
+    bool headerPasses(Filter::Verdict& verdict);
+    /// Whether the filter keeps the record (header fields, then values).
+    bool filterKeeps();
     /// Starts the line with "[time".
     void startLine(const PcapRecHeader& pcap);
     void decodeBinLog(const LogPlan& plan, const ByteReader& payload);

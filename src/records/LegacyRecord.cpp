@@ -109,6 +109,9 @@ void RecordDecoder::decodeLegacy(const LogPlan& plan, const ByteReader& payload)
         paramsView_ = View<ParamField>(legacyFields_.data(), legacyFields_.size());
     }
     valuesFilled_ = true;
+    if (!filterKeeps()) {
+        return;
+    }
     produced_ = true;
     if (!settings_.texts) {
         return;

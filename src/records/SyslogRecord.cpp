@@ -44,6 +44,9 @@ int RecordDecoder::decodeSyslog(const ByteReader& payload) {
     record_.syslogMessage = message;
     const LevelTable::Level& level = levels_->get(header_.logLevel);
     record_.levelName = *level.name;
+    if (!filterKeeps()) {
+        return 0;
+    }
     produced_ = true;
     if (!settings_.texts) {
         return 0;
@@ -75,6 +78,9 @@ int RecordDecoder::decodeSyslog(const ByteReader& payload) {
 
 void RecordDecoder::decodeCapture() {
     record_.kind = RecordKind::Capture;
+    if (!filterKeeps()) {
+        return;
+    }
     produced_ = true;
     if (!settings_.texts) {
         return;

@@ -2,12 +2,16 @@
 // with the decoding state of its own.
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 
+#include <map>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include "BinaryLogXmlReader.h"
+#include "WexOamBinLogXmlReader/Filter.h"
 #include "capture/Framing.h"
 #include "capture/PcapReader.h"
 #include "capture/RecordHeaders.h"
@@ -87,8 +91,11 @@ struct CaptureStream::Impl : detail::EventSink {
         settings.utcOffsetMinutes = options.utcOffsetMinutes;
         settings.maxVarBinaryBytes = options.maxVarBinaryBytes;
         settings.stats = options.stats;
-        settings.fields = options.values;
+        // A filter that compares values needs them, whatever the program asks.
+        settings.fields =
+            options.values || (options.filter != nullptr && options.filter->usesValues());
         settings.texts = options.texts;
+        settings.filter = options.filter;
     }
 
     // ---- Events ----------------------------------------------------------------------------
@@ -251,6 +258,54 @@ struct CaptureStream::Impl : detail::EventSink {
                 break;
         }
         damaged = true;
+        if (options.resync && !options.strict && pcap && pcap->resync(resyncCheck())) {
+            phase = Phase::Read;
+        }
+    }
+
+    /// What a resync scan asks of a record besides a sound header: that it
+    /// carries a binary log record of a known packet type, or is a UDP
+    /// datagram to another port or another IP packet.
+    std::function<bool(const capture::RawRecord&)> resyncCheck() const {
+        const std::uint16_t port = options.udpPort;
+        return [port](const capture::RawRecord& raw) {
+            const auto known = [](const BinLogHeader& header) {
+                return header.packetType <= PcapCapture;
+            };
+            if (raw.linkType == capture::kLinkBinLog) {
+                return raw.data.size() >= sizeof(BinLogHeader) &&
+                       known(detail::readBinLogHeader(raw.data, 0));
+            }
+            const capture::Unframed frame =
+                capture::unframe(raw.linkType, raw.header, raw.data, port, false);
+            return (frame.status == capture::FrameStatus::Ok && known(frame.binLogHeader)) ||
+                   frame.status == capture::FrameStatus::OtherPort ||
+                   frame.status == capture::FrameStatus::NotUdp;
+        };
+    }
+
+    /// Reports the end of a resync scan.
+    void resynced() {
+        const std::uint64_t from = pcap->resyncFrom();
+        const std::uint64_t to = pcap->resyncTo();
+        const std::uint64_t compressedSkipped = pcap->resyncCompressedSkipped();
+        std::string text = pcap->resyncFound()
+                               ? "Resynchronised: skipped bytes " + std::to_string(from) + " to " +
+                                     std::to_string(to) + " (" + std::to_string(to - from) +
+                                     " bytes"
+                               : "No record found after the damage: skipped "
+                                 "bytes " +
+                                     std::to_string(from) + " to " + std::to_string(to) +
+                                     ", the end (" + std::to_string(to - from) + " bytes";
+        if (compressedSkipped != 0) {
+            text += ", and " + std::to_string(compressedSkipped) + " compressed bytes";
+        }
+        text += ")\n";
+        Event& event = streamEvent(EventKind::Resync, EventStream::Error, text);
+        event.offset = from;
+        event.count = static_cast<std::int64_t>(to - from);
+        event.length = pcap->resyncFound() ? 1 : 0;
+        event.compressedSkipped = compressedSkipped;
     }
 
     /// Reads until an item is queued or the capture ends.
@@ -272,6 +327,10 @@ struct CaptureStream::Impl : detail::EventSink {
                 pending = true;  // an incremental source has nothing yet
                 return;
             }
+            if (result == capture::ReadResult::Resynced) {
+                resynced();
+                continue;
+            }
             if (result != capture::ReadResult::Record) {
                 finish(result);
                 return;
@@ -290,7 +349,28 @@ struct CaptureStream::Impl : detail::EventSink {
             }
             const capture::Unframed frame = capture::unframe(raw.linkType, raw.header, raw.data,
                                                              options.udpPort, options.strict);
+            if (frame.status == capture::FrameStatus::Ok ||
+                frame.status == capture::FrameStatus::OtherPort) {
+                ++ports[frame.udpPort];
+            }
             if (frame.status != capture::FrameStatus::Ok) {
+                switch (frame.status) {
+                    case capture::FrameStatus::NotIp:
+                        ++skipped.notIp;
+                        break;
+                    case capture::FrameStatus::NotUdp:
+                        ++skipped.notUdp;
+                        break;
+                    case capture::FrameStatus::OtherPort:
+                        ++skipped.otherPort;
+                        break;
+                    case capture::FrameStatus::TooShort:
+                        ++skipped.tooShort;
+                        break;
+                    default:
+                        ++skipped.otherLinkType;
+                        break;
+                }
                 continue;
             }
             if (!options.strict) {
@@ -373,6 +453,8 @@ struct CaptureStream::Impl : detail::EventSink {
     bool damaged = false;
     bool recordReady = false;
     bool pending = false;
+    CaptureStream::SkippedFrames skipped;
+    std::map<std::uint16_t, std::uint64_t> ports;
     std::string leading;
     std::uint64_t extendedFramings = 0;
     std::vector<Queued> queue;
@@ -391,6 +473,9 @@ CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, path, options, sessionState(options))) {
     impl_->source = capture::openFile(path);
+    if (impl_->source) {
+        impl_->source->setStopFlag(&impl_->stop);
+    }
 }
 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name,
@@ -398,12 +483,18 @@ CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openMemory(data, size);
+    if (impl_->source) {
+        impl_->source->setStopFlag(&impl_->stop);
+    }
 }
 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name, int fd,
                              bool own, const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openDescriptor(fd, own);
+    if (impl_->source) {
+        impl_->source->setStopFlag(&impl_->stop);
+    }
 }
 
 CaptureStream::~CaptureStream() = default;
@@ -477,6 +568,27 @@ std::uint64_t CaptureStream::recordsRead() const {
 
 std::uint64_t CaptureStream::bytesRead() const {
     return impl_->source ? impl_->source->offset() : 0;
+}
+
+std::uint64_t CaptureStream::inputBytesRead() const {
+    return impl_->source ? impl_->source->inputBytes() : 0;
+}
+
+std::string CaptureStream::statisticsSoFar() const {
+    if (!impl_->options.stats) {
+        return std::string();
+    }
+    StatsSummary figures;
+    return detail::summaryText(impl_->stats, figures);
+}
+
+CaptureStream::SkippedFrames CaptureStream::skippedFrames() const {
+    return impl_->skipped;
+}
+
+std::vector<std::pair<std::uint16_t, std::uint64_t>> CaptureStream::udpPorts() const {
+    return std::vector<std::pair<std::uint16_t, std::uint64_t>>(impl_->ports.begin(),
+                                                                impl_->ports.end());
 }
 
 }  // namespace Tav

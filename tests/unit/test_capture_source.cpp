@@ -5,10 +5,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "CaptureBytes.h"
 #include "TestSupport.h"
@@ -411,6 +413,93 @@ TEST(CaptureSource, FollowingAGrowingGzipFile) {
     appendToFile(path, gzip(more));
     EXPECT_EQ(source->ensure(100), 100u);
     EXPECT_EQ(std::memcmp(source->data(), more.data(), 100), 0);
+}
+
+// ---- Recovery after a data error ------------------------------------------------------------
+
+TEST(CaptureSourceRecovery, CorruptDataResumesAtTheNextMember) {
+    const Bytes good = noise(300000, 21);
+    const Bytes later = noise(50000, 22);
+    const Bytes file = concat(gzipThenBadBlock(good), concat(noise(1000, 23), gzip(later)));
+    auto source = openMemory(file.data(), file.size());
+    EXPECT_TRUE(drain(*source, 4096) == good);
+    ASSERT_EQ(source->state(), SourceState::DataError);
+    std::uint64_t skipped = 0;
+    ASSERT_TRUE(source->recover(skipped));
+    EXPECT_EQ(source->state(), SourceState::Ok);
+    // The bad block's remaining bytes and the noise, give or take the byte
+    // inflate stopped at.
+    EXPECT_GE(skipped, 1000u);
+    EXPECT_LE(skipped, 1003u);
+    EXPECT_TRUE(drain(*source, 4096) == later);
+    EXPECT_EQ(source->state(), SourceState::End);
+}
+
+TEST(CaptureSourceRecovery, CorruptDataResumesAfterAFullFlushPoint) {
+    // One member written in three independent pieces (full flushes), the
+    // second piece's first block replaced by a block of the reserved type.
+    const Bytes a = noise(100000, 24);
+    const Bytes b = noise(80000, 25);
+    const Bytes c = noise(60000, 26);
+    z_stream stream = z_stream();
+    ASSERT_EQ(deflateInit2(&stream, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    std::vector<Bytes> pieces;
+    for (const Bytes* part : {&a, &b, &c}) {
+        Bytes out(part->size() + 1024);
+        stream.next_in = const_cast<unsigned char*>(part->data());
+        stream.avail_in = static_cast<uInt>(part->size());
+        stream.next_out = out.data();
+        stream.avail_out = static_cast<uInt>(out.size());
+        const int flush = part == &c ? Z_FINISH : Z_FULL_FLUSH;
+        ASSERT_EQ(deflate(&stream, flush), flush == Z_FINISH ? Z_STREAM_END : Z_OK);
+        out.resize(out.size() - stream.avail_out);
+        pieces.push_back(out);
+    }
+    deflateEnd(&stream);
+    pieces[1][0] = 0x06;  // BFINAL 0, BTYPE 11
+    const Bytes file = concat(concat(pieces[0], pieces[1]), pieces[2]);
+    TempDir dir;
+    auto fromFile = openFile(writeBytes(dir, "flushed.gz", file));
+    auto fromMemory = openMemory(file.data(), file.size());
+    for (ByteSource* source : {fromFile.get(), fromMemory.get()}) {
+        EXPECT_TRUE(drain(*source, 1000) == a);
+        ASSERT_EQ(source->state(), SourceState::DataError);
+        EXPECT_EQ(source->error(), "invalid block type");
+        std::uint64_t skipped = 0;
+        ASSERT_TRUE(source->recover(skipped));
+        // Everything of the second piece up to the flush point that ends it.
+        EXPECT_LE(skipped, pieces[1].size());
+        EXPECT_GE(skipped, pieces[1].size() - 5);
+        // The third piece, then the member's trailer (not checked) and the end.
+        EXPECT_TRUE(drain(*source, 1000) == c);
+        EXPECT_EQ(source->state(), SourceState::End);
+    }
+}
+
+TEST(CaptureSourceRecovery, WithoutAPointToResumeTheErrorStays) {
+    const Bytes good = noise(5000, 27);
+    const Bytes file = concat(gzipThenBadBlock(good), noise(70000, 28));
+    auto source = openMemory(file.data(), file.size());
+    EXPECT_TRUE(drain(*source, 512) == good);
+    ASSERT_EQ(source->state(), SourceState::DataError);
+    std::uint64_t skipped = 0;
+    EXPECT_FALSE(source->recover(skipped));
+    EXPECT_EQ(source->state(), SourceState::DataError);
+    EXPECT_EQ(source->error(), "invalid block type");
+    EXPECT_EQ(source->ensure(1), 0u);
+}
+
+TEST(CaptureSourceRecovery, OnlyADataErrorOfCompressedDataIsRecovered) {
+    const Bytes plain = noise(1000, 29);
+    auto source = openMemory(plain.data(), plain.size());
+    std::uint64_t skipped = 7;
+    EXPECT_FALSE(source->recover(skipped));
+    EXPECT_EQ(skipped, 0u);
+    EXPECT_TRUE(drain(*source, 100) == plain);
+    const Bytes member = gzip(plain);
+    auto clean = openMemory(member.data(), member.size());
+    EXPECT_FALSE(clean->recover(skipped));
+    EXPECT_TRUE(drain(*clean, 100) == plain);
 }
 
 }  // namespace

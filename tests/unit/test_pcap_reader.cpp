@@ -459,4 +459,193 @@ TEST(PcapReader, AMillionRecordsFromMemory) {
     EXPECT_EQ(source->offset(), 24 + std::uint64_t(kRecords) * kRecordBytes);
 }
 
+// ---- Resynchronisation after damage ---------------------------------------------------------
+
+/// A link type 150 capture: records at seconds 1000, 1001, ... of `size`
+/// bytes each, with `damage` put in place of record `damaged` (0-based).
+struct DamagedCapture {
+    Bytes bytes;
+    std::vector<std::uint64_t> offsets;  // of every record header, damage included
+};
+
+DamagedCapture damagedCapture(std::size_t records, std::size_t damaged, const Bytes& damage) {
+    DamagedCapture capture;
+    capture.bytes = pcapHeader(kMagicMicro, 150);
+    for (std::size_t i = 0; i < records; ++i) {
+        capture.offsets.push_back(capture.bytes.size());
+        const Bytes record = i == damaged ? damage
+                                          : pcapRecord(1000 + static_cast<std::uint32_t>(i), 5, 40,
+                                                       40, sequence(40, static_cast<unsigned>(i)));
+        capture.bytes = concat(capture.bytes, record);
+    }
+    return capture;
+}
+
+/// A record header claiming 30000 bytes, then 40 bytes that cannot start a
+/// record header (their microseconds would be 0xFFFFFFFF).
+Bytes oversizedDamage() {
+    return concat(ByteTable().u32le(1001).u32le(0).u32le(30000).u32le(30000).bytes(),
+                  Bytes(40, 0xFF));
+}
+
+TEST(PcapReaderResync, AfterAnOversizedRecordTheNextPlausibleRecordIsRead) {
+    const DamagedCapture capture = damagedCapture(5, 1, oversizedDamage());
+    auto source = openMemory(capture.bytes.data(), capture.bytes.size());
+    PcapReader reader(*source, false);
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    ReadResult last;
+    std::vector<Seen> seen = readAll(reader, last);
+    ASSERT_EQ(last, ReadResult::Oversized);
+    ASSERT_EQ(seen.size(), 1u);
+    ASSERT_TRUE(reader.resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(reader.next(record), ReadResult::Resynced);
+    EXPECT_TRUE(reader.resyncFound());
+    EXPECT_EQ(reader.resyncFrom(), capture.offsets[1]);
+    EXPECT_EQ(reader.resyncTo(), capture.offsets[2]);
+    EXPECT_EQ(reader.resyncCompressedSkipped(), 0u);
+    seen = readAll(reader, last);
+    EXPECT_EQ(last, ReadResult::End);
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0].header.tsSec, 1002u);
+    EXPECT_EQ(seen[0].offset, capture.offsets[2]);
+    EXPECT_TRUE(seen[0].data == sequence(40, 2));
+    EXPECT_EQ(seen[2].header.tsSec, 1004u);
+    // Numbering goes on from the records read before the damage.
+    EXPECT_EQ(seen[0].number, 2u);
+    EXPECT_EQ(reader.next(record), ReadResult::End);
+}
+
+TEST(PcapReaderResync, OnlyAFailureCanBeResynchronised) {
+    const DamagedCapture capture = damagedCapture(2, 9, Bytes());
+    auto source = openMemory(capture.bytes.data(), capture.bytes.size());
+    PcapReader reader(*source, false);
+    EXPECT_FALSE(reader.resync(nullptr));  // not opened
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    EXPECT_FALSE(reader.resync(nullptr));  // nothing failed
+    ReadResult last;
+    EXPECT_EQ(readAll(reader, last).size(), 2u);
+    EXPECT_EQ(last, ReadResult::End);
+    EXPECT_FALSE(reader.resync(nullptr));  // a clean end
+    RawRecord record;
+    EXPECT_EQ(reader.next(record), ReadResult::End);
+}
+
+TEST(PcapReaderResync, ACandidateMustBeFollowedByAPlausibleHeaderOrTheEnd) {
+    // The damage holds a sound record header and 8 data bytes, then 0xFF
+    // bytes: what follows that "record" is no record header, so it is no
+    // candidate. The last record of the capture is one: the capture ends
+    // right after it.
+    Bytes damage = oversizedDamage();
+    damage = concat(concat(damage, ByteTable().u32le(1001).u32le(7).u32le(8).u32le(8).bytes()),
+                    Bytes(8 + 24, 0xFF));
+    const DamagedCapture capture = damagedCapture(3, 1, damage);
+    auto source = openMemory(capture.bytes.data(), capture.bytes.size());
+    PcapReader reader(*source, false);
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    ReadResult last;
+    readAll(reader, last);
+    ASSERT_EQ(last, ReadResult::Oversized);
+    ASSERT_TRUE(reader.resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(reader.next(record), ReadResult::Resynced);
+    EXPECT_EQ(reader.resyncTo(), capture.offsets[2]);
+    const std::vector<Seen> seen = readAll(reader, last);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].header.tsSec, 1002u);
+}
+
+TEST(PcapReaderResync, TimesFarFromTheLastRecordAndRejectedRecordsAreNoCandidates) {
+    // Two sound records inside the damage: one more than a day after the
+    // last good record, one that the caller's check rejects.
+    const Bytes far = pcapRecord(1000 + 86401, 0, 8, 8, sequence(8, 0x50));
+    const Bytes rejected = pcapRecord(1001, 0, 8, 8, sequence(8, 0xEE));
+    const Bytes damage = concat(concat(oversizedDamage(), far), rejected);
+    const DamagedCapture capture = damagedCapture(3, 1, damage);
+    auto source = openMemory(capture.bytes.data(), capture.bytes.size());
+    PcapReader reader(*source, false);
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    ReadResult last;
+    readAll(reader, last);
+    ASSERT_EQ(last, ReadResult::Oversized);
+    int asked = 0;
+    ASSERT_TRUE(reader.resync([&](const RawRecord& candidate) {
+        ++asked;
+        return candidate.data.get_u8(0) != 0xEE;
+    }));
+    RawRecord record;
+    ASSERT_EQ(reader.next(record), ReadResult::Resynced);
+    EXPECT_EQ(reader.resyncTo(), capture.offsets[2]);
+    EXPECT_EQ(asked, 2);  // the rejected record, then the good one
+    EXPECT_EQ(readAll(reader, last).size(), 1u);
+}
+
+TEST(PcapReaderResync, NothingPlausibleAfterTheDamageEndsTheCapture) {
+    Bytes bytes = concat(pcapHeader(kMagicMicro, 150), pcapRecord(1000, 0, 4, 4, sequence(4, 1)));
+    const std::uint64_t damageAt = bytes.size();
+    bytes = concat(bytes, oversizedDamage());
+    auto source = openMemory(bytes.data(), bytes.size());
+    PcapReader reader(*source, false);
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    ReadResult last;
+    readAll(reader, last);
+    ASSERT_EQ(last, ReadResult::Oversized);
+    ASSERT_TRUE(reader.resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(reader.next(record), ReadResult::Resynced);
+    EXPECT_FALSE(reader.resyncFound());
+    EXPECT_EQ(reader.resyncFrom(), damageAt);
+    EXPECT_EQ(reader.resyncTo(), bytes.size());
+    EXPECT_EQ(reader.next(record), ReadResult::End);
+}
+
+TEST(PcapReaderResync, ATruncatedRecordWithAWrongLengthIsPassedOver) {
+    // A length field damaged to 20000 runs past the end of the capture.
+    const Bytes damage = pcapRecord(1001, 0, 20000, 20000, sequence(40, 9));
+    const DamagedCapture capture = damagedCapture(4, 1, damage);
+    auto source = openMemory(capture.bytes.data(), capture.bytes.size());
+    PcapReader reader(*source, false);
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    ReadResult last;
+    readAll(reader, last);
+    ASSERT_EQ(last, ReadResult::Truncated);
+    ASSERT_TRUE(reader.resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(reader.next(record), ReadResult::Resynced);
+    EXPECT_EQ(reader.resyncTo(), capture.offsets[2]);
+    EXPECT_EQ(readAll(reader, last).size(), 2u);
+}
+
+TEST(PcapReaderResync, CorruptCompressedDataResumesAtTheNextMember) {
+    // Records 0-9 in plain bytes; the first member holds the bytes up to the
+    // middle of record 3 and then corrupt data, the second member the bytes
+    // from the middle of record 5 on.
+    const DamagedCapture capture = damagedCapture(10, 99, Bytes());
+    const std::size_t cut = capture.offsets[3] + 20;
+    const std::size_t resume = capture.offsets[5] + 30;
+    const Bytes first = gzipThenBadBlock(Bytes(capture.bytes.begin(), capture.bytes.begin() + cut));
+    const Bytes second = gzip(Bytes(capture.bytes.begin() + resume, capture.bytes.end()));
+    const Bytes file = concat(first, second);
+    auto source = openMemory(file.data(), file.size());
+    PcapReader reader(*source, false);
+    ASSERT_EQ(reader.open(), ReadResult::Ok);
+    ReadResult last;
+    EXPECT_EQ(readAll(reader, last).size(), 3u);
+    ASSERT_EQ(last, ReadResult::DataError);
+    ASSERT_TRUE(reader.resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(reader.next(record), ReadResult::Resynced);
+    EXPECT_TRUE(reader.resyncFound());
+    EXPECT_EQ(reader.resyncFrom(), capture.offsets[3]);
+    // The uncompressed stream jumps from `cut` to `resume`: record 6 starts
+    // (offsets[6] - resume) bytes after the jump.
+    EXPECT_EQ(reader.resyncTo(), cut + (capture.offsets[6] - resume));
+    EXPECT_GT(reader.resyncCompressedSkipped(), 0u);
+    const std::vector<Seen> seen = readAll(reader, last);
+    EXPECT_EQ(last, ReadResult::End);
+    ASSERT_EQ(seen.size(), 4u);
+    EXPECT_EQ(seen[0].header.tsSec, 1006u);
+    EXPECT_TRUE(seen[3].data == sequence(40, 9));
+}
+
 }  // namespace

@@ -508,4 +508,47 @@ TEST(PcapNgReader, GzipDataErrorAfterPackets) {
     EXPECT_EQ(r->source->error(), "invalid block type");
 }
 
+TEST(PcapNgReader, ResyncFindsTheNextSoundBlock) {
+    // Four packets; the second one's trailer is damaged (a BadBlock), and
+    // 0xFF bytes follow it before the third.
+    Bytes damaged = epb(kLE, 0, 2000000, sequence(24, 2), 24);
+    damaged[damaged.size() - 4] ^= 8;
+    const Bytes first = join({shb(kLE), idb(kLE, 150), epb(kLE, 0, 1000000, sequence(24, 1), 24)});
+    const Bytes middle = concat(damaged, Bytes(13, 0xFF));
+    const Bytes rest = join(
+        {epb(kLE, 0, 3000000, sequence(24, 3), 24), epb(kLE, 0, 4000000, sequence(24, 4), 24)});
+    auto r = readAll(join({first, middle, rest}));
+    ASSERT_EQ(r->last, ReadResult::BadBlock);
+    ASSERT_EQ(r->seen.size(), 1u);
+    ASSERT_TRUE(r->reader->resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(r->reader->next(record), ReadResult::Resynced);
+    EXPECT_TRUE(r->reader->resyncFound());
+    EXPECT_EQ(r->reader->resyncFrom(), first.size());
+    EXPECT_EQ(r->reader->resyncTo(), first.size() + middle.size());
+    ASSERT_EQ(r->reader->next(record), ReadResult::Record);
+    EXPECT_EQ(record.header.tsSec, 3u);
+    EXPECT_TRUE(Bytes(record.data.data(), record.data.data() + record.data.size()) ==
+                sequence(24, 3));
+    ASSERT_EQ(r->reader->next(record), ReadResult::Record);
+    EXPECT_EQ(record.header.tsSec, 4u);
+    EXPECT_EQ(record.number, 3u);
+    EXPECT_EQ(r->reader->next(record), ReadResult::End);
+}
+
+TEST(PcapNgReader, ResyncNeedsAKnownInterfaceAndEndsAtTheEnd) {
+    // After the damage only a packet of an interface never described.
+    const Bytes first = join({shb(kLE), idb(kLE, 150), epb(kLE, 0, 1000000, sequence(8, 1), 8)});
+    const Bytes tail = concat(ByteTable().u32le(6).u32le(9).bytes(),  // not a multiple of 4
+                              epb(kLE, 3, 3000000, sequence(8, 3), 8));
+    auto r = readAll(concat(first, tail));
+    ASSERT_EQ(r->last, ReadResult::BadBlock);
+    ASSERT_TRUE(r->reader->resync(nullptr));
+    RawRecord record;
+    ASSERT_EQ(r->reader->next(record), ReadResult::Resynced);
+    EXPECT_FALSE(r->reader->resyncFound());
+    EXPECT_EQ(r->reader->resyncTo(), first.size() + tail.size());
+    EXPECT_EQ(r->reader->next(record), ReadResult::End);
+}
+
 }  // namespace
