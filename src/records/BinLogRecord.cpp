@@ -675,6 +675,9 @@ bool RecordDecoder::directBrace(const TablePlan& plan, std::size_t index,
     if (param.type == ParamType::String) {
         const std::size_t have = payload.available(param.offset);
         const std::size_t span = param.length < have ? param.length : have;
+        if (span == 0) {
+            return false;  // an empty payload may have no bytes at all
+        }
         const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
         for (std::size_t i = 0; i < span && at[i] != '\0'; ++i) {
             if (at[i] == '{' || at[i] == '}') {

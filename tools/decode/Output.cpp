@@ -19,7 +19,7 @@ Output::~Output() {
 }
 
 void Output::flush() {
-    if (size_ != 0) {
+    if (size_ != 0 && file_ != nullptr) {
         put(buffer_.data(), size_);
         size_ = 0;
     }

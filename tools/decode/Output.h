@@ -5,6 +5,7 @@
 #define WEXBL_TOOLS_DECODE_OUTPUT_H
 
 #include <cstdio>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -15,11 +16,17 @@ class Output {
     /// Writes to `file`, which this object then writes unbuffered (the
     /// buffering is its own).
     explicit Output(FILE* file);
+    /// Collects what is written in `text` instead (flush() does nothing).
+    explicit Output(std::string* text) : file_(nullptr), text_(text) {}
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     void write(std::string_view text) {
+        if (text_ != nullptr) {
+            text_->append(text.data(), text.size());
+            return;
+        }
         if (text.size() > buffer_.capacity() - size_) {
             flush();
             if (text.size() > buffer_.capacity()) {
@@ -39,6 +46,7 @@ class Output {
     void put(const char* data, std::size_t size);
 
     FILE* file_;
+    std::string* text_ = nullptr;
     std::vector<char> buffer_;
     std::size_t size_ = 0;
     bool good_ = true;

@@ -1,23 +1,25 @@
-// binlog-decode: decodes binary log captures into text lines.
+// binlog-decode: decodes binary log captures into text lines, JSON Lines or
+// CSV.
 //
 //   binlog-decode [options] -d DICTIONARY_DIR CAPTURE...
 //   binlog-decode [options] DICTIONARY_DIR CAPTURE...
 //
 // Each CAPTURE is a pcap, pcapng or pcap.gz file, a directory whose captures
-// are decoded in name order, or "-" for standard input. Lines go to standard
-// output (or --output), diagnostics to standard error.
+// are decoded in name order, or "-" for standard input. Records go to
+// standard output (or --output), diagnostics to standard error.
 //
 // Every capture is read once, as its bytes arrive, through the library's
 // capture streams; one stream session carries the statistics and the level
 // table from one capture to the next, as one reader's readBinaryFiledata
-// calls do, so the lines are the ones readBinaryFiledata prints.
+// calls do, so the text lines are the ones readBinaryFiledata prints.
 #include <fcntl.h>
-#include <getopt.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -32,185 +34,88 @@
 #include "../common/CliMessage.h"
 #include "BinaryLogXmlReader.h"
 #include "CaptureInputs.h"
+#include "Diagnostics.h"
+#include "Options.h"
 #include "Output.h"
+#include "Progress.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
-
-#ifndef WEXBL_VERSION
-#define WEXBL_VERSION "unknown"
-#endif
+#include "WexOamBinLogXmlReader/Filter.h"
+#include "Writer.h"
 
 const char* const wexbl_cli::kProgramName = "binlog-decode";
 
 namespace {
 
-const char* const kProgram = wexbl_cli::kProgramName;
 using wexbl_cli::kExitFailure;
 using wexbl_cli::kExitOk;
 using wexbl_cli::kExitUsage;
 using wexbl_cli::message;
 using wexbl_decode::CaptureInput;
+using wexbl_decode::Diagnostics;
+using wexbl_decode::Format;
+using wexbl_decode::Options;
 using wexbl_decode::Output;
+using wexbl_decode::Progress;
+using wexbl_decode::When;
+using wexbl_decode::Writer;
 
 constexpr std::uint32_t kLinkTypeEthernet = 1;
 constexpr std::uint32_t kLinkTypeBinLog = 150;
+constexpr int kExitInterrupted = 130;
 
-void printUsage(FILE* to) {
-    fprintf(to,
-            "Usage: %s [options] -d DICTIONARY_DIR CAPTURE...\n"
-            "   or: %s [options] DICTIONARY_DIR CAPTURE...\n"
-            "Decode binary log captures into one text line per record.\n"
-            "\n"
-            "DICTIONARY_DIR holds the binlog and bindisplay XML dictionaries; without\n"
-            "--dict it is the first operand. Each CAPTURE is a pcap or pcap.gz file, a\n"
-            "directory, or - for standard input. Of a directory, the regular files whose\n"
-            "names end in \".pcap\" or contain \"pcap.gz\" are decoded, in byte order of\n"
-            "their names; standard error tells how many other entries were skipped and\n"
-            "why, or that it held no capture (a warning only). Standard input and other\n"
-            "captures that are not regular files (pipes, /dev/stdin) are decoded as\n"
-            "their bytes arrive. pcap (microsecond or nanosecond, either byte order) and\n"
-            "pcapng are read, plain or gzip-compressed; besides link type 150 and\n"
-            "Ethernet, records may come over Linux cooked captures, raw IP and BSD\n"
-            "loopback, with VLAN tags and IPv4 options. Where a capture is in a form\n"
-            "the library's own capture loop does not read, a note on standard error\n"
-            "says so.\n"
-            "\n"
-            "Options:\n"
-            "  -d, --dict DIR           the dictionary directory\n"
-            "  -s, --stats              report sequence gaps and reordering, and print\n"
-            "                           statistics at the end of each capture\n"
-            "  -p, --udp-port PORT      UDP destination port of the log datagrams in\n"
-            "                           Ethernet-framed captures (default: none; needed\n"
-            "                           for Ethernet captures)\n"
-            "  -m, --max-var-bytes N    most bytes of a var binary string shown\n"
-            "                           (0-65535, default 65535: all)\n"
-            "  -u, --utc-offset MINUTES minutes added to every record time (default 0)\n"
-            "  -o, --output FILE        write the decoded lines to FILE (- for standard\n"
-            "                           output); the output, also standard output, may\n"
-            "                           not be one of the captures\n"
-            "  -h, --help               show this help and exit\n"
-            "  -V, --version            show the version and exit\n"
-            "\n"
-            "Exit status: 0 when every capture was read; 1 when the dictionaries did\n"
-            "not load, a capture could not be opened or read or is not a log capture\n"
-            "(not a capture file, no global header, another link type, UDP framing\n"
-            "without --udp-port), its compressed data is damaged, the output could not\n"
-            "be written, or memory ran out; 2 on a usage error, or when the output is\n"
-            "one of the captures. Other problems inside a capture (a truncated or\n"
-            "oversized record, an unknown log id) are reported on standard error and\n"
-            "do not change the exit status.\n",
-            kProgram, kProgram);
-}
+// ---- Stopping on a signal ------------------------------------------------------------
 
-void printTryHelp() {
-    fprintf(stderr, "Try '%s --help' for more information.\n", kProgram);
-}
+/// Set by SIGINT and SIGTERM; the streams being read are asked to stop.
+std::atomic<bool> interrupted{false};
+constexpr int kMaxActive = 1024;
+std::atomic<Tav::CaptureStream*> active[kMaxActive];
 
-/// Parses a whole decimal number within [low, high].
-bool parseNumber(const char* text, long low, long high, long& value) {
-    if (text == nullptr || *text == '\0') {
-        return false;
+void onSignal(int) {
+    interrupted.store(true);
+    for (auto& stream : active) {
+        if (Tav::CaptureStream* s = stream.load()) {
+            s->requestStop();
+        }
     }
-    errno = 0;
-    char* end = nullptr;
-    const long parsed = strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed < low || parsed > high) {
-        return false;
-    }
-    value = parsed;
-    return true;
 }
 
-struct Options {
-    bool stats = false;
-    long udpPort = -1;
-    long maxVarBytes = 65535;
-    long utcOffset = 0;
-    const char* outputPath = nullptr;
-    const char* dictionary = nullptr;
-    std::vector<std::string> captures;
+void installSignalHandlers() {
+    struct sigaction action;
+    std::memset(&action, 0, sizeof action);
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: a read waiting for input returns, and the stream stops.
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+/// Registers a stream with the signal handler for as long as it exists.
+class Active {
+  public:
+    explicit Active(Tav::CaptureStream& stream) {
+        for (slot_ = 0; slot_ < kMaxActive; ++slot_) {
+            Tav::CaptureStream* empty = nullptr;
+            if (active[slot_].compare_exchange_strong(empty, &stream)) {
+                break;
+            }
+        }
+        if (interrupted.load()) {
+            stream.requestStop();
+        }
+    }
+    ~Active() {
+        if (slot_ < kMaxActive) {
+            active[slot_].store(nullptr);
+        }
+    }
+    Active(const Active&) = delete;
+    Active& operator=(const Active&) = delete;
+
+  private:
+    int slot_ = 0;
 };
 
-/// Reads the command line into `options`. Returns -1 to go on, or the exit
-/// status to end with at once (help, version, usage errors).
-int parseCommandLine(int argc, char** argv, Options& options) {
-    static const struct option kOptions[] = {
-        {"dict", required_argument, nullptr, 'd'},
-        {"stats", no_argument, nullptr, 's'},
-        {"udp-port", required_argument, nullptr, 'p'},
-        {"max-var-bytes", required_argument, nullptr, 'm'},
-        {"utc-offset", required_argument, nullptr, 'u'},
-        {"output", required_argument, nullptr, 'o'},
-        {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'V'},
-        {nullptr, 0, nullptr, 0},
-    };
-    // getopt_long names the program by argv[0] in its messages; name it as
-    // our own messages do, whatever path it was started by.
-    argv[0] = const_cast<char*>(kProgram);
-    int option;
-    while ((option = getopt_long(argc, argv, "d:sp:m:u:o:hV", kOptions, nullptr)) != -1) {
-        switch (option) {
-            case 'd':
-                options.dictionary = optarg;
-                break;
-            case 's':
-                options.stats = true;
-                break;
-            case 'p':
-                if (!parseNumber(optarg, 0, 65535, options.udpPort)) {
-                    message("invalid UDP port '%s' (expected 0-65535)", optarg);
-                    return kExitUsage;
-                }
-                break;
-            case 'm':
-                if (!parseNumber(optarg, 0, 65535, options.maxVarBytes)) {
-                    message("invalid byte count '%s' (expected 0-65535)", optarg);
-                    return kExitUsage;
-                }
-                break;
-            case 'u':
-                if (!parseNumber(optarg, INT_MIN / 60, INT_MAX / 60, options.utcOffset)) {
-                    message("invalid UTC offset '%s' (expected minutes, e.g. 60 or -300)", optarg);
-                    return kExitUsage;
-                }
-                break;
-            case 'o':
-                options.outputPath = optarg;
-                break;
-            case 'h':
-                printUsage(stdout);
-                return kExitOk;
-            case 'V':
-                printf("%s %s\n", kProgram, WEXBL_VERSION);
-                return kExitOk;
-            default:
-                printTryHelp();
-                return kExitUsage;
-        }
-    }
-    int first = optind;
-    if (options.dictionary == nullptr) {
-        // The older form: the dictionary is the first operand.
-        if (argc - first < 2) {
-            message("expected a dictionary directory and at least one capture");
-            printTryHelp();
-            return kExitUsage;
-        }
-        options.dictionary = argv[first++];
-    } else if (argc - first < 1) {
-        message("expected at least one capture");
-        printTryHelp();
-        return kExitUsage;
-    }
-    options.captures.assign(argv + first, argv + argc);
-    // Standard input is decoded as it arrives, so it can be read only once.
-    if (std::count(options.captures.begin(), options.captures.end(), "-") > 1) {
-        message("standard input ('-') can be given only once");
-        printTryHelp();
-        return kExitUsage;
-    }
-    return -1;
-}
+// ---- What a file that is no capture holds ---------------------------------------------------
 
 /// "64 61 74 61": `bytes` in hex, separated by blanks.
 std::string hexBytes(const std::string& bytes) {
@@ -257,28 +162,59 @@ std::string describeContent(const std::string& bytes, bool compressed) {
     return subject + " starts with " + hexBytes(bytes);
 }
 
-/// Decodes the captures one after the other into one output and keeps the
-/// exit status.
-class CaptureDecoder {
+/// "5000 (1234 datagrams), 53 (2)".
+std::string portList(const std::vector<std::pair<std::uint16_t, std::uint64_t>>& ports) {
+    std::vector<std::pair<std::uint16_t, std::uint64_t>> sorted = ports;
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    std::string text;
+    for (const auto& [port, count] : sorted) {
+        if (!text.empty()) {
+            text += ", ";
+        }
+        text += std::to_string(port) + " (" + std::to_string(count) +
+                (count == 1 ? " datagram)" : " datagrams)");
+    }
+    return text;
+}
+
+// ---- The run ---------------------------------------------------------------------------------
+
+/// Decodes the captures and keeps the exit status.
+class Run {
   public:
-    CaptureDecoder(const Tav::BinaryLogXmlReader& reader, const Options& options, Output& out,
-                   std::string& activity)
-        : reader_(reader), options_(options), out_(out), activity_(activity), session_(reader) {}
+    Run(const Tav::BinaryLogXmlReader& reader, const Options& options, const Tav::Filter* filter,
+        Output& out, Writer& writer, Diagnostics& diagnostics, Progress& progress,
+        std::string& activity)
+        : reader_(reader),
+          options_(options),
+          filter_(filter),
+          out_(out),
+          writer_(writer),
+          diagnostics_(diagnostics),
+          progress_(progress),
+          activity_(activity),
+          session_(reader) {}
 
     void decode(const CaptureInput& input) {
+        if (done()) {
+            return;
+        }
         switch (input.kind) {
             case CaptureInput::kNote:
                 out_.flush();
+                progress_.erase();
                 message("%s", input.text.c_str());
                 return;
             case CaptureInput::kError:
                 out_.flush();
+                progress_.erase();
                 message("%s", input.text.c_str());
                 status_ = kExitFailure;
                 return;
             case CaptureInput::kStandardInput:
                 activity_ = "decoding standard input";
-                decodeDescriptor(STDIN_FILENO, false, "-");
+                decodeDescriptor(STDIN_FILENO, false, "-", 0);
                 return;
             case CaptureInput::kCapture:
                 activity_ = "decoding '" + input.name + "'";
@@ -287,14 +223,21 @@ class CaptureDecoder {
         }
     }
 
+    /// --merge: all captures side by side, records in time order.
+    void merge(const std::vector<CaptureInput>& inputs);
+
     int status() const { return status_; }
+    bool done() const { return interrupted.load() || limitReached(); }
 
   private:
+    bool limitReached() const { return options_.count != 0 && records_ >= options_.count; }
+
     /// Reports a capture that is not decoded: "program: 'NAME' ..." or the
     /// like on standard error, and exit status 1.
     __attribute__((format(printf, 2, 3))) void fail(const char* format, ...) {
         out_.flush();
-        fprintf(stderr, "%s: ", kProgram);
+        progress_.erase();
+        fprintf(stderr, "%s: ", wexbl_cli::kProgramName);
         va_list args;
         va_start(args, format);
         vfprintf(stderr, format, args);
@@ -303,14 +246,17 @@ class CaptureDecoder {
         status_ = kExitFailure;
     }
 
-    Tav::StreamOptions streamOptions() {
+    Tav::StreamOptions streamOptions(bool ownSession) {
         Tav::StreamOptions options;
         options.udpPort = static_cast<std::uint16_t>(options_.udpPort < 0 ? 0 : options_.udpPort);
         options.maxVarBinaryBytes = static_cast<std::uint16_t>(options_.maxVarBytes);
         options.stats = options_.stats;
         options.utcOffsetMinutes = static_cast<int>(options_.utcOffset);
-        options.values = false;
-        options.session = &session_;
+        options.texts = options_.format != Format::Text || !options_.tally;
+        options.values = options_.format != Format::Text;
+        options.filter = filter_;
+        options.resync = options_.resync;
+        options.session = ownSession ? nullptr : &session_;
         return options;
     }
 
@@ -320,8 +266,11 @@ class CaptureDecoder {
             return;
         }
         if (input.regular) {
-            Tav::CaptureStream stream(reader_, input.name, streamOptions());
-            decodeStream(stream, input.name);
+            struct stat info;
+            const std::uint64_t size =
+                stat(input.name.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+            Tav::CaptureStream stream(reader_, input.name, streamOptions(false));
+            decodeStream(stream, input.name, size);
             return;
         }
         // A pipe or a device gives its bytes once: they are decoded as they
@@ -331,22 +280,12 @@ class CaptureDecoder {
             fail("cannot open '%s': %s", input.name.c_str(), strerror(errno));
             return;
         }
-        decodeDescriptor(fd, true, input.name);
+        decodeDescriptor(fd, true, input.name, 0);
     }
 
-    void decodeDescriptor(int fd, bool own, const std::string& name) {
-        Tav::CaptureStream stream(reader_, name, fd, own, streamOptions());
-        decodeStream(stream, name);
-    }
-
-    /// Prints a message of the library as it is.
-    void printEvent(const Tav::Event& event) {
-        if (event.stream == Tav::EventStream::Output) {
-            out_.write(event.text);
-            return;
-        }
-        out_.flush();
-        fwrite(event.text.data(), 1, event.text.size(), stderr);
+    void decodeDescriptor(int fd, bool own, const std::string& name, std::uint64_t size) {
+        Tav::CaptureStream stream(reader_, name, fd, own, streamOptions(false));
+        decodeStream(stream, name, size);
     }
 
     /// Says why a capture that did not open is not decoded.
@@ -367,93 +306,282 @@ class CaptureDecoder {
                 case Tav::EventKind::NoGlobalHeader:
                 case Tav::EventKind::NotACapture:
                     if (isCaptureMagic(stream.firstBytes())) {
-                        printEvent(*event);  // a capture cut inside its header
-                        status_ = kExitFailure;
+                        fail("'%s' is cut short inside its file header", name.c_str());
                     } else {
                         fail("'%s' is not a pcap file (%s)", name.c_str(),
                              describeContent(stream.firstBytes(), stream.compressed()).c_str());
                     }
                     break;
+                case Tav::EventKind::BadLinkType:
+                    fail("'%s' has link type %u, which carries no log records", name.c_str(),
+                         static_cast<unsigned>(event->length));
+                    break;
                 default:
-                    printEvent(*event);
+                    diagnostics_.report(*event);
                     status_ = kExitFailure;
                     break;
             }
         }
     }
 
-    void decodeStream(Tav::CaptureStream& stream, const std::string& name) {
+    /// Whether the capture's records travel in UDP datagrams and no port was
+    /// chosen: then its ports are counted and listed, and nothing decoded.
+    bool needsPort(Tav::CaptureStream& stream, const std::string& name) {
+        const std::uint32_t linkType = stream.linkType();
+        // A pcapng capture that describes no interface yet has no link type.
+        const bool noInterface = stream.format() == Tav::CaptureFormat::PcapNg && linkType == 0;
+        if (options_.udpPort >= 0 || linkType == kLinkTypeBinLog || noInterface) {
+            return false;
+        }
+        while (!interrupted.load() && stream.next()) {
+        }
+        const std::string ports = portList(stream.udpPorts());
+        const std::string seen = ports.empty() ? " (no UDP datagram in it)"
+                                               : " (UDP destination ports seen: " + ports + ")";
+        if (linkType == kLinkTypeEthernet) {
+            fail("'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
+                 "--udp-port%s",
+                 name.c_str(), seen.c_str());
+        } else {
+            fail("'%s' carries its logs in UDP datagrams (link type %u): choose their UDP port "
+                 "with --udp-port%s",
+                 name.c_str(), static_cast<unsigned>(linkType), seen.c_str());
+        }
+        return true;
+    }
+
+    /// One item of a stream; false once the run should stop.
+    bool handle(Tav::CaptureStream& stream, Writer& writer) {
+        if (const Tav::Record* record = stream.record()) {
+            writer.record(*record);
+            ++records_;
+            progress_.update(stream.inputBytesRead(), records_);
+            return !limitReached();
+        }
+        const Tav::Event& event = *stream.event();
+        if (event.stream == Tav::EventStream::Output) {
+            writer.outputEvent(event);
+            return true;
+        }
+        if (event.kind == Tav::EventKind::UnknownLogId && options_.unknownHex) {
+            writer.unknownRecord(event);
+        } else if (diagnostics_.report(event)) {
+            status_ = kExitFailure;  // a damaged capture
+        }
+        writer.errorEvent(event);
+        return true;
+    }
+
+    /// The closing words about a capture: frames that carried no record.
+    void closeCapture(Tav::CaptureStream& stream) {
+        const Tav::CaptureStream::SkippedFrames skipped = stream.skippedFrames();
+        if (skipped.total() != 0) {
+            std::string text = std::to_string(skipped.total()) +
+                               (skipped.total() == 1 ? " frame" : " frames") +
+                               " carried no log record (";
+            std::string parts;
+            auto part = [&parts](std::uint64_t count, const std::string& what) {
+                if (count != 0) {
+                    parts += (parts.empty() ? "" : ", ") + what + ": " + std::to_string(count);
+                }
+            };
+            part(skipped.notIp, "not IP");
+            part(skipped.notUdp, "not UDP");
+            part(skipped.otherPort, "to other UDP ports");
+            part(skipped.tooShort, "cut short");
+            part(skipped.otherLinkType, "other link types");
+            text += parts + ")";
+            if (skipped.otherPort != 0) {
+                text += "; UDP destination ports seen: " + portList(stream.udpPorts());
+            }
+            diagnostics_.say(text);
+        }
+        diagnostics_.endCapture();
+    }
+
+    void decodeStream(Tav::CaptureStream& stream, const std::string& name, std::uint64_t size) {
+        Active registered(stream);
+        diagnostics_.startCapture(name);
+        progress_.startCapture(name, size);
         if (!stream.open()) {
             reportUnopened(stream, name);
             return;
         }
-        // Records inside UDP datagrams need the port they were sent to (a
-        // pcapng capture that describes no interface yet has no link type).
-        const std::uint32_t linkType = stream.linkType();
-        const bool noInterface = stream.format() == Tav::CaptureFormat::PcapNg && linkType == 0;
-        if (options_.udpPort < 0 && linkType != kLinkTypeBinLog && !noInterface) {
-            if (linkType == kLinkTypeEthernet) {
-                fail(
-                    "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
-                    "--udp-port",
-                    name.c_str());
-            } else {
-                fail(
-                    "'%s' carries its logs in UDP datagrams (link type %u): choose their UDP "
-                    "port with --udp-port",
-                    name.c_str(), static_cast<unsigned>(linkType));
-            }
+        if (needsPort(stream, name)) {
             return;
         }
         while (stream.next()) {
-            if (const Tav::Record* record = stream.record()) {
-                out_.write(record->text);
-                continue;
-            }
-            const Tav::Event& event = *stream.event();
-            switch (event.kind) {
-                case Tav::EventKind::Note: {
-                    // "Note: ..." of the library, said of this capture.
-                    std::string_view text = event.text;
-                    if (text.substr(0, 6) == "Note: ") {
-                        text.remove_prefix(6);
-                    }
-                    if (!text.empty() && text.back() == '\n') {
-                        text.remove_suffix(1);
-                    }
-                    out_.flush();
-                    message("'%s': %.*s", name.c_str(), static_cast<int>(text.size()), text.data());
-                    break;
-                }
-                case Tav::EventKind::DataError:
-                case Tav::EventKind::ReadError:
-                case Tav::EventKind::NotACapture:
-                case Tav::EventKind::BadLinkType:
-                case Tav::EventKind::NoGlobalHeader:
-                    printEvent(event);
-                    status_ = kExitFailure;
-                    break;
-                default:
-                    printEvent(event);
-                    break;
+            if (!handle(stream, writer_)) {
+                stream.requestStop();
             }
         }
+        if (interrupted.load()) {
+            // The statistics of what was read before the signal.
+            const std::string statistics = stream.statisticsSoFar();
+            out_.write(statistics);
+        }
+        closeCapture(stream);
     }
 
     const Tav::BinaryLogXmlReader& reader_;
     const Options& options_;
+    const Tav::Filter* filter_;
     Output& out_;
+    Writer& writer_;
+    Diagnostics& diagnostics_;
+    Progress& progress_;
     std::string& activity_;
     Tav::StreamSession session_;
     int status_ = kExitOk;
+    std::uint64_t records_ = 0;
 };
+
+void Run::merge(const std::vector<CaptureInput>& inputs) {
+    // Each capture: its stream (statistics of its own), and the output of
+    // its next record (with the events before it) held until its turn.
+    struct Source {
+        std::string name;
+        std::unique_ptr<Tav::CaptureStream> stream;
+        std::unique_ptr<Active> registered;
+        std::string held;
+        std::unique_ptr<Output> collect;
+        std::unique_ptr<Writer> writer;
+        bool hasRecord = false;
+        std::uint32_t seconds = 0;
+        std::uint32_t microseconds = 0;
+        std::uint64_t number = 0;
+        bool open = false;
+    };
+    std::vector<Source> sources;
+    for (const CaptureInput& input : inputs) {
+        if (input.kind != CaptureInput::kCapture) {
+            decode(input);  // notes and errors about the operands
+            continue;
+        }
+        if (input.statError != 0) {
+            fail("cannot open '%s': %s", input.name.c_str(), strerror(input.statError));
+            continue;
+        }
+        Source source;
+        source.name = input.name;
+        if (input.regular) {
+            source.stream =
+                std::make_unique<Tav::CaptureStream>(reader_, input.name, streamOptions(true));
+        } else {
+            const int fd = open(input.name.c_str(), O_RDONLY | O_CLOEXEC);
+            if (fd < 0) {
+                fail("cannot open '%s': %s", input.name.c_str(), strerror(errno));
+                continue;
+            }
+            source.stream = std::make_unique<Tav::CaptureStream>(reader_, input.name, fd, true,
+                                                                 streamOptions(true));
+        }
+        source.registered = std::make_unique<Active>(*source.stream);
+        diagnostics_.startCapture(input.name);
+        if (!source.stream->open()) {
+            reportUnopened(*source.stream, input.name);
+            continue;
+        }
+        if (needsPort(*source.stream, input.name)) {
+            continue;
+        }
+        source.open = true;
+        sources.push_back(std::move(source));
+    }
+    for (Source& source : sources) {
+        source.collect = std::make_unique<Output>(&source.held);
+        source.writer = std::make_unique<Writer>(*source.collect, options_, false);
+    }
+    // Reads a capture up to its next record, collecting the output of the
+    // events on the way and of the record; at the end of the capture the
+    // output left (its summary) goes out at once.
+    auto advance = [&](Source& source) {
+        source.hasRecord = false;
+        diagnostics_.startCapture(source.name);
+        while (source.stream->next()) {
+            if (const Tav::Record* record = source.stream->record()) {
+                source.writer->record(*record);
+                source.seconds = record->pcapHeader.tsSec;
+                source.microseconds = record->pcapHeader.tsUsec;
+                source.number = record->number;
+                source.hasRecord = true;
+                return;
+            }
+            handle(*source.stream, *source.writer);
+        }
+        out_.write(source.held);
+        source.held.clear();
+        closeCapture(*source.stream);
+    };
+    for (Source& source : sources) {
+        advance(source);
+    }
+    for (;;) {
+        // The earliest record; ties go to the capture given first, then to
+        // the record read first.
+        Source* next = nullptr;
+        for (Source& source : sources) {
+            if (source.hasRecord &&
+                (next == nullptr || source.seconds < next->seconds ||
+                 (source.seconds == next->seconds && source.microseconds < next->microseconds))) {
+                next = &source;
+            }
+        }
+        if (next == nullptr || done()) {
+            break;
+        }
+        out_.write(next->held);
+        next->held.clear();
+        ++records_;
+        if (limitReached()) {
+            break;
+        }
+        advance(*next);
+    }
+}
 
 int run(int argc, char** argv, std::string& activity) {
     Options options;
-    const int parsed = parseCommandLine(argc, argv, options);
+    const int parsed = wexbl_decode::parseCommandLine(argc, argv, options);
     if (parsed >= 0) {
         return parsed;
     }
+
+    // The filter is checked before anything is read.
+    std::unique_ptr<Tav::Filter> filter;
+    if (!options.filters.empty() || !options.windows.empty()) {
+        std::string composite;
+        auto check = [&](const std::string& expression, const char* what) {
+            std::string error;
+            std::size_t position = 0;
+            if (!Tav::Filter::compile(expression, error, position)) {
+                message("invalid %s: %s", what, error.c_str());
+                fprintf(stderr, "  %s\n  %s^\n", expression.c_str(),
+                        std::string(std::min(position, expression.size()), ' ').c_str());
+                return false;
+            }
+            composite += (composite.empty() ? "(" : " && (") + expression + ")";
+            return true;
+        };
+        for (const std::string& expression : options.filters) {
+            if (!check(expression, "filter expression")) {
+                return kExitUsage;
+            }
+        }
+        for (const std::string& window : options.windows) {
+            if (!check(window, window.compare(0, 6, "time >") == 0 ? "--since time" : "--until time")) {
+                return kExitUsage;
+            }
+        }
+        std::string error;
+        std::size_t position = 0;
+        filter = Tav::Filter::compile(composite, error, position);
+        if (!filter) {
+            message("invalid filter: %s", error.c_str());
+            return kExitUsage;
+        }
+    }
+
     activity = "listing the captures";
     const std::vector<CaptureInput> inputs = wexbl_decode::expandOperands(options.captures);
     const bool toStdout = options.outputPath == nullptr || strcmp(options.outputPath, "-") == 0;
@@ -500,11 +628,29 @@ int run(int argc, char** argv, std::string& activity) {
         out = outputFile.get();
     }
 
+    const bool colour =
+        options.format == Format::Text &&
+        (options.color == When::Always ||
+         (options.color == When::Auto && isatty(fileno(out)) && getenv("NO_COLOR") == nullptr));
+    const bool progressShown = options.progress == When::Always ||
+                               (options.progress == When::Auto && isatty(STDERR_FILENO));
     Output output(out);
-    CaptureDecoder decoder(reader, options, output, activity);
-    for (const CaptureInput& input : inputs) {
-        decoder.decode(input);
+    Progress progress(progressShown);
+    Diagnostics diagnostics(output, progress, options.verbose, options.resync);
+    Writer writer(output, options, colour);
+    Run decoder(reader, options, filter.get(), output, writer, diagnostics, progress, activity);
+    installSignalHandlers();
+
+    writer.start();
+    if (options.merge) {
+        decoder.merge(inputs);
+    } else {
+        for (const CaptureInput& input : inputs) {
+            decoder.decode(input);
+        }
     }
+    writer.finish();
+    progress.erase();
 
     activity = "writing the output";
     output.flush();
@@ -515,6 +661,9 @@ int run(int argc, char** argv, std::string& activity) {
     if (outputFile && fclose(outputFile.release()) != 0) {
         message("error closing '%s': %s", options.outputPath, strerror(errno));
         return kExitFailure;
+    }
+    if (interrupted.load()) {
+        return kExitInterrupted;
     }
     return decoder.status();
 }

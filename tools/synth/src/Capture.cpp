@@ -755,7 +755,10 @@ void appendStoredBlock(std::string& out, const char* data, std::size_t n, bool l
 bool buildGzip(const std::string& data, const std::vector<std::size_t>& writeEnds, int level,
                const GzipDamage& damage, std::string& out, std::string& error) {
     out.clear();
-    if (data.size() > 0xFFFFFFFFULL) {
+    // A variable, not the expression: on 32-bit targets size_t cannot exceed
+    // the limit, and the compiler would call the test always false.
+    const std::uint64_t size = data.size();
+    if (size > 0xFFFFFFFFULL) {
         error = "a damaged gzip capture is limited to 4 GiB";
         return false;
     }

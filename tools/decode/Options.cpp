@@ -1,0 +1,330 @@
+#include "Options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "../common/CliMessage.h"
+
+#ifndef WEXBL_VERSION
+#define WEXBL_VERSION "unknown"
+#endif
+
+namespace wexbl_decode {
+
+namespace {
+
+using wexbl_cli::kExitOk;
+using wexbl_cli::kExitUsage;
+using wexbl_cli::message;
+
+const char* program() {
+    return wexbl_cli::kProgramName;
+}
+
+void printUsage(FILE* to) {
+    fprintf(to,
+            "Usage: %s [options] -d DICTIONARY_DIR CAPTURE...\n"
+            "   or: %s [options] DICTIONARY_DIR CAPTURE...\n"
+            "Decode binary log captures into one text line per record, or into JSON or\n"
+            "CSV records.\n"
+            "\n"
+            "DICTIONARY_DIR holds the binlog and bindisplay XML dictionaries; without\n"
+            "--dict it is the first operand. Each CAPTURE is a pcap or pcap.gz file, a\n"
+            "directory, or - for standard input. Of a directory, the regular files whose\n"
+            "names end in \".pcap\" or contain \"pcap.gz\" are decoded, in byte order of\n"
+            "their names; standard error tells how many other entries were skipped and\n"
+            "why, or that it held no capture (a warning only). Standard input and other\n"
+            "captures that are not regular files (pipes, /dev/stdin) are decoded as\n"
+            "their bytes arrive. pcap (microsecond or nanosecond, either byte order) and\n"
+            "pcapng are read, plain or gzip-compressed; besides link type 150 and\n"
+            "Ethernet, records may come over Linux cooked captures, raw IP and BSD\n"
+            "loopback, with VLAN tags and IPv4 options. Where a capture is in a form\n"
+            "the library's own capture loop does not read, a note on standard error\n"
+            "says so.\n"
+            "\n"
+            "Options:\n"
+            "  -d, --dict DIR           the dictionary directory\n"
+            "  -s, --stats              report sequence gaps and reordering, and print\n"
+            "                           statistics at the end of each capture\n"
+            "  -p, --udp-port PORT      UDP destination port of the log datagrams in\n"
+            "                           Ethernet-framed captures (default: none; needed\n"
+            "                           for Ethernet captures)\n"
+            "  -m, --max-var-bytes N    most bytes of a var binary string shown\n"
+            "                           (0-65535, default 65535: all)\n"
+            "  -u, --utc-offset MINUTES minutes added to every record time (default 0)\n"
+            "  -o, --output FILE        write the decoded lines to FILE (- for standard\n"
+            "                           output); the output, also standard output, may\n"
+            "                           not be one of the captures\n"
+            "\n"
+            "Output:\n"
+            "  -T, --format FORMAT      text (default), json (JSON Lines: one object per\n"
+            "                           record and per event) or csv (one row per record)\n"
+            "  -H, --with-filename      start every text line with its capture's name\n"
+            "      --color[=WHEN]       colour the level field: auto (default: when the\n"
+            "                           output is a terminal and NO_COLOR is unset),\n"
+            "                           always or never\n"
+            "      --tally              no records: a table of the records per module,\n"
+            "                           log and level at the end, most frequent first\n"
+            "      --unknown=hex        print a record of an unknown log id as a line of\n"
+            "                           its own with its payload in hex (default: skip)\n"
+            "\n"
+            "Selecting:\n"
+            "  -Y, --filter EXPR        only the records EXPR keeps, e.g.\n"
+            "                           'level <= WARN && module == L2:mac && ueId == 17'\n"
+            "                           (fields kind, subsystem, module, log, level,\n"
+            "                           category, seq, time, capture and any parameter;\n"
+            "                           == != < <= > >= ~ (glob) && || ! and parentheses)\n"
+            "      --since TIME         only records at or after TIME\n"
+            "                           (2024-05-01T12:00:00Z, offsets such as +02:00)\n"
+            "      --until TIME         only records before TIME\n"
+            "  -c, --count N            stop after N records\n"
+            "      --merge              print the records of all captures as one stream in\n"
+            "                           time order (statistics stay per capture)\n"
+            "      --resync             after damage, look for the next plausible record\n"
+            "                           and go on, reporting the bytes skipped\n"
+            "\n"
+            "Messages:\n"
+            "  -v, --verbose            show every repeated diagnostic (default: the first\n"
+            "                           10 of a kind per capture, then a count)\n"
+            "      --progress, --no-progress\n"
+            "                           a progress line on standard error (default: when\n"
+            "                           it is a terminal)\n"
+            "  -h, --help               show this help and exit\n"
+            "  -V, --version            show the version and exit\n"
+            "\n"
+            "Diagnostics name the capture and the record: 'binlog-decode: a.pcap.gz:\n"
+            "record 12: log id 0x2010009 not valid'. SIGINT or SIGTERM ends the line\n"
+            "being written, prints the statistics so far and exits with status 130.\n"
+            "\n"
+            "Exit status: 0 when every capture was read; 1 when the dictionaries did\n"
+            "not load, a capture could not be opened or read or is not a log capture\n"
+            "(not a capture file, no global header, another link type, UDP framing\n"
+            "without --udp-port), a capture is damaged (a truncated or oversized\n"
+            "record, damaged compressed data), the output could not be written, or\n"
+            "memory ran out; 2 on a usage error, a bad filter expression, or when the\n"
+            "output is one of the captures; 130 after SIGINT or SIGTERM. Other\n"
+            "problems inside a capture (an unknown log id, a version mismatch) are\n"
+            "reported on standard error and do not change the exit status.\n",
+            program(), program());
+}
+
+void printTryHelp() {
+    fprintf(stderr, "Try '%s --help' for more information.\n", program());
+}
+
+/// Parses a whole decimal number within [low, high].
+bool parseNumber(const char* text, long low, long high, long& value) {
+    if (text == nullptr || *text == '\0') {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const long parsed = strtol(text, &end, 10);
+    if (errno != 0 || *end != '\0' || parsed < low || parsed > high) {
+        return false;
+    }
+    value = parsed;
+    return true;
+}
+
+bool parseWhen(const char* text, When& when) {
+    if (text == nullptr || strcmp(text, "auto") == 0) {
+        when = When::Auto;
+    } else if (strcmp(text, "always") == 0) {
+        when = When::Always;
+    } else if (strcmp(text, "never") == 0) {
+        when = When::Never;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+enum LongOnly {
+    kColor = 1000,
+    kTally,
+    kUnknown,
+    kSince,
+    kUntil,
+    kMerge,
+    kResync,
+    kProgress,
+    kNoProgress,
+};
+
+}  // namespace
+
+int parseCommandLine(int argc, char** argv, Options& options) {
+    static const struct option kOptions[] = {
+        {"dict", required_argument, nullptr, 'd'},
+        {"stats", no_argument, nullptr, 's'},
+        {"udp-port", required_argument, nullptr, 'p'},
+        {"max-var-bytes", required_argument, nullptr, 'm'},
+        {"utc-offset", required_argument, nullptr, 'u'},
+        {"output", required_argument, nullptr, 'o'},
+        {"format", required_argument, nullptr, 'T'},
+        {"with-filename", no_argument, nullptr, 'H'},
+        {"color", optional_argument, nullptr, kColor},
+        {"colour", optional_argument, nullptr, kColor},
+        {"tally", no_argument, nullptr, kTally},
+        {"unknown", required_argument, nullptr, kUnknown},
+        {"filter", required_argument, nullptr, 'Y'},
+        {"since", required_argument, nullptr, kSince},
+        {"until", required_argument, nullptr, kUntil},
+        {"count", required_argument, nullptr, 'c'},
+        {"merge", no_argument, nullptr, kMerge},
+        {"resync", no_argument, nullptr, kResync},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"progress", no_argument, nullptr, kProgress},
+        {"no-progress", no_argument, nullptr, kNoProgress},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+    // getopt_long names the program by argv[0] in its messages; name it as
+    // our own messages do, whatever path it was started by.
+    argv[0] = const_cast<char*>(program());
+    int option;
+    while ((option = getopt_long(argc, argv, "d:sp:m:u:o:T:HY:c:vhV", kOptions, nullptr)) != -1) {
+        switch (option) {
+            case 'd':
+                options.dictionary = optarg;
+                break;
+            case 's':
+                options.stats = true;
+                break;
+            case 'p':
+                if (!parseNumber(optarg, 0, 65535, options.udpPort)) {
+                    message("invalid UDP port '%s' (expected 0-65535)", optarg);
+                    return kExitUsage;
+                }
+                break;
+            case 'm':
+                if (!parseNumber(optarg, 0, 65535, options.maxVarBytes)) {
+                    message("invalid byte count '%s' (expected 0-65535)", optarg);
+                    return kExitUsage;
+                }
+                break;
+            case 'u':
+                if (!parseNumber(optarg, INT_MIN / 60, INT_MAX / 60, options.utcOffset)) {
+                    message("invalid UTC offset '%s' (expected minutes, e.g. 60 or -300)", optarg);
+                    return kExitUsage;
+                }
+                break;
+            case 'o':
+                options.outputPath = optarg;
+                break;
+            case 'T':
+                if (strcmp(optarg, "text") == 0) {
+                    options.format = Format::Text;
+                } else if (strcmp(optarg, "json") == 0) {
+                    options.format = Format::Json;
+                } else if (strcmp(optarg, "csv") == 0) {
+                    options.format = Format::Csv;
+                } else {
+                    message("invalid format '%s' (expected text, json or csv)", optarg);
+                    return kExitUsage;
+                }
+                break;
+            case 'H':
+                options.withFilename = true;
+                break;
+            case kColor:
+                if (!parseWhen(optarg, options.color)) {
+                    message("invalid --color '%s' (expected auto, always or never)", optarg);
+                    return kExitUsage;
+                }
+                break;
+            case kTally:
+                options.tally = true;
+                break;
+            case kUnknown:
+                if (strcmp(optarg, "hex") == 0) {
+                    options.unknownHex = true;
+                } else if (strcmp(optarg, "skip") == 0) {
+                    options.unknownHex = false;
+                } else {
+                    message("invalid --unknown '%s' (expected hex or skip)", optarg);
+                    return kExitUsage;
+                }
+                break;
+            case 'Y':
+                options.filters.push_back(optarg);
+                break;
+            case kSince:
+                options.windows.push_back(std::string("time >= ") + optarg);
+                break;
+            case kUntil:
+                options.windows.push_back(std::string("time < ") + optarg);
+                break;
+            case 'c': {
+                long count = 0;
+                if (!parseNumber(optarg, 1, LONG_MAX, count)) {
+                    message("invalid count '%s' (expected a positive number)", optarg);
+                    return kExitUsage;
+                }
+                options.count = static_cast<std::uint64_t>(count);
+                break;
+            }
+            case kMerge:
+                options.merge = true;
+                break;
+            case kResync:
+                options.resync = true;
+                break;
+            case 'v':
+                options.verbose = true;
+                break;
+            case kProgress:
+                options.progress = When::Always;
+                break;
+            case kNoProgress:
+                options.progress = When::Never;
+                break;
+            case 'h':
+                printUsage(stdout);
+                return kExitOk;
+            case 'V':
+                printf("%s %s\n", program(), WEXBL_VERSION);
+                return kExitOk;
+            default:
+                printTryHelp();
+                return kExitUsage;
+        }
+    }
+    int first = optind;
+    if (options.dictionary == nullptr) {
+        // The older form: the dictionary is the first operand.
+        if (argc - first < 2) {
+            message("expected a dictionary directory and at least one capture");
+            printTryHelp();
+            return kExitUsage;
+        }
+        options.dictionary = argv[first++];
+    } else if (argc - first < 1) {
+        message("expected at least one capture");
+        printTryHelp();
+        return kExitUsage;
+    }
+    options.captures.assign(argv + first, argv + argc);
+    // Standard input is decoded as it arrives, so it can be read only once.
+    if (std::count(options.captures.begin(), options.captures.end(), "-") > 1) {
+        message("standard input ('-') can be given only once");
+        printTryHelp();
+        return kExitUsage;
+    }
+    if (options.merge && std::count(options.captures.begin(), options.captures.end(), "-") > 0) {
+        message("--merge reads its captures side by side: standard input cannot be one");
+        printTryHelp();
+        return kExitUsage;
+    }
+    return -1;
+}
+
+}  // namespace wexbl_decode

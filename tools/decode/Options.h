@@ -1,0 +1,50 @@
+// The command line of binlog-decode.
+#ifndef WEXBL_TOOLS_DECODE_OPTIONS_H
+#define WEXBL_TOOLS_DECODE_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace wexbl_decode {
+
+enum class Format { Text, Json, Csv };
+enum class When { Auto, Always, Never };
+
+struct Options {
+    bool stats = false;
+    long udpPort = -1;
+    long maxVarBytes = 65535;
+    long utcOffset = 0;
+    const char* outputPath = nullptr;
+    const char* dictionary = nullptr;
+    std::vector<std::string> captures;
+
+    Format format = Format::Text;
+    /// The -Y expressions, and the time conditions of --since and --until
+    /// ("time >= TIME"), all of which a record must meet.
+    std::vector<std::string> filters;
+    std::vector<std::string> windows;
+    bool tally = false;
+    /// Stop after this many records (0: no limit).
+    std::uint64_t count = 0;
+    bool merge = false;
+    When color = When::Auto;
+    When progress = When::Auto;
+    /// Print records of unknown log ids as hex lines.
+    bool unknownHex = false;
+    /// Show every repeated diagnostic.
+    bool verbose = false;
+    /// Look for the next plausible record after damage.
+    bool resync = false;
+    /// Prefix text lines with the capture's name.
+    bool withFilename = false;
+};
+
+/// Reads the command line into `options`. Returns -1 to go on, or the exit
+/// status to end with at once (help, version, usage errors).
+int parseCommandLine(int argc, char** argv, Options& options);
+
+}  // namespace wexbl_decode
+
+#endif

@@ -1,0 +1,43 @@
+// The progress line binlog-decode keeps on standard error during a long run
+// (when standard error is a terminal, or with --progress): the capture, how
+// much of it was read, the records, the rate and the time left. Redrawn at
+// most four times a second and erased at the end.
+#ifndef WEXBL_TOOLS_DECODE_PROGRESS_H
+#define WEXBL_TOOLS_DECODE_PROGRESS_H
+
+#include <cstdint>
+#include <string>
+
+namespace wexbl_decode {
+
+class Progress {
+  public:
+    explicit Progress(bool enabled) : enabled_(enabled) {}
+    ~Progress() { erase(); }
+
+    /// A new capture of `size` bytes on disk (0 when unknown).
+    void startCapture(const std::string& name, std::uint64_t size);
+    /// Called for every record; redraws now and then.
+    void update(std::uint64_t bytesRead, std::uint64_t records) {
+        if (enabled_ && ++calls_ % 4096 == 0) {
+            draw(bytesRead, records);
+        }
+    }
+    /// Removes the line (before anything else is written to the terminal).
+    void erase();
+
+  private:
+    void draw(std::uint64_t bytesRead, std::uint64_t records);
+
+    bool enabled_;
+    bool shown_ = false;
+    std::string name_;
+    std::uint64_t size_ = 0;
+    std::uint64_t calls_ = 0;
+    double started_ = 0;
+    double lastDrawn_ = 0;
+};
+
+}  // namespace wexbl_decode
+
+#endif

@@ -1,0 +1,48 @@
+// How binlog-decode writes what it decodes: text lines (optionally with the
+// capture's name in front and the level coloured), JSON Lines or CSV, or,
+// with --tally, one table at the end.
+#ifndef WEXBL_TOOLS_DECODE_WRITER_H
+#define WEXBL_TOOLS_DECODE_WRITER_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <tuple>
+
+#include "Options.h"
+#include "Output.h"
+#include "WexOamBinLogXmlReader/Record.h"
+
+namespace wexbl_decode {
+
+class Writer {
+  public:
+    Writer(Output& output, const Options& options, bool colour);
+
+    /// Before the first record: the CSV header row.
+    void start();
+    void record(const Tav::Record& record);
+    /// An event of the output stream (statistics, version and level
+    /// messages): its text, or its JSON object.
+    void outputEvent(const Tav::Event& event);
+    /// An event of the error stream: in JSON, also an object of the output.
+    void errorEvent(const Tav::Event& event);
+    /// A record of an unknown log id, as a line of its own (--unknown=hex).
+    void unknownRecord(const Tav::Event& event);
+    /// After the last record: the tally.
+    void finish();
+
+  private:
+    void line(const Tav::Record* record, std::string_view text, std::string_view capture);
+
+    Output& output_;
+    const Options& options_;
+    bool colour_;
+    std::string buffer_;
+    /// --tally: (module, log, level) -> records.
+    std::map<std::tuple<std::string, std::string, std::string>, std::uint64_t> tally_;
+};
+
+}  // namespace wexbl_decode
+
+#endif
