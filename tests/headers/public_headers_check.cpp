@@ -7,6 +7,8 @@
 #include "BinaryLogXmlReader.h"
 #include "WexOamBinLogXmlReader/ByteReader.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
+#include "WexOamBinLogXmlReader/Filter.h"
+#include "WexOamBinLogXmlReader/Format.h"
 #include "WexOamBinLogXmlReader/Record.h"
 
 #ifdef LIBXML_VERSION
