@@ -61,7 +61,8 @@
 //                             present after a read error; both absent for a
 //                             damaged pcapng block)
 //   unknown-log-id,
-//   invalid-packet-type       "log_id", "packet_type"
+//   invalid-packet-type       "log_id", "packet_type", "epoch_us", "level_no",
+//                             "seq", "payload" (the payload in hex)
 //   version-mismatch          "log_id", "log" (its name), "version",
 //                             "expected_version"
 //   level-out-of-range        "log_id", "log", "level_no"
@@ -74,6 +75,9 @@
 //   summary                   "total", "missing", "out_of_order", "bytes",
 //                             and "received_per_ms", "generated_per_ms" when
 //                             the summary shows rates
+//   resync                    "skipped" (uncompressed bytes, from "offset"),
+//                             "compressed_skipped", "found" (true when a
+//                             record followed, false when the capture ended)
 //   no-global-header, not-a-capture, display-unavailable, timestamp-failed,
 //   note                      nothing more
 //
@@ -94,6 +98,7 @@
 #define WEX_OAM_BINLOG_FORMAT_H
 
 #include <string>
+#include <string_view>
 
 #include "../WexOamBinLogXmlReaderExport.h"
 #include "Record.h"
@@ -102,6 +107,8 @@ namespace Tav {
 
 /// Appends the JSON object of a record (keys above).
 WEXBL_API void appendJson(std::string& out, const Record& record);
+/// Appends `text` as a JSON string, quotes included, escaped as above.
+WEXBL_API void appendJsonString(std::string& out, std::string_view text);
 /// Appends the JSON object of an event ("event": "gap", "unknown-log-id", ...).
 WEXBL_API void appendJson(std::string& out, const Event& event);
 /// The event's name in JSON ("gap", "reorder", "summary", "unknown-log-id", ...).

@@ -733,6 +733,8 @@ const char* eventName(EventKind kind) {
             return "summary";
         case EventKind::Note:
             return "note";
+        case EventKind::Resync:
+            return "resync";
     }
     return "";
 }
@@ -785,6 +787,28 @@ void writeEvent(Sink& out, const Event& event) {
             appendHexNumber(out, event.logId);
             appendLiteral(out, "\",\"packet_type\":");
             appendUnsigned(out, event.packetType);
+            // What a reader of an incomplete dictionary needs to place the
+            // record: its time, level, number and bytes.
+            appendLiteral(out, ",\"epoch_us\":");
+            appendUnsigned(out, std::uint64_t(event.pcapHeader.tsSec) * 1000000u +
+                                    event.pcapHeader.tsUsec);
+            appendLiteral(out, ",\"level_no\":");
+            appendUnsigned(out, event.binLogHeader.logLevel);
+            appendLiteral(out, ",\"seq\":");
+            appendUnsigned(out, event.binLogHeader.seqNo);
+            appendLiteral(out, ",\"payload\":");
+            appendHexBytes(out, event.payload);
+            break;
+        case EventKind::Resync:
+            appendLiteral(out, ",\"skipped\":");
+            appendSigned(out, event.count);
+            appendLiteral(out, ",\"compressed_skipped\":");
+            appendUnsigned(out, event.compressedSkipped);
+            if (event.length != 0) {
+                appendLiteral(out, ",\"found\":true");
+            } else {
+                appendLiteral(out, ",\"found\":false");
+            }
             break;
         case EventKind::VersionMismatch:
             appendLiteral(out, ",\"log_id\":\"");
@@ -913,6 +937,11 @@ void appendIsoTime(std::string& out, const Record& record) {
 void appendJson(std::string& out, const Record& record) {
     Sink sink(out);
     writeRecord(sink, record);
+}
+
+void appendJsonString(std::string& out, std::string_view text) {
+    Sink sink(out);
+    appendJsonString(sink, text);
 }
 
 void appendJson(std::string& out, const Event& event) {

@@ -815,7 +815,8 @@ TEST_F(FormatTest, EventsOfRecords) {
     });
     const std::vector<std::string> expected = {
         "{\"event\":\"unknown-log-id\",\"capture\":\"ev\",\"record\":1,\"offset\":24,"
-        "\"log_id\":\"0x1020009\",\"packet_type\":0,\"message\":\"Log id :1020009 not valid\"}",
+        "\"log_id\":\"0x1020009\",\"packet_type\":0,\"epoch_us\":1700000000000000,"
+        "\"level_no\":5,\"seq\":1,\"payload\":\"\",\"message\":\"Log id :1020009 not valid\"}",
         "{\"event\":\"gap\",\"capture\":\"ev\",\"record\":2,\"offset\":56,\"module\":\"0x102\","
         "\"last_seq\":1,\"seq\":41,\"missing\":39,\"missing_before\":0,"
         "\"message\":\">>possibly missing packets: module=0x102,lastSeqNo=1,curSeqNo=41: "
@@ -830,7 +831,9 @@ TEST_F(FormatTest, EventsOfRecords) {
         "\"log_id\":\"0x1020001\",\"log\":\"Grant\",\"level_no\":200,"
         "\"message\":\"Invalig log level [200] for log [Grant] \"}",
         "{\"event\":\"invalid-packet-type\",\"capture\":\"ev\",\"record\":5,\"offset\":242,"
-        "\"log_id\":\"0x1020001\",\"packet_type\":7,"
+        "\"log_id\":\"0x1020001\",\"packet_type\":7,\"epoch_us\":1700000000250000,"
+        "\"level_no\":5,\"seq\":44,"
+        "\"payload\":\"070001001100000000040000ffff05000200096f6b000000000300aabbcc\","
         "\"message\":\"Invalid packetType passed :7\"}",
         "{\"event\":\"syslog-too-short\",\"capture\":\"ev\",\"record\":6,\"offset\":304,"
         "\"length\":20,\"message\":\"Syslog record skipped: storageLength 20 is shorter than "
@@ -979,6 +982,7 @@ TEST(FormatEvents, EventsOfEveryKind) {
         Tav::EventKind::Reorder,
         Tav::EventKind::Summary,
         Tav::EventKind::Note,
+        Tav::EventKind::Resync,
     };
     const char* const names[] = {
         "open-failed",
@@ -1002,6 +1006,7 @@ TEST(FormatEvents, EventsOfEveryKind) {
         "reorder",
         "summary",
         "note",
+        "resync",
     };
     static_assert(sizeof kinds / sizeof kinds[0] == sizeof names / sizeof names[0], "");
     for (std::size_t i = 0; i < sizeof kinds / sizeof kinds[0]; ++i) {
@@ -1072,12 +1077,32 @@ TEST(FormatEvents, EventsOfEveryKind) {
     Tav::Event unknown = make(Tav::EventKind::UnknownLogId, "u\n");
     unknown.logId = 0xFFFFFFFFu;
     unknown.packetType = 0xFFFFFFFFu;
+    unknown.pcapHeader.tsSec = 0xFFFFFFFFu;
+    unknown.pcapHeader.tsUsec = 999999;
+    unknown.binLogHeader.logLevel = 0xFFFF;
+    unknown.binLogHeader.seqNo = 0xFFFFFFFFu;
+    unknown.payload = std::string_view("\x00\xff\x10", 3);
     EXPECT_EQ(json(unknown), "{\"event\":\"unknown-log-id\"," + head +
                                  "\"log_id\":\"0xffffffff\",\"packet_type\":4294967295,"
+                                 "\"epoch_us\":4294967295999999,\"level_no\":65535,"
+                                 "\"seq\":4294967295,\"payload\":\"00ff10\","
                                  "\"message\":\"u\"}");
+    Tav::Event resync = make(Tav::EventKind::Resync, "r\n");
+    resync.count = 4096;
+    resync.compressedSkipped = 77;
+    resync.length = 1;
+    EXPECT_EQ(json(resync), "{\"event\":\"resync\"," + head +
+                                "\"skipped\":4096,\"compressed_skipped\":77,\"found\":true,"
+                                "\"message\":\"r\"}");
+    resync.length = 0;
+    resync.compressedSkipped = 0;
+    EXPECT_EQ(json(resync), "{\"event\":\"resync\"," + head +
+                                "\"skipped\":4096,\"compressed_skipped\":0,\"found\":false,"
+                                "\"message\":\"r\"}");
     Tav::Event zero = make(Tav::EventKind::UnknownLogId, "u\n");
     EXPECT_EQ(json(zero), "{\"event\":\"unknown-log-id\"," + head +
-                              "\"log_id\":\"0x0\",\"packet_type\":0,\"message\":\"u\"}");
+                              "\"log_id\":\"0x0\",\"packet_type\":0,\"epoch_us\":0,"
+                              "\"level_no\":0,\"seq\":0,\"payload\":\"\",\"message\":\"u\"}");
     // Rates as the shortest decimal that reads back the same double; a
     // value JSON cannot hold as null.
     Tav::Event summary = make(Tav::EventKind::Summary, ">>totalRecords =  3\n>>x\n");

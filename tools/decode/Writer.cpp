@@ -66,26 +66,6 @@ void appendCsvField(std::string& out, std::string_view text) {
     out += '"';
 }
 
-void appendJsonString(std::string& out, std::string_view text) {
-    // The names in a tally come from the dictionary: plain text. Escape the
-    // few characters JSON needs escaped; other bytes pass as they are.
-    out += '"';
-    for (const char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (u < 0x20 || u == 0x7f || u >= 0x80) {
-            char escape[8];
-            snprintf(escape, sizeof escape, "\\u%04x", u);
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
-    out += '"';
-}
-
 const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN", "NOTICE",
                                    "INFO", "DEBUG",    "DEVEL", "ALWAYS"};
 
@@ -285,11 +265,11 @@ void Writer::finish() {
         case Format::Json:
             for (const Row& row : rows) {
                 out += "{\"module\":";
-                appendJsonString(out, std::get<0>(row.first));
+                Tav::appendJsonString(out, std::get<0>(row.first));
                 out += ",\"log\":";
-                appendJsonString(out, std::get<1>(row.first));
+                Tav::appendJsonString(out, std::get<1>(row.first));
                 out += ",\"level\":";
-                appendJsonString(out, std::get<2>(row.first));
+                Tav::appendJsonString(out, std::get<2>(row.first));
                 out += ",\"records\":" + std::to_string(row.second) + "}\n";
             }
             break;
