@@ -6,7 +6,8 @@
 #
 #   scripts/install-deps.sh [--tests] [--bench] [extra-package ...]
 #
-#   --tests   also GoogleTest (WEXBL_BUILD_TESTS)
+#   --tests   also GoogleTest (WEXBL_BUILD_TESTS), and Python 3 and jq, which
+#             check the JSON and CSV output
 #   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
 set -euo pipefail
 exec >&2
@@ -14,7 +15,7 @@ exec >&2
 packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev)
 while [ $# -gt 0 ]; do
     case $1 in
-    --tests) packages+=(libgtest-dev) ;;
+    --tests) packages+=(libgtest-dev python3 jq) ;;
     --bench) packages+=(libbenchmark-dev) ;;
     *) packages+=("$1") ;;
     esac
