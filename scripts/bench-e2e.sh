@@ -12,7 +12,10 @@
 #   - the pull API, records and events only, no text (decode_capture values),
 #     and with every value of every record read (decode_capture params);
 #   - binlog-decode DICT FILE > /dev/null, statistics off and on;
-#   - binlog-decode on the uncompressed and on the Ethernet capture.
+#   - binlog-decode on the uncompressed and on the Ethernet capture;
+#   - binlog-decode --format json and --format csv;
+#   - binlog-decode with a filter that keeps about 1 % of the records, by
+#     level (level == CRITICAL) and by module and log.
 # Reports the median of RUNS runs as records per second, the ratio of each
 # rate to the `gzip -dc` rate on the same file, and the peak RSS.
 #
@@ -132,6 +135,11 @@ for run in $(seq "$runs"); do
     measure decode_plain "$decode" "$work/dict" "$work/capture.pcap"
     measure gzip_eth gzip -dc "$work/ethernet.pcap.gz"
     measure decode_eth "$decode" --udp-port 5000 "$work/dict" "$work/ethernet.pcap.gz"
+    measure decode_json "$decode" --format json "$work/dict" "$work/capture.pcap.gz"
+    measure decode_csv "$decode" --format csv "$work/dict" "$work/capture.pcap.gz"
+    measure filter_level "$decode" --filter 'level == CRITICAL' "$work/dict" "$work/capture.pcap.gz"
+    measure filter_log "$decode" --filter 'module == SUB3:mod3 && log == Timer' "$work/dict" \
+        "$work/capture.pcap.gz"
 done
 measure decode_small "$decode" "$work/dict" "$work/small.pcap.gz"
 
@@ -157,6 +165,10 @@ report "binlog-decode --stats" decode_stats gzip
 report "binlog-decode, uncompressed file" decode_plain gzip
 report "gzip -dc (Ethernet capture)" gzip_eth gzip_eth
 report "binlog-decode, Ethernet capture" decode_eth gzip_eth
+report "binlog-decode --format json" decode_json gzip
+report "binlog-decode --format csv" decode_csv gzip
+report "binlog-decode -Y 'level == CRITICAL' (1 %)" filter_level gzip
+report "binlog-decode -Y module and log (1 %)" filter_log gzip
 printf '%-40s peak RSS %.1f MiB (20000 records) vs %.1f MiB (%s records)\n' "memory" \
     "$(awk -v k="${rss[decode_small]}" 'BEGIN { print k / 1024 }')" \
     "$(awk -v k="${rss[decode]}" 'BEGIN { print k / 1024 }')" "$records"
