@@ -175,6 +175,7 @@ class WEXBL_API CaptureStream {
     std::vector<std::pair<std::uint16_t, std::uint64_t>> udpPorts() const;
 
   private:
+    friend class DatagramStream;
     struct Impl;
     static StreamSession::State* sessionState(const StreamOptions& options);
     std::unique_ptr<Impl> impl_;

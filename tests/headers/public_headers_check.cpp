@@ -7,6 +7,7 @@
 #include "BinaryLogXmlReader.h"
 #include "WexOamBinLogXmlReader/ByteReader.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
+#include "WexOamBinLogXmlReader/DatagramStream.h"
 #include "WexOamBinLogXmlReader/Filter.h"
 #include "WexOamBinLogXmlReader/Format.h"
 #include "WexOamBinLogXmlReader/Record.h"

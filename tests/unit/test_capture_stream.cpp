@@ -16,6 +16,7 @@
 #include "BinaryLogXmlReader.h"
 #include "TestSupport.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
+#include "WexOamBinLogXmlReader/DatagramStream.h"
 
 namespace {
 
@@ -313,6 +314,146 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
     }
     EXPECT_EQ(compared, 300);
     EXPECT_GT(withRecords, 100);
+}
+
+// ---- Datagrams received live -------------------------------------------------------------------
+
+/// The UDP payloads to port 5000 of a capture written by appendEthernet
+/// (Ethernet 14, IPv4 20 and UDP 8 header bytes before each payload).
+std::vector<std::string> datagramsOf(const std::string& capture) {
+    std::vector<std::string> datagrams;
+    std::size_t at = 24;
+    while (at + 16 <= capture.size()) {
+        const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(capture[i]); };
+        const std::size_t length = byte(at + 12) | byte(at + 13) << 8 | byte(at + 14) << 16 |
+                                   static_cast<std::size_t>(byte(at + 15)) << 24;
+        if (at + 16 + length > capture.size()) {
+            break;  // a capture cut short
+        }
+        const std::string frame = capture.substr(at + 16, length);
+        at += 16 + length;
+        const unsigned port =
+            static_cast<unsigned char>(frame[36]) << 8 | static_cast<unsigned char>(frame[37]);
+        if (port == 5000) {
+            datagrams.push_back(frame.substr(42));
+        }
+    }
+    return datagrams;
+}
+
+TEST(DatagramStreamDifferential, DatagramsDecodeAsTheCaptureThatCarriesThem) {
+    Random random{20261125};
+    int withRecords = 0;
+    for (int round = 0; round < 60; ++round) {
+        const int modules = 1 + static_cast<int>(random.below(3));
+        TempDir dict;
+        writeRandomDictionary(dict, random, modules);
+        std::string capture = randomCapture(random, modules, true);
+        // Whole records only: a capture cut short has no datagram to match.
+        TempDir dir;
+        const bool stats = random.below(2) == 0;
+        StderrCapture loading;
+        Tav::BinaryLogXmlReader reader(dict.slash(), stats, 5000, 4);
+        loading.stop();
+        ASSERT_TRUE(reader.isGood());
+        Tav::StreamOptions options;
+        options.udpPort = 5000;
+        options.maxVarBinaryBytes = 4;
+        options.stats = stats;
+        options.utcOffsetMinutes = 45;
+        const std::vector<std::string> datagrams = datagramsOf(capture);
+        // The capture as far as its whole records go.
+        std::string expected;
+        std::string expectedSummary;
+        {
+            Tav::CaptureStream stream(reader, dir.writeFile("c.pcap", capture), options);
+            while (stream.next()) {
+                if (const Tav::Record* record = stream.record()) {
+                    expected.append(record->text.data(), record->text.size());
+                } else if (stream.event()->kind == Tav::EventKind::Summary) {
+                    expectedSummary = std::string(stream.event()->text);
+                } else if (stream.event()->kind != Tav::EventKind::Truncated &&
+                           stream.event()->kind != Tav::EventKind::Note) {
+                    expected.append(stream.event()->text.data(), stream.event()->text.size());
+                }
+            }
+            if (stream.damaged()) {
+                continue;  // cut short: the last datagram would differ
+            }
+        }
+        std::string actual;
+        Tav::DatagramStream live(reader, "udp", options);
+        std::uint64_t number = 0;
+        for (const std::string& datagram : datagrams) {
+            ++number;
+            const auto result =
+                live.push(reinterpret_cast<const unsigned char*>(datagram.data()), datagram.size());
+            ASSERT_EQ(result, datagram.size() < 32 ? Tav::DatagramStream::Result::TooShort
+                                                   : Tav::DatagramStream::Result::Decoded);
+            while (live.next()) {
+                if (const Tav::Record* record = live.record()) {
+                    EXPECT_EQ(record->number, number);
+                    EXPECT_EQ(record->capture, "udp");
+                    actual.append(record->text.data(), record->text.size());
+                } else {
+                    EXPECT_EQ(live.event()->capture, "udp");
+                    actual.append(live.event()->text.data(), live.event()->text.size());
+                }
+            }
+        }
+        ASSERT_EQ(actual, expected) << "round " << round;
+        EXPECT_EQ(live.datagrams(), datagrams.size());
+        EXPECT_EQ(live.statisticsSoFar(), expectedSummary) << "round " << round;
+        withRecords += expected.find("] \n") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_GT(withRecords, 20);
+}
+
+TEST(DatagramStream, ShortAndLongDatagramsAreCountedNotDecoded) {
+    TempDir dict;
+    dict.writeFile("a_binlog.xml", R"(<?xml version="1.0"?>
+<LoggingSubSystem subsystem="CORE" subsystemId="1" module="sched" moduleid="2" binlogversion="1">
+  <LogId name="Ping" logString="ping {n}" category="DIAG">
+    <p type="TavUint32_t" nameList="n"/>
+  </LogId>
+</LoggingSubSystem>
+)");
+    Tav::BinaryLogXmlReader reader(dict.slash(), false, 0, 64);
+    ASSERT_TRUE(reader.isGood());
+    Tav::DatagramStream live(reader, "udp:5000", Tav::StreamOptions());
+    const std::string tooShort(31, '\0');
+    const std::string tooLong(Tav::DatagramStream::kMaxDatagramBytes + 1, '\0');
+    EXPECT_EQ(live.push(reinterpret_cast<const unsigned char*>(tooShort.data()), tooShort.size()),
+              Tav::DatagramStream::Result::TooShort);
+    EXPECT_FALSE(live.next());
+    EXPECT_EQ(live.push(reinterpret_cast<const unsigned char*>(tooLong.data()), tooLong.size()),
+              Tav::DatagramStream::Result::TooLong);
+    EXPECT_FALSE(live.next());
+    // The largest datagram is decoded: a Ping whose payload runs on.
+    LogRecord r;
+    r.tsSec = 1700000000;
+    r.logId = 0x01020001;
+    r.seqNo = 9;
+    putU32(r.payload, 77);
+    std::string datagram;
+    putU32(datagram, r.tsSec);
+    putU32(datagram, 0);
+    putU32(datagram, 0);
+    putU32(datagram, 0);
+    datagram += logBytes(r, 0);
+    datagram.resize(Tav::DatagramStream::kMaxDatagramBytes, 'x');
+    EXPECT_EQ(live.push(reinterpret_cast<const unsigned char*>(datagram.data()), datagram.size()),
+              Tav::DatagramStream::Result::Decoded);
+    ASSERT_TRUE(live.next());
+    ASSERT_NE(live.record(), nullptr);
+    EXPECT_EQ(live.record()->number, 3u);
+    EXPECT_EQ(live.record()->text,
+              "[2023-11-14T22:13:20.000Z] [CORE:sched] [                     Ping] [    INFO] "
+              "[      DIAG] [9] [ping n=77] \n");
+    EXPECT_FALSE(live.next());
+    EXPECT_EQ(live.datagrams(), 3u);
+    EXPECT_EQ(live.malformed(), 2u);
+    EXPECT_EQ(live.statisticsSoFar(), "");
 }
 
 // ---- Values of records -------------------------------------------------------------------------
