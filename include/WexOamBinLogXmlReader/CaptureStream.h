@@ -70,6 +70,11 @@ struct StreamOptions {
     /// plausible record and read on from it, with a Resync event that tells
     /// the bytes skipped, instead of ending the capture. Not with strict.
     bool resync = false;
+    /// The capture is still being written (a file opened by path): its end
+    /// is not the end of the stream. next() returns false with waiting()
+    /// true when it has read everything there is so far, and reads on when
+    /// called again after more was appended, as `tail -f` does.
+    bool follow = false;
     /// Only records this filter keeps come out (it must outlive the stream).
     /// A record the filter rejects from its header fields is not decoded;
     /// statistics and the checks of every record happen all the same.
@@ -127,6 +132,11 @@ class WEXBL_API CaptureStream {
     /// Makes next() return false from its next call on. Safe from any thread
     /// and from a signal handler.
     void requestStop() noexcept;
+
+    /// True when the last next() returned false only because no more bytes
+    /// were there yet (a capture followed while it grows, a non-blocking
+    /// descriptor): a later next() may go on. False at the real end.
+    bool waiting() const;
 
     /// Opens the capture and reads its header, if that was not done yet
     /// (next() does it too); what it finds comes as events from next().

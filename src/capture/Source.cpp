@@ -517,6 +517,20 @@ std::unique_ptr<ByteSource> openFile(const std::string& path) {
     return openDescriptor(fd, true, false);
 }
 
+std::unique_ptr<ByteSource> followFile(const std::string& path) {
+    if (path == "-") {
+        return openDescriptor(STDIN_FILENO, false, false);
+    }
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        return nullptr;
+    }
+    return openDescriptor(fd, true, true);
+}
+
 std::unique_ptr<ByteSource> openDescriptor(int fd, bool own, bool follow) {
     try {
         return std::unique_ptr<ByteSource>(new StreamSource(fd, own, follow));

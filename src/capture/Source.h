@@ -143,6 +143,11 @@ class ByteSource {
 /// errno as open() left it.
 std::unique_ptr<ByteSource> openFile(const std::string& path);
 
+/// Opens `path` to read it while it grows: openDescriptor(fd, true, true) on
+/// the file ("-" is standard input, read to its end as usual). Null when
+/// open() fails, errno as open() left it.
+std::unique_ptr<ByteSource> followFile(const std::string& path);
+
 /// Reads an already open descriptor incrementally (pipes, sockets, growing
 /// files): every refill is one read() of what is there. `own` closes the
 /// descriptor when the source is destroyed. With `follow`, end of file is not

@@ -18,7 +18,7 @@ StreamSession::State* CaptureStream::sessionState(const StreamOptions& options) 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, path, options, sessionState(options))) {
-    impl_->source = capture::openFile(path);
+    impl_->source = options.follow ? capture::followFile(path) : capture::openFile(path);
     if (impl_->source) {
         impl_->source->setStopFlag(&impl_->stop);
     }
@@ -55,6 +55,10 @@ const Record* CaptureStream::record() const {
 
 const Event* CaptureStream::event() const {
     return impl_->item == Impl::Item::Event ? &impl_->current : nullptr;
+}
+
+bool CaptureStream::waiting() const {
+    return impl_->waiting;
 }
 
 void CaptureStream::requestStop() noexcept {

@@ -154,8 +154,17 @@ struct CaptureStream::Impl : detail::EventSink {
         // The first bytes, for programs that say what a file holds.
         const std::size_t have = source->ensure(4);
         leading.assign(reinterpret_cast<const char*>(source->data()), have < 4 ? have : 4);
-        pcap = std::make_unique<capture::PcapReader>(*source, options.strict);
+        if (!pcap) {
+            pcap = std::make_unique<capture::PcapReader>(*source, options.strict);
+        }
         const capture::ReadResult result = pcap->open();
+        if (result == capture::ReadResult::Pending) {
+            // A capture still being written (or a pipe) without its file
+            // header yet: opened later.
+            phase = detail::StreamPhase::Open;
+            pending = true;
+            return;
+        }
         if (result != capture::ReadResult::Ok) {
             damaged = true;
             finish(result);
@@ -402,6 +411,7 @@ struct CaptureStream::Impl : detail::EventSink {
 
     bool next() {
         item = Item::None;
+        waiting = false;
         if (nextQueued < queue.size()) {
             return takeEvent();
         }
@@ -424,6 +434,7 @@ struct CaptureStream::Impl : detail::EventSink {
                 break;
             }
         }
+        waiting = pending;
         pending = false;
         if (nextQueued < queue.size()) {
             return takeEvent();
@@ -465,6 +476,7 @@ struct CaptureStream::Impl : detail::EventSink {
     bool damaged = false;
     bool recordReady = false;
     bool pending = false;
+    bool waiting = false;  // the last next() found no bytes yet
     CaptureStream::SkippedFrames skipped;
     std::map<std::uint16_t, std::uint64_t> ports;
     std::string leading;

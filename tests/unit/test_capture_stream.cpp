@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "BinaryLogXmlReader.h"
+#include "CaptureBytes.h"
 #include "TestSupport.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/DatagramStream.h"
@@ -732,6 +735,58 @@ TEST_F(CaptureStreamTest, APipeIsReadAsItsBytesArrive) {
     writer.join();
     EXPECT_EQ(records, 2);
     EXPECT_FALSE(stream.damaged());
+}
+
+TEST_F(CaptureStreamTest, AFollowedCaptureIsReadAsItGrows) {
+    // Five records, appended in pieces of 7 bytes (which split the file
+    // header and every record), plain and gzip-compressed.
+    std::string whole = pcapHeader(150);
+    for (int i = 0; i < 5; ++i) {
+        whole += grantCapture().substr(24);
+    }
+    std::string expected;
+    {
+        Tav::CaptureStream complete(*reader_, "whole",
+                                    reinterpret_cast<const unsigned char*>(whole.data()),
+                                    whole.size(), Tav::StreamOptions());
+        while (complete.next()) {
+            ASSERT_NE(complete.record(), nullptr);
+            expected += std::string(complete.record()->text);
+        }
+        EXPECT_FALSE(complete.waiting());
+    }
+    ASSERT_EQ(std::count(expected.begin(), expected.end(), '\n'), 5);
+    for (const bool compressed : {false, true}) {
+        TempDir dir;
+        const std::string path = dir.writeFile("growing.pcap", "");
+        const capture_test::Bytes packed =
+            capture_test::gzip(capture_test::Bytes(whole.begin(), whole.end()));
+        const std::string bytes = compressed ? std::string(packed.begin(), packed.end()) : whole;
+        Tav::StreamOptions options;
+        options.follow = true;
+        Tav::CaptureStream stream(*reader_, path, options);
+        std::string text;
+        int waits = 0;
+        for (std::size_t at = 0; at < bytes.size(); at += 7) {
+            {
+                std::FILE* file = std::fopen(path.c_str(), "ab");
+                ASSERT_NE(file, nullptr);
+                std::fwrite(bytes.data() + at, 1, std::min<std::size_t>(7, bytes.size() - at),
+                            file);
+                std::fclose(file);
+            }
+            while (stream.next()) {
+                ASSERT_NE(stream.record(), nullptr) << std::string(stream.event()->text);
+                text += std::string(stream.record()->text);
+            }
+            EXPECT_TRUE(stream.waiting());
+            ++waits;
+        }
+        EXPECT_EQ(text, expected) << "compressed " << compressed;
+        EXPECT_GT(waits, 5);
+        EXPECT_FALSE(stream.damaged());
+        EXPECT_TRUE(stream.opened());
+    }
 }
 
 TEST_F(CaptureStreamTest, RequestStopEndsTheStream) {
