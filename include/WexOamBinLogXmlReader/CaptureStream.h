@@ -75,6 +75,10 @@ struct StreamOptions {
     /// true when it has read everything there is so far, and reads on when
     /// called again after more was appended, as `tail -f` does.
     bool follow = false;
+    /// Inflate gzip with the fastest inflater built in (ISA-L, where the
+    /// capture can be read again: a file or memory); false: zlib alone. The
+    /// bytes, and so the records and messages, are the same either way.
+    bool fastInflate = true;
     /// Only records this filter keeps come out (it must outlive the stream).
     /// A record the filter rejects from its header fields is not decoded;
     /// statistics and the checks of every record happen all the same.
@@ -132,6 +136,10 @@ class WEXBL_API CaptureStream {
     /// Makes next() return false from its next call on. Safe from any thread
     /// and from a signal handler.
     void requestStop() noexcept;
+
+    /// The gzip inflaters built into the library: "ISA-L (zlib 1.2.13 as the
+    /// fallback)" or "zlib 1.2.13".
+    static const char* inflaterName();
 
     /// True when the last next() returned false only because no more bytes
     /// were there yet (a capture followed while it grows, a non-blocking

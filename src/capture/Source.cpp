@@ -28,8 +28,13 @@
 #include "capture/Source.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
+
+#ifdef WEXBL_HAVE_ISAL
+#include <isa-l/igzip_lib.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -83,16 +88,16 @@ class Descriptor {
 };
 
 /// Owns an inflate stream once initialised.
-class Inflater {
+class ZlibInflater {
   public:
-    Inflater() = default;
-    ~Inflater() {
+    ZlibInflater() = default;
+    ~ZlibInflater() {
         if (live_) {
             inflateEnd(&stream_);
         }
     }
-    Inflater(const Inflater&) = delete;
-    Inflater& operator=(const Inflater&) = delete;
+    ZlibInflater(const ZlibInflater&) = delete;
+    ZlibInflater& operator=(const ZlibInflater&) = delete;
 
     /// Prepares for a new gzip member, or with kRawWindowBits for raw
     /// deflate data.
@@ -116,21 +121,56 @@ class Inflater {
     bool live_ = false;
 };
 
+#ifdef WEXBL_HAVE_ISAL
+/// ISA-L's inflate state (some 40 KiB, so it lives on the heap).
+class IsalInflater {
+  public:
+    IsalInflater() : state_(new inflate_state) { isal_inflate_init(state_.get()); }
+    /// Prepares for a new gzip member.
+    void start() {
+        isal_inflate_reset(state_.get());
+        state_->crc_flag = ISAL_GZIP;
+    }
+    inflate_state& state() { return *state_; }
+
+  private:
+    std::unique_ptr<inflate_state> state_;
+};
+#else
+/// Without ISA-L: never used.
+class IsalInflater {
+  public:
+    void start() {}
+};
+#endif
+
 class StreamSource final : public ByteSource {
   public:
     /// A descriptor.
-    StreamSource(int fd, bool own, bool follow)
+    StreamSource(int fd, bool own, bool follow, Inflater inflater)
         : fd_(fd, false),
           fromMemory_(false),
           follow_(follow),
           input_(new unsigned char[kInputCapacity]) {
         inNext_ = input_.get();
         fd_.adopt(own);
+        // A regular file can be read again from a member's start: ISA-L may
+        // inflate it.
+        struct stat info;
+        if (inflater == Inflater::Fastest && !follow && ::fstat(fd, &info) == 0 &&
+            S_ISREG(info.st_mode)) {
+            const off_t position = ::lseek(fd, 0, SEEK_CUR);
+            if (position >= 0) {
+                startPosition_ = static_cast<std::uint64_t>(position);
+                useIsal_ = kHaveIsal;
+            }
+        }
     }
     /// Memory.
-    StreamSource(const unsigned char* data, std::size_t size)
+    StreamSource(const unsigned char* data, std::size_t size, Inflater inflater)
         : fd_(-1, false), fromMemory_(true), memory_(data), memorySize_(data ? size : 0) {
         inNext_ = memory_;
+        useIsal_ = kHaveIsal && inflater == Inflater::Fastest;
     }
 
     bool recover(std::uint64_t& skipped) override;
@@ -147,6 +187,14 @@ class StreamSource final : public ByteSource {
     void handlePull(Pull pull);
     void look();
     void inflateStep();
+    void isalStep();
+    /// Inflates the current member again from its start with zlib, passing
+    /// over the bytes already delivered, and goes on with zlib.
+    void replayWithZlib();
+    /// Offset in the compressed input of its first unconsumed byte.
+    std::uint64_t inputOffset() const {
+        return (fromMemory() ? memoryFed_ : inputRead_) - inAvail_;
+    }
     void copyStep();
     void useWindow();
     /// Drops `n` (at most inAvail_) unconsumed input bytes.
@@ -171,11 +219,22 @@ class StreamSource final : public ByteSource {
     bool inputEnded_ = false;
 
     std::unique_ptr<unsigned char[]> window_;
-    Inflater inflater_;
+    ZlibInflater inflater_;
     Mode mode_ = Mode::Look;
     bool hadMember_ = false;
     bool raw_ = false;             // inflating raw deflate data (after a recovery)
     std::size_t skipTrailer_ = 0;  // input bytes to drop before looking for a member
+
+#ifdef WEXBL_HAVE_ISAL
+    static constexpr bool kHaveIsal = true;
+#else
+    static constexpr bool kHaveIsal = false;
+#endif
+    bool useIsal_ = false;  // members are inflated with ISA-L
+    std::unique_ptr<IsalInflater> isal_;
+    std::uint64_t startPosition_ = 0;  // file position of the first byte read
+    std::uint64_t memberStart_ = 0;    // input offset of the current member
+    std::uint64_t memberOut_ = 0;      // bytes the current member delivered
 };
 
 /// Appends more raw input after the unconsumed bytes. Data: some arrived;
@@ -271,10 +330,19 @@ void StreamSource::look() {
         }
     }
     if (inAvail_ >= 2 && inNext_[0] == 0x1f && inNext_[1] == 0x8b) {
-        inflater_.start();
-        if (!inflater_.live()) {
-            fail(SourceState::DataError, "internal error: inflate stream corrupt");
-            return;
+        memberStart_ = inputOffset();
+        memberOut_ = 0;
+        if (useIsal_) {
+            if (!isal_) {
+                isal_.reset(new IsalInflater);
+            }
+            isal_->start();
+        } else {
+            inflater_.start();
+            if (!inflater_.live()) {
+                fail(SourceState::DataError, "internal error: inflate stream corrupt");
+                return;
+            }
         }
         useWindow();
         compressed_ = true;
@@ -382,6 +450,120 @@ void StreamSource::copyStep() {
     }
 }
 
+void StreamSource::isalStep() {
+#ifdef WEXBL_HAVE_ISAL
+    if (inAvail_ == 0) {
+        const Pull pull = pullInput();
+        if (pull == Pull::Eof) {
+            // A member cut short: zlib decides what of it is delivered.
+            replayWithZlib();
+            return;
+        }
+        if (pull != Pull::Data) {
+            handlePull(pull);
+            return;
+        }
+    }
+    inflate_state& state = isal_->state();
+    const std::size_t room = std::min<std::size_t>(kWindowCapacity - available_, UINT32_MAX);
+    const std::size_t offered = std::min<std::size_t>(inAvail_, UINT32_MAX);
+    state.next_in = const_cast<unsigned char*>(inNext_);
+    state.avail_in = static_cast<std::uint32_t>(offered);
+    state.next_out = window_.get() + available_;
+    state.avail_out = static_cast<std::uint32_t>(room);
+    const int ret = isal_inflate(&state);
+    const std::size_t produced = room - state.avail_out;
+    const std::size_t consumed = offered - state.avail_in;
+    available_ += produced;
+    memberOut_ += produced;
+    inNext_ += consumed;
+    inAvail_ -= consumed;
+    if (ret != ISAL_DECOMP_OK) {
+        // Damaged data: zlib finds and words the damage.
+        replayWithZlib();
+        return;
+    }
+    if (state.block_state == ISAL_BLOCK_FINISH) {
+        mode_ = Mode::Look;
+        return;
+    }
+    if (produced == 0 && consumed == 0) {
+        replayWithZlib();  // cannot be stuck with input and room: let zlib say why
+    }
+#endif
+}
+
+void StreamSource::replayWithZlib() {
+    useIsal_ = false;
+    // What of the member the reader has not consumed yet is dropped and
+    // inflated again: ISA-L may have decoded a little past the point where
+    // zlib finds the damage. Only the bytes consumed are passed over.
+    const std::uint64_t unconsumed = std::min<std::uint64_t>(available_, memberOut_);
+    available_ -= static_cast<std::size_t>(unconsumed);
+    const std::uint64_t delivered = memberOut_ - unconsumed;
+    // The input again from the member's start.
+    inAvail_ = 0;
+    inputEnded_ = false;
+    if (fromMemory()) {
+        memoryFed_ = static_cast<std::size_t>(memberStart_);
+    } else {
+        const off_t target = static_cast<off_t>(startPosition_ + memberStart_);
+        if (::lseek(fd_.get(), target, SEEK_SET) != target) {
+            fail(SourceState::ReadError, std::error_code(errno, std::generic_category()).message());
+            return;
+        }
+        inNext_ = input_.get();
+        inputRead_ = memberStart_;
+    }
+    inflater_.start();
+    if (!inflater_.live()) {
+        fail(SourceState::DataError, "internal error: inflate stream corrupt");
+        return;
+    }
+    mode_ = Mode::Gzip;
+    // Pass over what the member delivered already.
+    std::uint64_t left = delivered;
+    unsigned char scratch[16384];
+    z_stream& stream = inflater_.stream();
+    while (left > 0) {
+        if (inAvail_ == 0) {
+            const Pull pull = pullInput();
+            if (pull != Pull::Data) {
+                handlePull(pull);
+                return;
+            }
+        }
+        const std::size_t room =
+            static_cast<std::size_t>(std::min<std::uint64_t>(left, sizeof scratch));
+        stream.next_in = const_cast<unsigned char*>(inNext_);
+        stream.avail_in = static_cast<uInt>(std::min<std::size_t>(inAvail_, kMaxInflateInput));
+        const std::size_t offered = stream.avail_in;
+        stream.next_out = scratch;
+        stream.avail_out = static_cast<uInt>(room);
+        const int ret = inflate(&stream, Z_NO_FLUSH);
+        const std::size_t consumed = offered - stream.avail_in;
+        inNext_ += consumed;
+        inAvail_ -= consumed;
+        left -= room - stream.avail_out;
+        if (ret == Z_STREAM_END) {
+            mode_ = Mode::Look;
+            return;
+        }
+        if (ret == Z_MEM_ERROR) {
+            throw std::bad_alloc();
+        }
+        if (ret != Z_OK && ret != Z_BUF_ERROR) {
+            fail(SourceState::DataError,
+                 stream.msg != nullptr ? stream.msg : "compressed data error");
+            return;
+        }
+        if (consumed == 0 && room == stream.avail_out) {
+            fail(SourceState::DataError, "internal error: inflate stream corrupt");
+            return;
+        }
+    }
+}
+
 bool StreamSource::tryResume(bool raw) {
     const std::size_t skip = raw ? 4 : 0;
     inflater_.start(raw ? kRawWindowBits : kGzipWindowBits);
@@ -422,6 +604,7 @@ bool StreamSource::recover(std::uint64_t& skipped) {
     if (state_ != SourceState::DataError || mode_ != Mode::Gzip || !window_) {
         return false;
     }
+    useIsal_ = false;  // what follows a recovery is inflated with zlib
     if (data_ != window_.get()) {
         std::memmove(window_.get(), data_, available_);
         data_ = window_.get();
@@ -489,7 +672,11 @@ std::size_t StreamSource::refill(std::size_t n) {
                 look();
                 break;
             case Mode::Gzip:
-                inflateStep();
+                if (useIsal_) {
+                    isalStep();
+                } else {
+                    inflateStep();
+                }
                 break;
             case Mode::Copy:
                 copyStep();
@@ -501,9 +688,19 @@ std::size_t StreamSource::refill(std::size_t n) {
 
 }  // namespace
 
-std::unique_ptr<ByteSource> openFile(const std::string& path) {
+const char* inflaterDescription() {
+#ifdef WEXBL_HAVE_ISAL
+    static const std::string text =
+        std::string("ISA-L (zlib ") + zlibVersion() + " as the fallback)";
+#else
+    static const std::string text = std::string("zlib ") + zlibVersion();
+#endif
+    return text.c_str();
+}
+
+std::unique_ptr<ByteSource> openFile(const std::string& path, Inflater inflater) {
     if (path == "-") {
-        return openDescriptor(STDIN_FILENO, false, false);
+        return openDescriptor(STDIN_FILENO, false, false, inflater);
     }
     int fd;
     do {
@@ -514,7 +711,7 @@ std::unique_ptr<ByteSource> openFile(const std::string& path) {
     }
     // Sequential reading: let the kernel read ahead generously. Advice only.
     (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return openDescriptor(fd, true, false);
+    return openDescriptor(fd, true, false, inflater);
 }
 
 std::unique_ptr<ByteSource> followFile(const std::string& path) {
@@ -531,9 +728,9 @@ std::unique_ptr<ByteSource> followFile(const std::string& path) {
     return openDescriptor(fd, true, true);
 }
 
-std::unique_ptr<ByteSource> openDescriptor(int fd, bool own, bool follow) {
+std::unique_ptr<ByteSource> openDescriptor(int fd, bool own, bool follow, Inflater inflater) {
     try {
-        return std::unique_ptr<ByteSource>(new StreamSource(fd, own, follow));
+        return std::unique_ptr<ByteSource>(new StreamSource(fd, own, follow, inflater));
     } catch (...) {
         // The source never took the descriptor over.
         if (own && fd >= 0) {
@@ -543,8 +740,9 @@ std::unique_ptr<ByteSource> openDescriptor(int fd, bool own, bool follow) {
     }
 }
 
-std::unique_ptr<ByteSource> openMemory(const unsigned char* data, std::size_t size) {
-    return std::unique_ptr<ByteSource>(new StreamSource(data, size));
+std::unique_ptr<ByteSource> openMemory(const unsigned char* data, std::size_t size,
+                                       Inflater inflater) {
+    return std::unique_ptr<ByteSource>(new StreamSource(data, size, inflater));
 }
 
 }  // namespace capture

@@ -37,7 +37,8 @@ void BinaryLogXmlReader::readBinaryFiledata(const std::string& path, int utcOffs
     printer.setOutput(out);
     // The caller may have changed the level table since the last call.
     core_->decoder.forgetLevels();
-    std::unique_ptr<capture::ByteSource> source = capture::openFile(path);
+    // zlib alone, as the original loop inflated.
+    std::unique_ptr<capture::ByteSource> source = capture::openFile(path, capture::Inflater::Zlib);
     if (!source) {
         fprintf(stderr, "File open failed [%s]\n", path.c_str());
         return;

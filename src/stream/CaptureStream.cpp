@@ -11,6 +11,18 @@ StreamSession::StreamSession(const BinaryLogXmlReader& reader)
 
 StreamSession::~StreamSession() = default;
 
+namespace {
+
+capture::Inflater inflaterOf(const StreamOptions& options) {
+    return options.fastInflate ? capture::Inflater::Fastest : capture::Inflater::Zlib;
+}
+
+}  // namespace
+
+const char* CaptureStream::inflaterName() {
+    return capture::inflaterDescription();
+}
+
 StreamSession::State* CaptureStream::sessionState(const StreamOptions& options) {
     return options.session != nullptr ? options.session->state_.get() : nullptr;
 }
@@ -18,7 +30,8 @@ StreamSession::State* CaptureStream::sessionState(const StreamOptions& options) 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, path, options, sessionState(options))) {
-    impl_->source = options.follow ? capture::followFile(path) : capture::openFile(path);
+    impl_->source =
+        options.follow ? capture::followFile(path) : capture::openFile(path, inflaterOf(options));
     if (impl_->source) {
         impl_->source->setStopFlag(&impl_->stop);
     }
@@ -28,7 +41,7 @@ CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string
                              const unsigned char* data, std::size_t size,
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
-    impl_->source = capture::openMemory(data, size);
+    impl_->source = capture::openMemory(data, size, inflaterOf(options));
     if (impl_->source) {
         impl_->source->setStopFlag(&impl_->stop);
     }
@@ -37,7 +50,7 @@ CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& name, int fd,
                              bool own, const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
-    impl_->source = capture::openDescriptor(fd, own);
+    impl_->source = capture::openDescriptor(fd, own, false, inflaterOf(options));
     if (impl_->source) {
         impl_->source->setStopFlag(&impl_->stop);
     }

@@ -502,4 +502,81 @@ TEST(CaptureSourceRecovery, OnlyADataErrorOfCompressedDataIsRecovered) {
     EXPECT_TRUE(drain(*clean, 100) == plain);
 }
 
+// ---- The fast inflater against zlib ---------------------------------------------------------
+
+/// Everything a source delivers and how it ends.
+struct Drained {
+    Bytes bytes;
+    SourceState state;
+    std::string error;
+    std::uint64_t errorOffset;
+};
+
+Drained drainAll(ByteSource& source, std::size_t step) {
+    Drained drained;
+    drained.bytes = drain(source, step);
+    drained.state = source.state();
+    drained.error = source.error();
+    drained.errorOffset = source.errorOffset();
+    return drained;
+}
+
+/// The same stream read with the fastest inflater and with zlib alone, from
+/// memory and from a file, must come out the same.
+void expectInflatersAgree(const Bytes& stream, const std::string& what) {
+    TempDir dir;
+    const std::string path = writeBytes(dir, "stream.gz", stream);
+    auto zlibMemory = openMemory(stream.data(), stream.size(), Tav::capture::Inflater::Zlib);
+    const Drained expected = drainAll(*zlibMemory, 25016);
+    auto fastMemory = openMemory(stream.data(), stream.size(), Tav::capture::Inflater::Fastest);
+    auto fastFile = openFile(path, Tav::capture::Inflater::Fastest);
+    for (ByteSource* source : {fastMemory.get(), fastFile.get()}) {
+        const Drained actual = drainAll(*source, 25016);
+        EXPECT_TRUE(actual.bytes == expected.bytes)
+            << what << ": " << actual.bytes.size() << " bytes, zlib " << expected.bytes.size();
+        EXPECT_EQ(actual.state, expected.state) << what;
+        EXPECT_EQ(actual.error, expected.error) << what;
+        EXPECT_EQ(actual.errorOffset, expected.errorOffset) << what;
+    }
+}
+
+TEST(CaptureSourceInflaters, GoodDamagedAndCutStreamsComeOutAsWithZlib) {
+    const Bytes first = noise(300000, 31);
+    const Bytes second = noise(70000, 32);
+    const Bytes good = concat(gzip(first), gzip(second, 9));
+    expectInflatersAgree(good, "two members");
+    expectInflatersAgree(concat(good, Bytes{0x1f, 0x8b, 0x08}), "a member cut in its header");
+    expectInflatersAgree(withBadCrc(gzip(first)), "wrong CRC");
+    expectInflatersAgree(withBadLength(gzip(second)), "wrong length");
+    expectInflatersAgree(gzipThenBadBlock(first), "reserved block type");
+    expectInflatersAgree(concat(gzip(first), Bytes{0x1f, 0x8b, 0x00, 0, 0, 0, 0, 0, 0, 0}),
+                         "unknown method in the second member");
+    // Cut at many points, including inside the header and the trailer.
+    for (std::size_t cut : {std::size_t(1), std::size_t(5), std::size_t(11), std::size_t(100),
+                            good.size() / 3, good.size() / 2, good.size() - 9, good.size() - 3}) {
+        expectInflatersAgree(truncated(good, cut), "cut at " + std::to_string(cut));
+    }
+}
+
+TEST(CaptureSourceInflaters, RandomlyDamagedStreamsComeOutAsWithZlib) {
+    // Single flipped bytes all over a stream of compressible data: some give
+    // invalid codes or distances, some wrong data caught by the CRC.
+    Bytes text;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string line = "record " + std::to_string(i % 977) + " level " +
+                                 std::to_string(i % 7) + " payload " +
+                                 std::to_string((i * 2654435761u) % 100000) + "\n";
+        text.insert(text.end(), line.begin(), line.end());
+    }
+    const Bytes member = gzip(text);
+    std::uint32_t seed = 7;
+    for (int round = 0; round < 60; ++round) {
+        seed = seed * 1103515245u + 12345u;
+        Bytes damaged = member;
+        const std::size_t at = 10 + (seed >> 8) % (damaged.size() - 18);
+        damaged[at] ^= static_cast<unsigned char>(1u << (seed % 8));
+        expectInflatersAgree(damaged, "byte " + std::to_string(at) + " flipped");
+    }
+}
+
 }  // namespace
