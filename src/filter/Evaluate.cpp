@@ -1,5 +1,6 @@
 // Evaluating a compiled filter on a record.
 #include "filter/Program.h"
+#include "records/Decoder.h"
 
 namespace Tav {
 namespace detail {
@@ -123,7 +124,7 @@ bool mayHaveValues(const Record& record) {
     return hasNames(record);
 }
 
-bool fieldHolds(const Comparison& c, const ParamField& field) {
+bool fieldHolds(const Comparison& c, const ParamField& field, bool texts) {
     if (c.isNumber && field.isInteger()) {
         const Number value = field.isSigned() && field.asSigned() < 0 ? Number{true, 0 - field.raw}
                                                                       : Number{false, field.raw};
@@ -134,16 +135,16 @@ bool fieldHolds(const Comparison& c, const ParamField& field) {
     if (field.type == ParamType::String) {
         return textHolds(c, PlainText{field.bytes});
     }
-    if (field.text.empty()) {
+    if (!texts) {
         return false;
     }
     return textHolds(c, PlainText{field.text});
 }
 
-bool paramHolds(const Comparison& c, View<ParamField> fields) {
+bool paramHolds(const Comparison& c, View<ParamField> fields, bool texts) {
     for (const ParamField& field : fields) {
         if (field.name == c.name && (c.index < 0 || field.index == c.index) &&
-            fieldHolds(c, field)) {
+            fieldHolds(c, field, texts)) {
             return true;
         }
     }
@@ -192,7 +193,14 @@ Truth compare(const Comparison& c, const Record& record, bool values) {
             if (!values) {
                 return Truth::Unknown;
             }
-            return truth(paramHolds(c, record.header()) || paramHolds(c, record.params()));
+            {
+                // Display texts exist when the stream builds them; a record
+                // made by hand has them when it has its line.
+                const bool texts =
+                    record.source != nullptr ? record.source->texts() : !record.text.empty();
+                return truth(paramHolds(c, record.header(), texts) ||
+                             paramHolds(c, record.params(), texts));
+            }
     }
     return Truth::False;
 }

@@ -790,8 +790,8 @@ void writeEvent(Sink& out, const Event& event) {
             // What a reader of an incomplete dictionary needs to place the
             // record: its time, level, number and bytes.
             appendLiteral(out, ",\"epoch_us\":");
-            appendUnsigned(out, std::uint64_t(event.pcapHeader.tsSec) * 1000000u +
-                                    event.pcapHeader.tsUsec);
+            appendUnsigned(
+                out, std::uint64_t(event.pcapHeader.tsSec) * 1000000u + event.pcapHeader.tsUsec);
             appendLiteral(out, ",\"level_no\":");
             appendUnsigned(out, event.binLogHeader.logLevel);
             appendLiteral(out, ",\"seq\":");

@@ -145,6 +145,9 @@ class RecordDecoder : private SequenceReport {
     View<ParamField> headerFields() const;
     View<ParamField> paramFields() const;
     /// The record decoded last (valid while produced()).
+    /// Whether the records carry display texts (a value's text may still be
+    /// empty: an enumeration without the value).
+    bool texts() const { return settings_.texts; }
     const Record& record() const { return record_; }
 
     /// Emits an event whose text is `text`, filling in the origin fields.
