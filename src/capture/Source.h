@@ -183,6 +183,12 @@ std::unique_ptr<ByteSource> openDescriptor(int fd, bool own, bool follow = false
 std::unique_ptr<ByteSource> openMemory(const unsigned char* data, std::size_t size,
                                        Inflater inflater = Inflater::Fastest);
 
+/// `inner` read by a thread of its own (Pipeline.cpp): inflating runs beside
+/// the decoding that reads the returned source. The bytes, the end and the
+/// errors come out as `inner` gives them; recover() is passed on. `inner`
+/// must not be an incremental source that would block (wouldBlock()).
+std::unique_ptr<ByteSource> pipelined(std::unique_ptr<ByteSource> inner);
+
 }  // namespace capture
 }  // namespace Tav
 

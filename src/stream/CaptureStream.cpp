@@ -30,8 +30,14 @@ StreamSession::State* CaptureStream::sessionState(const StreamOptions& options) 
 CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string& path,
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, path, options, sessionState(options))) {
-    impl_->source =
-        options.follow ? capture::followFile(path) : capture::openFile(path, inflaterOf(options));
+    if (options.follow) {
+        impl_->source = capture::followFile(path);
+    } else {
+        impl_->source = capture::openFile(path, inflaterOf(options));
+        if (options.inflateThread && impl_->source) {
+            impl_->source = capture::pipelined(std::move(impl_->source));
+        }
+    }
     if (impl_->source) {
         impl_->source->setStopFlag(&impl_->stop);
     }
@@ -42,6 +48,9 @@ CaptureStream::CaptureStream(const BinaryLogXmlReader& reader, const std::string
                              const StreamOptions& options)
     : impl_(std::make_unique<Impl>(reader, name, options, sessionState(options))) {
     impl_->source = capture::openMemory(data, size, inflaterOf(options));
+    if (options.inflateThread) {
+        impl_->source = capture::pipelined(std::move(impl_->source));
+    }
     if (impl_->source) {
         impl_->source->setStopFlag(&impl_->stop);
     }

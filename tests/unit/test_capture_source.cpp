@@ -579,4 +579,61 @@ TEST(CaptureSourceInflaters, RandomlyDamagedStreamsComeOutAsWithZlib) {
     }
 }
 
+// ---- Inflating in a thread of its own --------------------------------------------------------
+
+/// A stream read directly and through a pipeline must come out the same.
+void expectPipelineAgrees(const Bytes& stream, const std::string& what, std::size_t step) {
+    auto direct = openMemory(stream.data(), stream.size());
+    const Drained expected = drainAll(*direct, step);
+    auto piped = Tav::capture::pipelined(openMemory(stream.data(), stream.size()));
+    const Drained actual = drainAll(*piped, step);
+    EXPECT_TRUE(actual.bytes == expected.bytes) << what;
+    EXPECT_EQ(actual.state, expected.state) << what;
+    EXPECT_EQ(actual.error, expected.error) << what;
+    EXPECT_EQ(actual.errorOffset, expected.errorOffset) << what;
+    EXPECT_EQ(piped->compressed(), direct->compressed()) << what;
+    EXPECT_EQ(piped->offset(), direct->offset()) << what;
+}
+
+TEST(CaptureSourcePipeline, BytesEndsAndErrorsComeThroughInOrder) {
+    const Bytes big = noise(3000000, 41);
+    for (const std::size_t step : {std::size_t(1000), std::size_t(25016), std::size_t(1) << 20}) {
+        expectPipelineAgrees(big, "plain", step);
+        expectPipelineAgrees(gzip(big), "gzip", step);
+        expectPipelineAgrees(withBadCrc(gzip(big)), "wrong CRC", step);
+        expectPipelineAgrees(gzipThenBadBlock(big), "reserved block type", step);
+        expectPipelineAgrees(truncated(gzip(big), 1234567), "cut", step);
+        expectPipelineAgrees(Bytes(), "empty", step);
+    }
+}
+
+TEST(CaptureSourcePipeline, RecoveryIsPassedToTheInflatingThread) {
+    const Bytes good = noise(300000, 42);
+    const Bytes later = noise(50000, 43);
+    const Bytes file = concat(gzipThenBadBlock(good), concat(noise(1000, 44), gzip(later)));
+    auto source = Tav::capture::pipelined(openMemory(file.data(), file.size()));
+    EXPECT_TRUE(drain(*source, 4096) == good);
+    ASSERT_EQ(source->state(), SourceState::DataError);
+    std::uint64_t skipped = 0;
+    ASSERT_TRUE(source->recover(skipped));
+    EXPECT_GE(skipped, 1000u);
+    EXPECT_LE(skipped, 1003u);
+    EXPECT_EQ(source->state(), SourceState::Ok);
+    EXPECT_TRUE(drain(*source, 4096) == later);
+    EXPECT_EQ(source->state(), SourceState::End);
+    // Nothing more to recover from.
+    EXPECT_FALSE(source->recover(skipped));
+}
+
+TEST(CaptureSourcePipeline, ASourceLeftEarlyStopsItsThread) {
+    const Bytes big = gzip(noise(5000000, 45));
+    for (int i = 0; i < 20; ++i) {
+        auto source = Tav::capture::pipelined(openMemory(big.data(), big.size()));
+        EXPECT_GE(source->ensure(100), 100u);
+        // Destroyed while the thread is inflating ahead or waiting for room.
+    }
+    auto failing = Tav::capture::pipelined(Tav::capture::openFile("/nonexistent/x.pcap"));
+    EXPECT_EQ(failing, nullptr);
+}
+
 }  // namespace

@@ -1,0 +1,224 @@
+// A byte source whose inflating runs in a thread of its own.
+//
+// The producer thread reads the inner source in chunks of up to kChunkBytes
+// and hands them over through a queue of at most kQueuedChunks chunks (so at
+// most about 2 MiB are ever in flight); the reader's thread copies them into
+// its own window as it asks for bytes. The inner source's end, data error or
+// read error travels through the queue behind the last bytes before it, so
+// the reader sees exactly what the inner source would have shown it, in the
+// same order: the bytes, then the state with its message and offset. A
+// recovery after a data error is asked of the producer, which calls the
+// inner source's recover() and goes on.
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "capture/Source.h"
+
+namespace Tav {
+namespace capture {
+
+namespace {
+
+constexpr std::size_t kChunkBytes = 256 * 1024;
+constexpr std::size_t kQueuedChunks = 8;
+constexpr std::size_t kWindowCapacity = ByteSource::kWindowLimit + kChunkBytes;
+
+/// Bytes from the inner source, or how it stopped.
+struct Chunk {
+    std::vector<unsigned char> bytes;
+    bool last = false;  // the inner source stopped after these bytes
+    SourceState state = SourceState::Ok;
+    std::string error;
+    std::uint64_t errorOffset = 0;
+};
+
+class PipelinedSource final : public ByteSource {
+  public:
+    explicit PipelinedSource(std::unique_ptr<ByteSource> inner)
+        : inner_(std::move(inner)), window_(new unsigned char[kWindowCapacity]) {
+        data_ = window_.get();
+        producer_ = std::thread([this] { produce(); });
+    }
+
+    ~PipelinedSource() override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            quit_ = true;
+        }
+        changed_.notify_all();
+        producer_.join();
+    }
+
+    bool recover(std::uint64_t& skipped) override {
+        skipped = 0;
+        if (state_ != SourceState::DataError) {
+            return false;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        recoverAsked_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !recoverAsked_; });
+        skipped = recoverSkipped_;
+        if (!recovered_) {
+            return false;
+        }
+        state_ = SourceState::Ok;
+        return true;
+    }
+
+  protected:
+    std::size_t refill(std::size_t n) override {
+        n = std::min(n, kWindowLimit);
+        wouldBlock_ = false;
+        if (state_ != SourceState::Ok || n <= available_) {
+            return available_;
+        }
+        if (data_ != window_.get()) {
+            std::memmove(window_.get(), data_, available_);
+            data_ = window_.get();
+        }
+        while (available_ < n && state_ == SourceState::Ok) {
+            Chunk chunk;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                changed_.wait(lock, [this] { return !queue_.empty(); });
+                // A chunk larger than the room left waits for the next call:
+                // the room is at least kChunkBytes, as available_ < n.
+                chunk = std::move(queue_.front());
+                queue_.pop_front();
+                compressed_ = innerCompressed_;
+                inputRead_ = innerInput_;
+            }
+            changed_.notify_all();
+            std::memcpy(window_.get() + available_, chunk.bytes.data(), chunk.bytes.size());
+            available_ += chunk.bytes.size();
+            if (chunk.last) {
+                state_ = chunk.state;
+                error_ = std::move(chunk.error);
+                errorOffset_ = chunk.errorOffset;
+            }
+            recycle(std::move(chunk.bytes));
+        }
+        return available_;
+    }
+
+  private:
+    /// Keeps a used buffer for the producer.
+    void recycle(std::vector<unsigned char> bytes) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (spare_.size() < kQueuedChunks) {
+            bytes.clear();
+            spare_.push_back(std::move(bytes));
+        }
+    }
+
+    /// The producer thread.
+    void produce() {
+        try {
+            for (;;) {
+                std::vector<unsigned char> buffer;
+                {
+                    std::unique_lock<std::mutex> lock(mutex_);
+                    changed_.wait(lock, [this] { return quit_ || queue_.size() < kQueuedChunks; });
+                    if (quit_) {
+                        return;
+                    }
+                    if (!spare_.empty()) {
+                        buffer = std::move(spare_.back());
+                        spare_.pop_back();
+                    }
+                }
+                const std::size_t have = inner_->ensure(kChunkBytes);
+                const std::size_t take = std::min(have, kChunkBytes);
+                buffer.assign(inner_->data(), inner_->data() + take);
+                inner_->consume(take);
+                Chunk chunk;
+                chunk.bytes = std::move(buffer);
+                if (take < kChunkBytes) {
+                    // Fewer bytes than asked for: the inner source stopped.
+                    chunk.last = true;
+                    chunk.state = inner_->state();
+                    chunk.error = inner_->error();
+                    chunk.errorOffset = inner_->errorOffset();
+                }
+                const bool last = chunk.last;
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    queue_.push_back(std::move(chunk));
+                    innerCompressed_ = inner_->compressed();
+                    innerInput_ = inner_->inputBytes();
+                }
+                changed_.notify_all();
+                if (last && !awaitRecovery()) {
+                    return;
+                }
+            }
+        } catch (...) {
+            // Out of memory in the producer: the reader sees a read error.
+            Chunk chunk;
+            chunk.last = true;
+            chunk.state = SourceState::ReadError;
+            chunk.error = "out of memory";
+            std::lock_guard<std::mutex> lock(mutex_);
+            queue_.push_back(std::move(chunk));
+            changed_.notify_all();
+        }
+    }
+
+    /// After the inner source stopped: waits until the reader asks for a
+    /// recovery (true when it succeeded: produce on) or the source goes away.
+    bool awaitRecovery() {
+        if (inner_->state() != SourceState::DataError) {
+            // An end or a read error is final; wait only to be destroyed.
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return quit_; });
+            return false;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return quit_ || recoverAsked_; });
+        if (quit_) {
+            return false;
+        }
+        std::uint64_t skipped = 0;
+        recovered_ = inner_->recover(skipped);
+        recoverSkipped_ = skipped;
+        recoverAsked_ = false;
+        lock.unlock();
+        changed_.notify_all();
+        return recovered_;
+    }
+
+    std::unique_ptr<ByteSource> inner_;  // used by the producer thread only
+    std::unique_ptr<unsigned char[]> window_;
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Chunk> queue_;
+    std::vector<std::vector<unsigned char>> spare_;
+    bool quit_ = false;
+    bool recoverAsked_ = false;
+    bool recovered_ = false;
+    std::uint64_t recoverSkipped_ = 0;
+    bool innerCompressed_ = false;
+    std::uint64_t innerInput_ = 0;
+    std::thread producer_;  // last: started once everything else exists
+};
+
+}  // namespace
+
+std::unique_ptr<ByteSource> pipelined(std::unique_ptr<ByteSource> inner) {
+    if (!inner) {
+        return inner;
+    }
+    return std::unique_ptr<ByteSource>(new PipelinedSource(std::move(inner)));
+}
+
+}  // namespace capture
+}  // namespace Tav
