@@ -7,6 +7,10 @@
 //   decode_capture values DICT CAPTURE [UDP_PORT]   the pull API, records and events only (no text)
 //   decode_capture params DICT CAPTURE [UDP_PORT]   the same, every value of every record read too
 //
+// The pull API modes take modifiers: "+thread" inflates in a thread of its
+// own, "+zlib" inflates with zlib even where a faster inflater is built in
+// (lines+thread+zlib).
+//
 // Prints the number of records and events on standard error.
 #include <cstdio>
 #include <cstdlib>
@@ -23,7 +27,14 @@ int main(int argc, char** argv) {
                      argv[0]);
         return 2;
     }
-    const std::string mode = argv[1];
+    std::string mode = argv[1];
+    bool inflateThread = false;
+    bool zlibOnly = false;
+    for (std::size_t plus; (plus = mode.rfind('+')) != std::string::npos; mode.resize(plus)) {
+        const std::string modifier = mode.substr(plus + 1);
+        inflateThread = inflateThread || modifier == "thread";
+        zlibOnly = zlibOnly || modifier == "zlib";
+    }
     std::string dictionary = argv[2];
     if (dictionary.back() != '/') {
         dictionary += '/';
@@ -39,6 +50,8 @@ int main(int argc, char** argv) {
     }
     Tav::StreamOptions options;
     options.udpPort = port;
+    options.inflateThread = inflateThread;
+    options.fastInflate = !zlibOnly;
     options.texts = mode == "lines";
     options.values = mode != "lines";
     const bool readParams = mode == "params";

@@ -12,11 +12,11 @@
 set -euo pipefail
 exec >&2
 
-packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev)
+packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libisal-dev)
 while [ $# -gt 0 ]; do
     case $1 in
     --tests) packages+=(libgtest-dev python3 jq) ;;
-    --bench) packages+=(libbenchmark-dev) ;;
+    --bench) packages+=(libbenchmark-dev isal) ;;
     *) packages+=("$1") ;;
     esac
     shift
