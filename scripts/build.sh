@@ -10,4 +10,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=${BUILD_DIR:-build}
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" "$@" >/dev/null
-cmake --build "$build_dir" -j"$(nproc)" ${BUILD_TARGET:+--target "$BUILD_TARGET"}
+# BUILD_TARGET may name several targets, separated by blanks.
+# shellcheck disable=SC2086
+cmake --build "$build_dir" -j"$(nproc)" ${BUILD_TARGET:+--target $BUILD_TARGET}

@@ -72,11 +72,13 @@ if [ "$quick" != 1 ]; then
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
         run_ctest build-asan
 
-    step "ThreadSanitizer: streams decoding at the same time"
-    BUILD_DIR=build-tsan BUILD_TYPE=Debug BUILD_TARGET=test_capture_stream scripts/build.sh \
-        -DWEXBL_BUILD_TESTS=ON -DWEXBL_WERROR=ON -DWEXBL_SANITIZE_THREAD=ON
+    step "ThreadSanitizer: streams decoding at the same time, inflating in a thread"
+    BUILD_DIR=build-tsan BUILD_TYPE=Debug BUILD_TARGET="test_capture_stream test_capture_source" \
+        scripts/build.sh -DWEXBL_BUILD_TESTS=ON -DWEXBL_WERROR=ON -DWEXBL_SANITIZE_THREAD=ON
     if TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-        build-tsan/tests/test_capture_stream --gtest_filter='*Threads*:*Differential*'; then
+        build-tsan/tests/test_capture_stream --gtest_filter='*Threads*:*Differential*' &&
+        TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+            build-tsan/tests/test_capture_source --gtest_filter='*Pipeline*'; then
         passed=$((passed + 1))
     else
         failed=$((failed + 1))
