@@ -54,9 +54,11 @@ fail() {
 
 # Runs binlog-decode with the given arguments. Standard output goes to
 # $OUT_TARGET (default $W/out), standard error to $W/err, the exit status to
-# $rc. A run that hangs is stopped after two minutes (exit status 124).
+# $rc, the arguments to the array last_args. A run that hangs is stopped
+# after two minutes (exit status 124).
 run_decode() {
     last_cmd="binlog-decode $*"
+    last_args=("$@")
     timeout 120 "${EMU[@]}" "$DECODE" "$@" >"${OUT_TARGET:-$W/out}" 2>"$W/err"
     rc=$?
 }
@@ -92,6 +94,20 @@ expect_out_text() { same_text "$1" "$W/out" "standard output"; }
 expect_out_empty() { same_text "" "$W/out" "standard output"; }
 expect_err_text() { same_text "$1" "$W/err" "standard error"; }
 expect_err_empty() { same_text "" "$W/err" "standard error"; }
+
+# ipv4_note NAME PORT: the closing note of the IPv4 example, named NAME,
+# decoded with --udp-port PORT. Of its 13 datagrams 12 go to port 5000 and
+# one to port 5001 (ipv4_port5000.synth); those to other ports than PORT
+# carried no log record. The ports are listed most datagrams first.
+ipv4_note() {
+    local other=13 frames
+    case $2 in 5000) other=1 ;; 5001) other=12 ;; esac
+    frames="$other frames"
+    [ "$other" = 1 ] && frames="1 frame"
+    printf 'binlog-decode: %s: %s carried no log record (to other UDP ports: %s); UDP destination ports seen: 5000 (12 datagrams), 5001 (1 datagram)\n' \
+        "$1" "$frames" "$other"
+}
+expect_err_ipv4() { expect_err_text "$(ipv4_note "$1" "$2")"$'\n'; }
 
 # The names of the entries of directory DIR that binlog-decode takes as
 # captures (regular files whose names end in ".pcap" or contain "pcap.gz"), in
@@ -170,14 +186,14 @@ case_example_files() {
     run_decode --stats --udp-port 5000 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     # The other order gives the per-file outputs in the other order: the
     # statistics start again with each file.
     cat "$EXP_IPV4" "$EXP_LINK150" >"$W/reversed.out"
     run_decode --stats --udp-port 5000 "$DICT" "$IPV4" "$LINK150"
     expect_rc 0
     expect_out_file "$W/reversed.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
 }
 
 case_example_directory() {
@@ -199,14 +215,14 @@ case_example_directory() {
     run_decode --stats --udp-port 5000 "$DICT" "$CAPS"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_text "$(example_dir_note "$CAPS")"$'\n'
+    expect_err_text "$(example_dir_note "$CAPS")"$'\n'"$(ipv4_note "$CAPS/ipv4_port5000.pcap.gz" 5000)"$'\n'
     grep -q '^binlog-decode: .*: skipped [1-9][0-9]* entr' "$W/err" ||
         fail "the example directory's other entries were not counted"
     # With a trailing slash the directory is named as written.
     run_decode --stats --udp-port 5000 "$DICT" "$CAPS/"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_text "$(example_dir_note "$CAPS/")"$'\n'
+    expect_err_text "$(example_dir_note "$CAPS/")"$'\n'"$(ipv4_note "$CAPS/ipv4_port5000.pcap.gz" 5000)"$'\n'
 }
 
 case_without_stats() {
@@ -214,7 +230,7 @@ case_without_stats() {
     run_decode --udp-port 5000 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/nostats.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     # A link type 150 capture needs no UDP port.
     without_stats "$EXP_LINK150" >"$W/link150.out"
     run_decode "$DICT" "$LINK150"
@@ -228,24 +244,24 @@ case_short_options() {
     run_decode -s -p 5000 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     # Every short option with its default value, and the "--opt=value" forms.
     run_decode -s -p 5000 -m 65535 -u 0 -o "$W/short.out" "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_empty
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     same_file "$W/golden.out" "$W/short.out" "the -o file"
     run_decode --stats --udp-port=5000 --max-var-bytes=65535 --utc-offset=0 \
         --output="$W/long.out" "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_empty
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     same_file "$W/golden.out" "$W/long.out" "the --output= file"
     # Options may follow the operands.
     run_decode "$DICT" "$LINK150" "$IPV4" --stats -p5000
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
 }
 
 case_dictionary_trailing_slash() {
@@ -253,12 +269,12 @@ case_dictionary_trailing_slash() {
     run_decode --stats --udp-port 5000 "$DICT/" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     cp "$W/out" "$W/with_slash.out"
     run_decode --stats --udp-port 5000 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     same_file "$W/with_slash.out" "$W/out" "output without the trailing slash"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
 }
 
 case_udp_port() {
@@ -280,19 +296,19 @@ case_udp_port() {
     run_decode --stats --udp-port 5001 "$DICT" "$IPV4"
     expect_rc 0
     expect_out_file "$W/port5001.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5001
     run_decode -p 5001 "$DICT" "$IPV4"
     expect_rc 0
     head -n 1 "$W/port5001.out" >"$W/port5001_nostats.out"
     expect_out_file "$W/port5001_nostats.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5001
     # No datagram goes to port 0 or 65535 (both valid ports).
     local port
     for port in 0 65535; do
         run_decode --stats --udp-port "$port" "$DICT" "$IPV4"
         expect_rc 0
         expect_out_text $'>>totalRecords =  0\n'
-        expect_err_empty
+        expect_err_ipv4 "$IPV4" "$port"
     done
 }
 
@@ -308,7 +324,7 @@ case_max_var_bytes() {
     run_decode --stats --udp-port 5000 --max-var-bytes 2 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/max2.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     run_decode -s -p 5000 -m 2 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/max2.out"
@@ -320,13 +336,13 @@ case_max_var_bytes() {
     run_decode --stats --udp-port 5000 --max-var-bytes 0 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/max0.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     # 8 bytes: every string of the example is shown whole.
     cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
     run_decode --stats --udp-port 5000 --max-var-bytes 8 "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
 }
 
 case_utc_offset() {
@@ -341,7 +357,7 @@ case_utc_offset() {
         run_decode --stats --udp-port 5000 --utc-offset "$offset" "$DICT" "$LINK150" "$IPV4"
         expect_rc 0
         expect_out_file "$W/offset.out"
-        expect_err_empty
+        expect_err_ipv4 "$IPV4" 5000
         run_decode -s -p 5000 -u "$offset" "$DICT" "$LINK150" "$IPV4"
         expect_rc 0
         expect_out_file "$W/offset.out"
@@ -368,7 +384,7 @@ case_output_file() {
     run_decode --stats --udp-port 5000 --output "$W/decoded.txt" "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_empty
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     same_file "$W/stdout.out" "$W/decoded.txt" "the --output file"
     same_file "$W/golden.out" "$W/decoded.txt" "the --output file"
     # Messages still go to standard error, lines to the file.
@@ -384,12 +400,12 @@ case_output_file() {
     run_decode --stats --udp-port 5000 -o - "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     [ ! -e "$W/cwd/-" ] || fail "-o - made a file named -"
     run_decode --stats --udp-port 5000 --output=- "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     # A later -o wins.
     run_decode --stats -o "$W/first.txt" -o - "$DICT" "$LINK150"
     expect_rc 0
@@ -443,12 +459,12 @@ case_stdin() {
     run_decode --stats --udp-port 5000 "$DICT" - < <(gzip -dc "$IPV4")
     expect_rc 0
     expect_out_file "$EXP_IPV4"
-    expect_err_empty
+    expect_err_ipv4 - 5000
     run_decode --stats --udp-port 5000 "$DICT" "$LINK150" - < <(cat "$IPV4")
     expect_rc 0
     cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 - 5000
     # Empty standard input is no pcap file.
     run_decode "$DICT" - </dev/null
     expect_rc 1
@@ -478,28 +494,31 @@ case_capture_directory() {
     # Byte order: again.pcap.gz.old, ipv4_port5000.pcap.gz, link150.pcap.gz,
     # plain.pcap; skipped: other.gz and readme.txt (names), sub.d.
     cat "$EXP_LINK150" "$EXP_IPV4" "$EXP_LINK150" "$EXP_LINK150" >"$W/expected.out"
-    local note
+    # The copy of the IPv4 example has its closing note about the datagram
+    # to port 5001 (named as the directory operand was written, then "/").
+    local note ports
     note=$'binlog-decode: DIR: skipped 3 entries (not .pcap or .pcap.gz: 2, subdirectory: 1)\n'
+    ports=$(ipv4_note "$d/ipv4_port5000.pcap.gz" 5000)$'\n'
     run_decode --stats --udp-port 5000 "$DICT" "$d"
     expect_rc 0
     expect_out_file "$W/expected.out"
-    expect_err_text "${note/DIR/$d}"
+    expect_err_text "${note/DIR/$d}$ports"
     run_decode --stats --udp-port 5000 "$DICT" "$d/"
     expect_rc 0
     expect_out_file "$W/expected.out"
-    expect_err_text "${note/DIR/$d/}"
+    expect_err_text "${note/DIR/$d/}$ports"
     # A directory and a file in one call: the directory's captures first.
     cat "$W/expected.out" "$EXP_IPV4" >"$W/both.out"
     run_decode --stats --udp-port 5000 "$DICT" "$d" "$IPV4"
     expect_rc 0
     expect_out_file "$W/both.out"
-    expect_err_text "${note/DIR/$d}"
+    expect_err_text "${note/DIR/$d}$ports$(ipv4_note "$IPV4" 5000)"$'\n'
     # The note comes at the directory's turn, after what the captures before
     # it reported.
     run_decode --stats --udp-port 5000 "$DICT" "$W/missing.pcap" "$d"
     expect_rc 1
     expect_out_file "$W/expected.out"
-    expect_err_text "binlog-decode: cannot open '$W/missing.pcap': No such file or directory"$'\n'"${note/DIR/$d}"
+    expect_err_text "binlog-decode: cannot open '$W/missing.pcap': No such file or directory"$'\n'"${note/DIR/$d}$ports"
 }
 
 case_directory_order() {
@@ -685,14 +704,14 @@ EOF
     run_decode --stats "$DICT" "$W/linktype147.pcap"
     expect_rc 1
     expect_out_empty
-    expect_err_text $'Invalid link type 147 found. Not a valid log pcap file\n'
+    expect_err_text "binlog-decode: '$W/linktype147.pcap' has link type 147, which carries no log records"$'\n'
     synth "$W/linktype2.pcap.gz" --gzip <<'EOF'
 linktype 2
 EOF
     run_decode --stats -p 5000 "$DICT" "$W/linktype2.pcap.gz" "$LINK150"
     expect_rc 1
     expect_out_file "$EXP_LINK150"
-    expect_err_text $'Invalid link type 2 found. Not a valid log pcap file\n'
+    expect_err_text "binlog-decode: '$W/linktype2.pcap.gz' has link type 2, which carries no log records"$'\n'
 
     # A pcap global header cut short (the magic is there), plain and gzip.
     synth "$W/short.pcap" --plain <<'EOF'
@@ -706,7 +725,7 @@ EOF
         run_decode --stats "$DICT" "$W/$f"
         expect_rc 1
         expect_out_empty
-        expect_err_text $'No global header found\n'
+        expect_err_text "binlog-decode: '$W/$f' is cut short inside its file header"$'\n'
     done
     [ "$(stat -c %s "$W/short.pcap")" = 20 ] || fail "short.pcap is not 20 bytes long"
     # Shorter than the magic, or empty: no pcap file at all.
@@ -762,8 +781,9 @@ case_not_pcap() {
     expect_out_file "$W/link150.out"
     expect_err_text "binlog-decode: cannot read '$W/damaged.pcap.gz': invalid block type"$'\n'
 
-    # Captures of the other formats are read too, with a note that the
-    # library's own capture loop does not read them. The bytes are a whole
+    # Captures of the other formats are read too, with a note (naming the
+    # capture as every diagnostic does) that the library's own capture loop
+    # does not read them. The bytes are a whole
     # global header of each kind, with link type 150, and no record.
     local rest='\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\xff\xff\x00\x00\x96\x00\x00\x00'
     local rest_be='\x00\x02\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\xff\xff\x00\x00\x00\x96'
@@ -783,13 +803,13 @@ case_not_pcap() {
         run_decode --stats "$DICT" "$W/$f" "$LINK150"
         expect_rc 0
         expect_out_file "$W/after_empty.out"
-        expect_err_text "binlog-decode: '$W/$f': a $kind pcap$tail"$'\n'
+        expect_err_text "binlog-decode: $W/$f: a $kind pcap$tail"$'\n'
     done
     for f in next.pcapng next.pcapng.gz; do
         run_decode "$DICT" "$W/$f"
         expect_rc 0
         expect_out_empty
-        expect_err_text "binlog-decode: '$W/$f': a pcapng$tail"$'\n'
+        expect_err_text "binlog-decode: $W/$f: a pcapng$tail"$'\n'
     done
     # From standard input the capture is named "-".
     run_decode "$DICT" - <"$W/notes.pcap.gz"
@@ -799,20 +819,34 @@ case_not_pcap() {
 }
 
 case_problems_inside_capture() {
-    # Problems inside a capture are the library's to report, on standard
-    # error; they do not change the exit status.
+    # Problems inside a capture are reported on standard error, naming the
+    # capture and the record: an unknown log id leaves the exit status as it
+    # is; damage (a truncated or oversized record) makes it 1, after the
+    # records before it and the other captures were decoded.
+    synth "$W/unknown.pcap" --plain <<'EOF'
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
+record logid=0x09090001 payload=00
+EOF
+    binlog_line "2024-05-01T12:00:00.000Z" "L1:phy" "CellStateChange" "INFO" "DIAG" 1 \
+        "cellId=7 carrier=1 " "Cell moved to state=ACTIVE at sfn=0000-03" >"$W/first.out"
+    # Record 2 of the file is the one of log id 0x09090001.
+    local unknown_err="binlog-decode: $W/unknown.pcap: record 2: log id 0x9090001 not valid"$'\n'
+    run_decode "$DICT" "$W/unknown.pcap"
+    expect_rc 0
+    expect_out_file "$W/first.out"
+    expect_err_text "$unknown_err"
+
     synth "$W/inside.pcap" --plain <<'EOF'
 binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 record logid=0x09090001 payload=00
 binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 cut=20
 EOF
-    binlog_line "2024-05-01T12:00:00.000Z" "L1:phy" "CellStateChange" "INFO" "DIAG" 1 \
-        "cellId=7 carrier=1 " "Cell moved to state=ACTIVE at sfn=0000-03" >"$W/first.out"
-    # The cut record is 16 + 4 + 6 bytes long and 20 of them are in the file,
-    # which is abandoned there: no statistics.
-    local inside_err=$'Log id :9090001 not valid\nWarning: Possibly truncated file. Actual payloadBytes :20 Expected payloadBytes :26\n'
+    # The cut record is 16 + 4 + 6 bytes long (binary log header, module
+    # header cellId and carrier padded to 4, state and sfn) and 20 of them
+    # are in the file, which is abandoned there: no statistics.
+    local inside_err="binlog-decode: $W/inside.pcap: record 2: log id 0x9090001 not valid"$'\n'"binlog-decode: $W/inside.pcap: truncated: the last record has 20 of its 26 bytes"$'\n'
     run_decode --stats "$DICT" "$W/inside.pcap"
-    expect_rc 0
+    expect_rc 1
     expect_out_file "$W/first.out"
     expect_err_text "$inside_err"
     {
@@ -820,24 +854,29 @@ EOF
         without_stats "$EXP_LINK150"
     } >"$W/both.out"
     run_decode "$DICT" "$W/inside.pcap" "$LINK150"
-    expect_rc 0
+    expect_rc 1
     expect_out_file "$W/both.out"
     expect_err_text "$inside_err"
-    # An oversized record stops the file too.
+    # An oversized record stops the file too: its pcap record header starts
+    # at byte 24 + 16 + 26 = 66 (file header, then the first record).
     synth "$W/oversized.pcap.gz" --gzip <<'EOF'
 binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
 binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 storagelen=25001
 EOF
     run_decode --stats "$DICT" "$W/oversized.pcap.gz"
-    expect_rc 0
+    expect_rc 1
     expect_out_file "$W/first.out"
-    expect_err_text $'pHdr storageLength 25001 is more thanMAX_BINLOG_LENGTH\n'
+    expect_err_text "binlog-decode: $W/oversized.pcap.gz: a record of 25001 bytes at byte 66, above the limit of 25000: the rest of the capture is skipped"$'\n'
 }
 
 case_ethernet_without_port() {
-    # Without --udp-port an Ethernet capture is reported and skipped (no
-    # statistics either); the others are decoded; exit status 1.
+    # Without --udp-port an Ethernet capture is reported with the UDP
+    # destination ports of its datagrams, most datagrams first (12 to 5000,
+    # 1 to 5001), and skipped (no statistics either); the others are
+    # decoded; exit status 1.
     local msg="is Ethernet-framed: choose the UDP port of its log datagrams with --udp-port"
+    local ipv6_msg="$msg (UDP destination ports seen: 5000 (1 datagram))"
+    msg="$msg (UDP destination ports seen: 5000 (12 datagrams), 5001 (1 datagram))"
     run_decode --stats "$DICT" "$IPV4"
     expect_rc 1
     expect_out_empty
@@ -866,7 +905,7 @@ EOF
     run_decode "$DICT" "$W/ipv6.pcap"
     expect_rc 1
     expect_out_empty
-    expect_err_text "binlog-decode: '$W/ipv6.pcap' $msg"$'\n'
+    expect_err_text "binlog-decode: '$W/ipv6.pcap' $ipv6_msg"$'\n'
     run_decode -p 5000 "$DICT" "$W/ipv6.pcap"
     expect_rc 0
     binlog_line "2024-05-01T12:00:00.000Z" "L1:phy" "CellStateChange" "INFO" "DIAG" 1 \
@@ -882,11 +921,11 @@ case_dict_option() {
     run_decode --stats --udp-port 5000 --dict "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     run_decode -s -p 5000 -d "$DICT" "$LINK150" "$IPV4"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "$IPV4" 5000
     run_decode --stats "$LINK150" --dict="$DICT/"
     expect_rc 0
     expect_out_file "$EXP_LINK150"
@@ -1010,12 +1049,12 @@ case_capture_once() {
     expect_rc 0
     cat "$EXP_LINK150" "$EXP_IPV4" >"$W/golden.out"
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "${last_args[-1]}" 5000
     # Messages name the capture as the user did.
     run_decode "$DICT" /dev/stdin < <(cat "$IPV4")
     expect_rc 1
     expect_out_empty
-    expect_err_text "binlog-decode: '/dev/stdin' is Ethernet-framed: choose the UDP port of its log datagrams with --udp-port"$'\n'
+    expect_err_text "binlog-decode: '/dev/stdin' is Ethernet-framed: choose the UDP port of its log datagrams with --udp-port (UDP destination ports seen: 5000 (12 datagrams), 5001 (1 datagram))"$'\n'
     feed "$W/fifo.pcap.gz" printf 'text\n'
     run_decode "$DICT" "$W/fifo.pcap.gz"
     wait
@@ -1048,7 +1087,7 @@ case_temp_files() {
     TMPDIR=$tmp run_decode --stats --udp-port 5000 "$DICT" - <(cat "$IPV4") <"$LINK150"
     expect_rc 0
     expect_out_file "$W/golden.out"
-    expect_err_empty
+    expect_err_ipv4 "${last_args[-1]}" 5000
     # A $TMPDIR that does not exist changes nothing.
     # shellcheck disable=SC2094 # the capture is only read
     TMPDIR=$W/none run_decode --stats "$DICT" - "$LINK150" <"$LINK150"
@@ -1074,11 +1113,13 @@ EOF
     rc=${PIPESTATUS[0]}
     expect_rc 141
     expect_err_empty
-    # A signal while the program waits for more input ends it by that signal.
+    # SIGINT and SIGTERM while the program waits for more input end it with
+    # status 130 (what was decoded is kept, with the statistics so far:
+    # none here); SIGHUP ends it by that signal.
     mkfifo "$W/feed"
     local signal status pid
     for signal in TERM INT HUP; do
-        case $signal in TERM) status=143 ;; INT) status=130 ;; HUP) status=129 ;; esac
+        case $signal in TERM | INT) status=130 ;; HUP) status=129 ;; esac
         TMPDIR=$tmp env --default-signal=INT,TERM,HUP "${EMU[@]}" "$DECODE" "$DICT" - \
             <"$W/feed" >"$W/out" 2>"$W/err" &
         pid=$!
