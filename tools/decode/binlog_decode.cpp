@@ -252,7 +252,10 @@ class Run {
         options.maxVarBinaryBytes = static_cast<std::uint16_t>(options_.maxVarBytes);
         options.stats = options_.stats;
         options.utcOffsetMinutes = static_cast<int>(options_.utcOffset);
-        options.texts = options_.format != Format::Text || !options_.tally;
+        // A text tally needs no line, but a filter that compares a value's
+        // text (an enumeration name) needs the values' texts.
+        options.texts = options_.format != Format::Text || !options_.tally ||
+                        (filter_ != nullptr && filter_->usesValues());
         options.values = options_.format != Format::Text;
         options.filter = filter_;
         options.resync = options_.resync;
@@ -339,13 +342,15 @@ class Run {
         const std::string seen = ports.empty() ? " (no UDP datagram in it)"
                                                : " (UDP destination ports seen: " + ports + ")";
         if (linkType == kLinkTypeEthernet) {
-            fail("'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
-                 "--udp-port%s",
-                 name.c_str(), seen.c_str());
+            fail(
+                "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
+                "--udp-port%s",
+                name.c_str(), seen.c_str());
         } else {
-            fail("'%s' carries its logs in UDP datagrams (link type %u): choose their UDP port "
-                 "with --udp-port%s",
-                 name.c_str(), static_cast<unsigned>(linkType), seen.c_str());
+            fail(
+                "'%s' carries its logs in UDP datagrams (link type %u): choose their UDP port "
+                "with --udp-port%s",
+                name.c_str(), static_cast<unsigned>(linkType), seen.c_str());
         }
         return true;
     }
@@ -415,8 +420,9 @@ class Run {
                 stream.requestStop();
             }
         }
-        if (interrupted.load()) {
-            // The statistics of what was read before the signal.
+        if (done()) {
+            // The statistics of what was read before the signal or the
+            // last record asked for.
             const std::string statistics = stream.statisticsSoFar();
             out_.write(statistics);
         }
@@ -451,6 +457,7 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         std::uint32_t microseconds = 0;
         std::uint64_t number = 0;
         bool open = false;
+        bool ended = false;
     };
     std::vector<Source> sources;
     for (const CaptureInput& input : inputs) {
@@ -512,6 +519,7 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         out_.write(source.held);
         source.held.clear();
         closeCapture(*source.stream);
+        source.ended = true;
     };
     for (Source& source : sources) {
         advance(source);
@@ -538,6 +546,14 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         }
         advance(*next);
     }
+    // Stopped early: the statistics of what each capture still open read.
+    for (Source& source : sources) {
+        if (!source.ended) {
+            diagnostics_.startCapture(source.name);
+            out_.write(source.stream->statisticsSoFar());
+            closeCapture(*source.stream);
+        }
+    }
 }
 
 int run(int argc, char** argv, std::string& activity) {
@@ -551,25 +567,31 @@ int run(int argc, char** argv, std::string& activity) {
     std::unique_ptr<Tav::Filter> filter;
     if (!options.filters.empty() || !options.windows.empty()) {
         std::string composite;
-        auto check = [&](const std::string& expression, const char* what) {
+        // Shows what the user wrote (for --since and --until the time, not
+        // the "time >= " put in front of it) with a caret under the error.
+        auto check = [&](const std::string& expression, const char* what, std::size_t skip) {
             std::string error;
             std::size_t position = 0;
             if (!Tav::Filter::compile(expression, error, position)) {
                 message("invalid %s: %s", what, error.c_str());
-                fprintf(stderr, "  %s\n  %s^\n", expression.c_str(),
-                        std::string(std::min(position, expression.size()), ' ').c_str());
+                const std::string shown = expression.substr(skip);
+                position = position < skip ? 0 : position - skip;
+                fprintf(stderr, "  %s\n  %s^\n", shown.c_str(),
+                        std::string(std::min(position, shown.size()), ' ').c_str());
                 return false;
             }
             composite += (composite.empty() ? "(" : " && (") + expression + ")";
             return true;
         };
         for (const std::string& expression : options.filters) {
-            if (!check(expression, "filter expression")) {
+            if (!check(expression, "filter expression", 0)) {
                 return kExitUsage;
             }
         }
         for (const std::string& window : options.windows) {
-            if (!check(window, window.compare(0, 6, "time >") == 0 ? "--since time" : "--until time")) {
+            const bool since = window.compare(0, 7, "time >=") == 0;
+            if (!check(window, since ? "--since time" : "--until time",
+                       since ? std::strlen("time >= ") : std::strlen("time < "))) {
                 return kExitUsage;
             }
         }
