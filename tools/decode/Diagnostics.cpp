@@ -75,12 +75,9 @@ bool Diagnostics::report(const Tav::Event& event) {
             // repeat it.
             if (!enumerationsReported_) {
                 enumerationsReported_ = true;
-                output_.flush();
-                progress_.erase();
-                fprintf(stderr,
-                        "%s: the enumerations did not load: values with an enumeration format "
-                        "are shown as numbers\n",
-                        wexbl_cli::kProgramName);
+                print(record,
+                      "the enumerations did not load: from here on, values with an enumeration "
+                      "format are shown as numbers");
             }
             return false;
         case EventKind::TimestampFailed:

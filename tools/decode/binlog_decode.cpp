@@ -14,7 +14,9 @@
 // calls do, so the text lines are the ones readBinaryFiledata prints.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -177,6 +179,59 @@ std::string portList(const std::vector<std::pair<std::uint16_t, std::uint64_t>>&
     }
     return text;
 }
+
+// ---- The library's messages while the dictionaries load ----------------------------------
+
+/// Keeps what the library prints on standard error while the dictionaries
+/// load, to pass it on with its last line ended: its messages do not always
+/// end their line, and what comes next would be glued to them. Kept in
+/// memory (no file is written); without memfd_create it is passed through.
+class LoadMessages {
+  public:
+    LoadMessages() {
+        fflush(stderr);
+        fd_ = static_cast<int>(syscall(SYS_memfd_create, "binlog-decode", MFD_CLOEXEC));
+        if (fd_ < 0) {
+            return;
+        }
+        saved_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        if (saved_ < 0 || dup2(fd_, STDERR_FILENO) < 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~LoadMessages() { finish(); }
+    LoadMessages(const LoadMessages&) = delete;
+    LoadMessages& operator=(const LoadMessages&) = delete;
+
+    /// Restores standard error and writes there what was printed.
+    void finish() {
+        if (fd_ < 0) {
+            return;
+        }
+        fflush(stderr);
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        char last = '\n';
+        char buffer[4096];
+        ssize_t got = 0;
+        if (lseek(fd_, 0, SEEK_SET) == 0) {
+            while ((got = read(fd_, buffer, sizeof buffer)) > 0) {
+                fwrite(buffer, 1, static_cast<std::size_t>(got), stderr);
+                last = buffer[got - 1];
+            }
+        }
+        if (last != '\n') {
+            fputc('\n', stderr);
+        }
+        close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    int fd_ = -1;
+    int saved_ = -1;
+};
 
 // ---- The run ---------------------------------------------------------------------------------
 
@@ -628,13 +683,13 @@ int run(int argc, char** argv, std::string& activity) {
         dictionary += '/';
     }
     activity = std::string("loading the dictionaries in '") + options.dictionary + "'";
+    LoadMessages loadMessages;
     Tav::BinaryLogXmlReader reader(
         dictionary, options.stats,
         static_cast<unsigned short>(options.udpPort < 0 ? 0 : options.udpPort),
         static_cast<unsigned short>(options.maxVarBytes));
+    loadMessages.finish();
     if (!reader.isGood()) {
-        // The library's own messages may not end their line.
-        fputc('\n', stderr);
         message("cannot load the dictionaries in '%s'", options.dictionary);
         return kExitFailure;
     }
