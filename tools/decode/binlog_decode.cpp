@@ -419,6 +419,9 @@ class Run {
             return !limitReached();
         }
         const Tav::Event& event = *stream.event();
+        if (event.kind == Tav::EventKind::Summary) {
+            summarySeen_ = true;
+        }
         if (event.stream == Tav::EventStream::Output) {
             writer.outputEvent(event);
             return true;
@@ -470,12 +473,15 @@ class Run {
         if (needsPort(stream, name)) {
             return;
         }
+        summarySeen_ = false;
         while (stream.next()) {
             if (!handle(stream, writer_)) {
                 stream.requestStop();
             }
         }
-        if (done()) {
+        // (A read that a signal interrupts ends the capture, summary
+        // included.)
+        if (done() && !summarySeen_) {
             // The statistics of what was read before the signal or the
             // last record asked for.
             const std::string statistics = stream.statisticsSoFar();
@@ -495,6 +501,8 @@ class Run {
     Tav::StreamSession session_;
     int status_ = kExitOk;
     std::uint64_t records_ = 0;
+    /// Whether the capture being decoded gave its statistics summary.
+    bool summarySeen_ = false;
 };
 
 void Run::merge(const std::vector<CaptureInput>& inputs) {
