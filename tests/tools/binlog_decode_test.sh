@@ -1994,9 +1994,9 @@ case_color() {
     done
     synth "$W/levels.pcap" --plain <"$W/levels.synth"
     colour_levels() {
-        sed -e "s/\[CRITICAL\]/[$e[31mCRITICAL$e[0m]/" -e "s/\[   ERROR\]/[$e[31m   ERROR$e[0m]/" \
-            -e "s/\[    WARN\]/[$e[33m    WARN$e[0m]/" -e "s/\[  NOTICE\]/[$e[1m  NOTICE$e[0m]/" \
-            -e "s/^>>.*/$e[2m&$e[0m/" "$@"
+        sed -e "s/\[CRITICAL\]/[${e}[31mCRITICAL${e}[0m]/" -e "s/\[   ERROR\]/[${e}[31m   ERROR${e}[0m]/" \
+            -e "s/\[    WARN\]/[${e}[33m    WARN${e}[0m]/" -e "s/\[  NOTICE\]/[${e}[1m  NOTICE${e}[0m]/" \
+            -e "s/^>>.*/${e}[2m&${e}[0m/" "$@"
     }
     colour_levels "$W/plain.txt" >"$W/colour.txt"
     [ "$(grep -c "$e" "$W/colour.txt")" = 4 ] || fail "the coloured lines were not made"
@@ -2032,7 +2032,7 @@ case_color() {
     if command -v script >/dev/null && [ "${#EMU[@]}" = 0 ]; then
         last_cmd="script: binlog-decode DICT levels.pcap"
         script -qec "$(printf '%q ' "$DECODE" "$DICT" "$W/levels.pcap")" /dev/null </dev/null >"$W/tty.out" 2>&1
-        grep -qF "[$e[33m    WARN$e[0m]" "$W/tty.out" || fail "no colour on a terminal: $(cat -v "$W/tty.out")"
+        grep -qF "[${e}[33m    WARN${e}[0m]" "$W/tty.out" || fail "no colour on a terminal: $(cat -v "$W/tty.out")"
         NO_COLOR=1 script -qec "$(printf '%q ' "$DECODE" "$DICT" "$W/levels.pcap")" /dev/null </dev/null >"$W/tty.out" 2>&1
         ! grep -q "$e" "$W/tty.out" || fail "colour on a terminal despite NO_COLOR"
     fi
