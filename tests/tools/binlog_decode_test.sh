@@ -1352,15 +1352,15 @@ EOF
 # py_assert FILE.objects EXPRESSION...: each Python expression, over the
 # list `o` of the JSON objects that check_json read, must be true.
 py_assert() {
-    local file=$1 expression
+    local file=$1
     shift
-    for expression in "$@"; do
-        python3 -c '
+    python3 -c '
 import json, sys
 o = json.load(open(sys.argv[1]))
-sys.exit(0 if eval(sys.argv[2]) else 1)' "$file" "$expression" ||
-            fail "not true of the JSON objects: $expression"
-    done
+failed = [e for e in sys.argv[2:] if not eval(e)]
+for e in failed:
+    print("not true of the JSON objects: " + e)
+sys.exit(1 if failed else 0)' "$file" "$@" >"$W/assert.out" 2>&1 || fail "$(cat "$W/assert.out")"
 }
 
 case_json_output() {
@@ -1449,6 +1449,24 @@ EOF
         'o[3]["params"][1]["value"] == "-9007199254740993" and o[3]["params"][0]["value"] == -2'
     grep -qF '"message":"bad \u00ff\u00fe byte\u0001 \"q\" \\ end, '$'\xc3\xa9''"' "$W/odd.json" ||
         fail "the syslog message is not escaped as documented"
+    # Events too, and a capture name with a quote, a comma, a line feed and
+    # a byte that is no UTF-8: with --stats, a gap, an unknown log id and
+    # the summary.
+    local odd=$W/$'we"ird,\n\xff.pcap'
+    synth "$odd" --plain <<'EOF'
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=ACTIVE sfn=0x2803
+record logid=0x09090001 payload=00
+binlog L1:phy CellStateChange cellId=7 carrier=1 state=IDLE sfn=0x2803 seq=5
+EOF
+    run_decode "$DICT" "$odd"
+    grep -v '^>>' "$W/out" >"$W/odd.txt"
+    run_decode -s -T json "$DICT" "$odd"
+    expect_rc 0
+    cp "$W/out" "$W/oddname.json"
+    check_json "$W/oddname.json" "$W/odd.txt"
+    py_assert "$W/oddname.json.objects" \
+        '[x.get("event", x.get("kind")) for x in o] == ["binlog", "unknown-log-id", "gap", "binlog", "summary"]' \
+        'all(x["capture"] == "'"${W//\\/\\\\}"'/we\"ird,\n\u00ff.pcap" for x in o)'
 }
 
 case_csv_output() {
