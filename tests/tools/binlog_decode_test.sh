@@ -10,6 +10,10 @@
 # VERSION the project version and EMULATOR the command that runs target
 # programs on a cross build ("|" between its words; empty on a native build).
 #
+# The cases of the output formats check JSON with jq and Python's json
+# module and CSV with Python's csv module (python3 and jq are test
+# dependencies).
+#
 # The expected outputs of the two sample captures are
 # expected/link150_stats.out and expected/ipv4_port5000_stats.out (decoded
 # with --stats --udp-port 5000); the other cases derive theirs from those two
