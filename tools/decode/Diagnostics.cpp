@@ -63,9 +63,8 @@ bool Diagnostics::report(const Tav::Event& event) {
                               " is shorter than its 32 header bytes");
             return false;
         case EventKind::VarBinaryTooLong:
-            print(record, "var binary string: the payload's count " +
-                              std::to_string(event.count) + " is above its declared size " +
-                              std::to_string(event.length));
+            print(record, "var binary string: the payload's count " + std::to_string(event.count) +
+                              " is above its declared size " + std::to_string(event.length));
             return false;
         case EventKind::DisplayNotFound:
             print(record, "display format '" + std::string(event.name) +
@@ -76,12 +75,9 @@ bool Diagnostics::report(const Tav::Event& event) {
             // repeat it.
             if (!enumerationsReported_) {
                 enumerationsReported_ = true;
-                output_.flush();
-    progress_.erase();
-                fprintf(stderr,
-                        "%s: the enumerations did not load: values with an enumeration format "
-                        "are shown as numbers\n",
-                        wexbl_cli::kProgramName);
+                print(record,
+                      "the enumerations did not load: from here on, values with an enumeration "
+                      "format are shown as numbers");
             }
             return false;
         case EventKind::TimestampFailed:
@@ -103,9 +99,8 @@ bool Diagnostics::report(const Tav::Event& event) {
             return true;
         }
         case EventKind::Oversized:
-            print(0, "a record of " + std::to_string(event.length) +
-                         " bytes at byte " + std::to_string(event.offset) +
-                         ", above the limit of 25000" +
+            print(0, "a record of " + std::to_string(event.length) + " bytes at byte " +
+                         std::to_string(event.offset) + ", above the limit of 25000" +
                          (resync_ ? ": looking for the next record"
                                   : ": the rest of the capture is skipped"));
             return true;
@@ -126,9 +121,9 @@ bool Diagnostics::report(const Tav::Event& event) {
                                   : std::string()) +
                              ")");
             } else {
-                print(0, "no record found after the damage: bytes " +
-                             std::to_string(event.offset) + " to " +
-                             std::to_string(event.offset + event.count) + ", the end, skipped" +
+                print(0, "no record found after the damage: bytes " + std::to_string(event.offset) +
+                             " to " + std::to_string(event.offset + event.count) +
+                             ", the end, skipped" +
                              (event.compressedSkipped != 0
                                   ? " (and " + std::to_string(event.compressedSkipped) +
                                         " compressed bytes)"
@@ -166,7 +161,7 @@ void Diagnostics::endCapture() {
         const std::uint64_t count = seen_[text];
         if (!verbose_ && count > kShown) {
             output_.flush();
-    progress_.erase();
+            progress_.erase();
             fprintf(stderr, "%s: %s: %s: %llu times in all, %llu more not shown\n",
                     wexbl_cli::kProgramName, capture_.c_str(), text.c_str(),
                     static_cast<unsigned long long>(count),

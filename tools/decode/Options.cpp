@@ -258,10 +258,20 @@ int parseCommandLine(int argc, char** argv, Options& options) {
                 options.filters.push_back(optarg);
                 break;
             case kSince:
-                options.windows.push_back(std::string("time >= ") + optarg);
-                break;
             case kUntil:
-                options.windows.push_back(std::string("time < ") + optarg);
+                // One time literal: nothing that the filter language would
+                // read as more of an expression.
+                if (*optarg == '\0' || strspn(optarg,
+                                              "0123456789abcdefghijklmnopqrstuvwxyz"
+                                              "ABCDEFGHIJKLMNOPQRSTUVWXYZ:.+-") != strlen(optarg)) {
+                    message(
+                        "invalid %s time '%s' (expected a time such as "
+                        "2024-05-01T12:00:00Z or 2024-05-01T14:00:00.250+02:00)",
+                        option == kSince ? "--since" : "--until", optarg);
+                    return kExitUsage;
+                }
+                options.windows.push_back(std::string(option == kSince ? "time >= " : "time < ") +
+                                          optarg);
                 break;
             case 'c': {
                 long count = 0;

@@ -34,9 +34,9 @@ void Progress::draw(std::uint64_t bytesRead, std::uint64_t records) {
     if (size_ != 0 && bytesRead <= size_) {
         const double done = static_cast<double>(bytesRead) / static_cast<double>(size_);
         const double left = done > 0 ? elapsed * (1 - done) / done : 0;
-        snprintf(line, sizeof line, "\r%s: %.1f of %.1f MiB, %llu records, %.0f records/s, %.0f s left",
-                 name_.c_str(), static_cast<double>(bytesRead) / 1048576.0,
-                 static_cast<double>(size_) / 1048576.0,
+        snprintf(line, sizeof line,
+                 "\r%s: %.1f of %.1f MiB, %llu records, %.0f records/s, %.0f s left", name_.c_str(),
+                 static_cast<double>(bytesRead) / 1048576.0, static_cast<double>(size_) / 1048576.0,
                  static_cast<unsigned long long>(records), rate, left);
     } else {
         snprintf(line, sizeof line, "\r%s: %.1f MiB, %llu records, %.0f records/s", name_.c_str(),

@@ -66,7 +66,7 @@ void appendCsvField(std::string& out, std::string_view text) {
     out += '"';
 }
 
-const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN", "NOTICE",
+const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN",  "NOTICE",
                                    "INFO", "DEBUG",    "DEVEL", "ALWAYS"};
 
 }  // namespace
@@ -151,21 +151,33 @@ void Writer::outputEvent(const Tav::Event& event) {
         return;
     }
     switch (options_.format) {
-        case Format::Text:
-            if (colour_ && event.text.compare(0, 2, ">>") == 0) {
-                // Statistics, dimmed.
-                if (options_.withFilename) {
-                    output_.write(event.capture);
-                    output_.write(":");
+        case Format::Text: {
+            // Line by line (the summary has several): each gets the
+            // capture's name, and each statistics line is dimmed on its own.
+            std::string_view text = event.text;
+            while (!text.empty()) {
+                const std::size_t end = text.find('\n');
+                const std::size_t length = end == std::string_view::npos ? text.size() : end;
+                const std::string_view one = text.substr(0, length);
+                if (colour_ && one.compare(0, 2, ">>") == 0) {
+                    if (options_.withFilename) {
+                        output_.write(event.capture);
+                        output_.write(":");
+                    }
+                    output_.write("\033[2m");
+                    output_.write(one);
+                    output_.write(kReset);
+                } else {
+                    line(nullptr, one, event.capture);
                 }
-                output_.write("\033[2m");
-                output_.write(event.text.substr(0, event.text.size() - 1));
-                output_.write(kReset);
+                if (end == std::string_view::npos) {
+                    break;
+                }
                 output_.write("\n");
-            } else {
-                line(nullptr, event.text, event.capture);
+                text.remove_prefix(end + 1);
             }
             break;
+        }
         case Format::Json:
             buffer_.clear();
             Tav::appendJson(buffer_, event);
@@ -246,19 +258,25 @@ void Writer::finish() {
                 moduleWidth = std::max(moduleWidth, std::get<0>(row.first).size());
                 logWidth = std::max(logWidth, std::get<1>(row.first).size());
             }
-            char head[256];
-            snprintf(head, sizeof head, "%12s  %-*s  %-*s  %s\n", "records",
-                     static_cast<int>(moduleWidth), "module", static_cast<int>(logWidth), "log",
-                     "level");
-            out += head;
-            for (const Row& row : rows) {
-                char text[1024];
-                snprintf(text, sizeof text, "%12llu  %-*s  %-*s  %s\n",
-                         static_cast<unsigned long long>(row.second),
-                         static_cast<int>(moduleWidth), std::get<0>(row.first).c_str(),
-                         static_cast<int>(logWidth), std::get<1>(row.first).c_str(),
-                         std::get<2>(row.first).c_str());
-                out += text;
+            // Columns padded to their widest name; no blanks at the end of
+            // a row (a plain capture record has no log and no level).
+            auto row = [&](const std::string& count, const std::string& module,
+                           const std::string& log, const std::string& level) {
+                std::string text(count.size() < 12 ? 12 - count.size() : 0, ' ');
+                text += count + "  " + module;
+                text.append(moduleWidth - module.size(), ' ');
+                text += "  " + log;
+                text.append(logWidth - log.size(), ' ');
+                text += "  " + level;
+                while (!text.empty() && text.back() == ' ') {
+                    text.pop_back();
+                }
+                out += text + "\n";
+            };
+            row("records", "module", "log", "level");
+            for (const Row& one : rows) {
+                row(std::to_string(one.second), std::get<0>(one.first), std::get<1>(one.first),
+                    std::get<2>(one.first));
             }
             break;
         }

@@ -14,7 +14,9 @@
 // calls do, so the text lines are the ones readBinaryFiledata prints.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -178,6 +180,59 @@ std::string portList(const std::vector<std::pair<std::uint16_t, std::uint64_t>>&
     return text;
 }
 
+// ---- The library's messages while the dictionaries load ----------------------------------
+
+/// Keeps what the library prints on standard error while the dictionaries
+/// load, to pass it on with its last line ended: its messages do not always
+/// end their line, and what comes next would be glued to them. Kept in
+/// memory (no file is written); without memfd_create it is passed through.
+class LoadMessages {
+  public:
+    LoadMessages() {
+        fflush(stderr);
+        fd_ = static_cast<int>(syscall(SYS_memfd_create, "binlog-decode", MFD_CLOEXEC));
+        if (fd_ < 0) {
+            return;
+        }
+        saved_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        if (saved_ < 0 || dup2(fd_, STDERR_FILENO) < 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~LoadMessages() { finish(); }
+    LoadMessages(const LoadMessages&) = delete;
+    LoadMessages& operator=(const LoadMessages&) = delete;
+
+    /// Restores standard error and writes there what was printed.
+    void finish() {
+        if (fd_ < 0) {
+            return;
+        }
+        fflush(stderr);
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        char last = '\n';
+        char buffer[4096];
+        ssize_t got = 0;
+        if (lseek(fd_, 0, SEEK_SET) == 0) {
+            while ((got = read(fd_, buffer, sizeof buffer)) > 0) {
+                fwrite(buffer, 1, static_cast<std::size_t>(got), stderr);
+                last = buffer[got - 1];
+            }
+        }
+        if (last != '\n') {
+            fputc('\n', stderr);
+        }
+        close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    int fd_ = -1;
+    int saved_ = -1;
+};
+
 // ---- The run ---------------------------------------------------------------------------------
 
 /// Decodes the captures and keeps the exit status.
@@ -252,7 +307,10 @@ class Run {
         options.maxVarBinaryBytes = static_cast<std::uint16_t>(options_.maxVarBytes);
         options.stats = options_.stats;
         options.utcOffsetMinutes = static_cast<int>(options_.utcOffset);
-        options.texts = options_.format != Format::Text || !options_.tally;
+        // A text tally needs no line, but a filter that compares a value's
+        // text (an enumeration name) needs the values' texts.
+        options.texts = options_.format != Format::Text || !options_.tally ||
+                        (filter_ != nullptr && filter_->usesValues());
         options.values = options_.format != Format::Text;
         options.filter = filter_;
         options.resync = options_.resync;
@@ -339,13 +397,15 @@ class Run {
         const std::string seen = ports.empty() ? " (no UDP datagram in it)"
                                                : " (UDP destination ports seen: " + ports + ")";
         if (linkType == kLinkTypeEthernet) {
-            fail("'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
-                 "--udp-port%s",
-                 name.c_str(), seen.c_str());
+            fail(
+                "'%s' is Ethernet-framed: choose the UDP port of its log datagrams with "
+                "--udp-port%s",
+                name.c_str(), seen.c_str());
         } else {
-            fail("'%s' carries its logs in UDP datagrams (link type %u): choose their UDP port "
-                 "with --udp-port%s",
-                 name.c_str(), static_cast<unsigned>(linkType), seen.c_str());
+            fail(
+                "'%s' carries its logs in UDP datagrams (link type %u): choose their UDP port "
+                "with --udp-port%s",
+                name.c_str(), static_cast<unsigned>(linkType), seen.c_str());
         }
         return true;
     }
@@ -359,6 +419,9 @@ class Run {
             return !limitReached();
         }
         const Tav::Event& event = *stream.event();
+        if (event.kind == Tav::EventKind::Summary) {
+            summarySeen_ = true;
+        }
         if (event.stream == Tav::EventStream::Output) {
             writer.outputEvent(event);
             return true;
@@ -410,13 +473,17 @@ class Run {
         if (needsPort(stream, name)) {
             return;
         }
+        summarySeen_ = false;
         while (stream.next()) {
             if (!handle(stream, writer_)) {
                 stream.requestStop();
             }
         }
-        if (interrupted.load()) {
-            // The statistics of what was read before the signal.
+        // (A read that a signal interrupts ends the capture, summary
+        // included.)
+        if (done() && !summarySeen_) {
+            // The statistics of what was read before the signal or the
+            // last record asked for.
             const std::string statistics = stream.statisticsSoFar();
             out_.write(statistics);
         }
@@ -434,6 +501,8 @@ class Run {
     Tav::StreamSession session_;
     int status_ = kExitOk;
     std::uint64_t records_ = 0;
+    /// Whether the capture being decoded gave its statistics summary.
+    bool summarySeen_ = false;
 };
 
 void Run::merge(const std::vector<CaptureInput>& inputs) {
@@ -451,6 +520,7 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         std::uint32_t microseconds = 0;
         std::uint64_t number = 0;
         bool open = false;
+        bool ended = false;
     };
     std::vector<Source> sources;
     for (const CaptureInput& input : inputs) {
@@ -512,6 +582,7 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         out_.write(source.held);
         source.held.clear();
         closeCapture(*source.stream);
+        source.ended = true;
     };
     for (Source& source : sources) {
         advance(source);
@@ -538,6 +609,14 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         }
         advance(*next);
     }
+    // Stopped early: the statistics of what each capture still open read.
+    for (Source& source : sources) {
+        if (!source.ended) {
+            diagnostics_.startCapture(source.name);
+            out_.write(source.stream->statisticsSoFar());
+            closeCapture(*source.stream);
+        }
+    }
 }
 
 int run(int argc, char** argv, std::string& activity) {
@@ -551,25 +630,31 @@ int run(int argc, char** argv, std::string& activity) {
     std::unique_ptr<Tav::Filter> filter;
     if (!options.filters.empty() || !options.windows.empty()) {
         std::string composite;
-        auto check = [&](const std::string& expression, const char* what) {
+        // Shows what the user wrote (for --since and --until the time, not
+        // the "time >= " put in front of it) with a caret under the error.
+        auto check = [&](const std::string& expression, const char* what, std::size_t skip) {
             std::string error;
             std::size_t position = 0;
             if (!Tav::Filter::compile(expression, error, position)) {
                 message("invalid %s: %s", what, error.c_str());
-                fprintf(stderr, "  %s\n  %s^\n", expression.c_str(),
-                        std::string(std::min(position, expression.size()), ' ').c_str());
+                const std::string shown = expression.substr(skip);
+                position = position < skip ? 0 : position - skip;
+                fprintf(stderr, "  %s\n  %s^\n", shown.c_str(),
+                        std::string(std::min(position, shown.size()), ' ').c_str());
                 return false;
             }
             composite += (composite.empty() ? "(" : " && (") + expression + ")";
             return true;
         };
         for (const std::string& expression : options.filters) {
-            if (!check(expression, "filter expression")) {
+            if (!check(expression, "filter expression", 0)) {
                 return kExitUsage;
             }
         }
         for (const std::string& window : options.windows) {
-            if (!check(window, window.compare(0, 6, "time >") == 0 ? "--since time" : "--until time")) {
+            const bool since = window.compare(0, 7, "time >=") == 0;
+            if (!check(window, since ? "--since time" : "--until time",
+                       since ? std::strlen("time >= ") : std::strlen("time < "))) {
                 return kExitUsage;
             }
         }
@@ -606,13 +691,13 @@ int run(int argc, char** argv, std::string& activity) {
         dictionary += '/';
     }
     activity = std::string("loading the dictionaries in '") + options.dictionary + "'";
+    LoadMessages loadMessages;
     Tav::BinaryLogXmlReader reader(
         dictionary, options.stats,
         static_cast<unsigned short>(options.udpPort < 0 ? 0 : options.udpPort),
         static_cast<unsigned short>(options.maxVarBytes));
+    loadMessages.finish();
     if (!reader.isGood()) {
-        // The library's own messages may not end their line.
-        fputc('\n', stderr);
         message("cannot load the dictionaries in '%s'", options.dictionary);
         return kExitFailure;
     }
