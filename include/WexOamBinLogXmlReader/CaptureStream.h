@@ -199,6 +199,7 @@ class WEXBL_API CaptureStream {
 
   private:
     friend class DatagramStream;
+    friend class ParallelStream;
     struct Impl;
     static StreamSession::State* sessionState(const StreamOptions& options);
     std::unique_ptr<Impl> impl_;

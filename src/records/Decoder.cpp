@@ -188,7 +188,7 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
         return 0;
     }
     // The bound is the level table's current entry count, not its largest key.
-    if (header.logLevel > levels_->size()) {
+    if (!settings.levelChecked && header.logLevel > levels_->size()) {
         Event event;
         event.kind = EventKind::LevelOutOfRange;
         event.stream = EventStream::Output;

@@ -45,6 +45,10 @@ struct DecodeSettings {
     /// Only records this filter keeps come out (their checks, statistics
     /// and level-table growth happen all the same).
     const Filter* filter = nullptr;
+    /// The record passed the level check in an earlier decoding, against the
+    /// level table as it stood then: a second decoding (in another thread,
+    /// with a table of its own) does not check again.
+    bool levelChecked = false;
 };
 
 /// Where a record comes from.

@@ -349,9 +349,11 @@ struct CaptureStream::Impl : detail::EventSink {
             origin.offset = raw.offset;
             if (raw.linkType == capture::kLinkBinLog) {
                 // The record is the binary log itself.
-                decoder.decode(plans, settings, raw.header, detail::readBinLogHeader(raw.data, 0),
-                               raw.data.from(sizeof(BinLogHeader)), raw.header.storageLength,
-                               origin);
+                const BinLogHeader header = detail::readBinLogHeader(raw.data, 0);
+                const ByteReader payload = raw.data.from(sizeof(BinLogHeader));
+                keep(raw.header, header, payload, raw.header.storageLength, origin);
+                decoder.decode(plans, settings, raw.header, header, payload,
+                               raw.header.storageLength, origin);
                 recordReady = decoder.produced();
                 continue;
             }
@@ -390,9 +392,35 @@ struct CaptureStream::Impl : detail::EventSink {
                     ++extendedFramings;
                 }
             }
+            keep(frame.pcapHeader, frame.binLogHeader, frame.payload, frame.statsLength, origin);
             decoder.decode(plans, settings, frame.pcapHeader, frame.binLogHeader, frame.payload,
                            frame.statsLength, origin);
             recordReady = decoder.produced();
+        }
+    }
+
+    /// What a record was decoded from, for a second decoding elsewhere (see
+    /// ParallelStream): the payload is a view into the capture's bytes, valid
+    /// until the stream reads on.
+    struct DecodeInputs {
+        PcapRecHeader pcap;
+        BinLogHeader header;
+        ByteReader payload;
+        std::uint32_t statsLength = 0;
+        std::uint64_t number = 0;
+        std::uint64_t offset = 0;
+    };
+
+    void keep(const PcapRecHeader& pcapHeader, const BinLogHeader& header,
+              const ByteReader& payload, std::uint32_t statsLength,
+              const detail::RecordOrigin& origin) {
+        if (keepInputs) {
+            inputs.pcap = pcapHeader;
+            inputs.header = header;
+            inputs.payload = payload;
+            inputs.statsLength = statsLength;
+            inputs.number = origin.number;
+            inputs.offset = origin.offset;
         }
     }
 
@@ -487,6 +515,9 @@ struct CaptureStream::Impl : detail::EventSink {
     Item item = Item::None;
     Event current;
     std::atomic<bool> stop{false};
+    /// Keep each record's DecodeInputs in `inputs`.
+    bool keepInputs = false;
+    DecodeInputs inputs;
 };
 
 }  // namespace Tav

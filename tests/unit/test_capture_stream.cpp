@@ -20,6 +20,7 @@
 #include "TestSupport.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/DatagramStream.h"
+#include "WexOamBinLogXmlReader/ParallelStream.h"
 
 namespace {
 
@@ -204,7 +205,8 @@ void writeRandomDictionary(const TempDir& dir, Random& random, int modules) {
 }
 
 /// A random capture for a dictionary of `modules` modules.
-std::string randomCapture(Random& random, int modules, bool ethernet) {
+/// (Cut short at a random point, now and then, unless `mayCut` is false.)
+std::string randomCapture(Random& random, int modules, bool ethernet, bool mayCut = true) {
     std::string file = pcapHeader(ethernet ? 1 : 150);
     const int records = 1 + static_cast<int>(random.below(60));
     std::uint32_t seq = random.below(5);
@@ -232,7 +234,7 @@ std::string randomCapture(Random& random, int modules, bool ethernet) {
             appendLink150(file, r);
         }
     }
-    if (random.below(6) == 0) {
+    if (random.below(6) == 0 && mayCut) {
         file.resize(file.size() - random.below(static_cast<std::uint32_t>(file.size() - 24)));
     }
     return file;
@@ -275,6 +277,40 @@ Printed readWithStreams(const Tav::BinaryLogXmlReader& reader,
                 printed.out.append(record->text.data(), record->text.size());
             } else {
                 const Tav::Event* event = stream.event();
+                (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
+                    .append(event->text.data(), event->text.size());
+            }
+        }
+    }
+    return printed;
+}
+
+/// The same captures through ParallelStream: `jobs` workers render each
+/// record's line; events come from the capture stream in the calling thread.
+Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
+                       unsigned jobs, bool strict) {
+    Printed printed;
+    Tav::StreamSession session(reader);
+    for (const std::string& path : paths) {
+        Tav::StreamOptions options;
+        options.udpPort = reader.udpPort;
+        options.maxVarBinaryBytes = reader.maxVarBinaryBytes;
+        options.stats = reader.statsEnabled;
+        options.utcOffsetMinutes = 30;
+        options.strict = strict;
+        options.texts = false;
+        options.values = false;
+        options.session = &session;
+        Tav::CaptureStream stream(reader, path, options);
+        Tav::ParallelStream parallel(stream, jobs, [](const Tav::Record& record, std::string& out) {
+            out.append(record.text.data(), record.text.size());
+        });
+        while (parallel.next()) {
+            if (parallel.isRecord()) {
+                EXPECT_EQ(parallel.event(), nullptr);
+                printed.out.append(parallel.rendered().data(), parallel.rendered().size());
+            } else {
+                const Tav::Event* event = parallel.event();
                 (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
                     .append(event->text.data(), event->text.size());
             }
@@ -330,6 +366,13 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
         const Printed piped = readWithStreams(fresh, paths, round % 2 == 0, true, round % 3 != 0);
         ASSERT_EQ(piped.out, expected.out) << "round " << round << " inflating in a thread";
         ASSERT_EQ(piped.err, expected.err) << "round " << round << " inflating in a thread";
+        // Decoded again by one to four workers.
+        const unsigned jobs = 1 + static_cast<unsigned>(round % 4);
+        const Printed parallel = readInParallel(fresh, paths, jobs, round % 2 == 1);
+        ASSERT_EQ(parallel.out, expected.out)
+            << "round " << round << " with " << jobs << " workers";
+        ASSERT_EQ(parallel.err, expected.err)
+            << "round " << round << " with " << jobs << " workers";
         withRecords += expected.out.find("] \n") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(compared, 300);
@@ -859,6 +902,78 @@ TEST(CaptureStreamThreads, TwoThreadsDecodeAsOneAfterTheOther) {
         EXPECT_EQ(parallelSecond.out, second.out);
         EXPECT_EQ(parallelSecond.err, second.err);
     }
+}
+
+TEST(CaptureStreamThreads, WorkersPrintWhatOneThreadPrints) {
+    Random random{78};
+    TempDir dict;
+    writeRandomDictionary(dict, random, 3);
+    TempDir dir;
+    // Long enough for many batches of records, with damage at the end of
+    // the second capture.
+    std::vector<std::string> paths;
+    for (int c = 0; c < 2; ++c) {
+        std::string file = pcapHeader(150);
+        for (int i = 0; i < 400; ++i) {
+            file += randomCapture(random, 3, false, false).substr(24);
+        }
+        if (c == 1) {
+            file.resize(file.size() - 7);
+        }
+        paths.push_back(dir.writeFile("w" + std::to_string(c) + ".pcap", file));
+    }
+    StderrCapture loading;
+    const Tav::BinaryLogXmlReader reader(dict.slash(), true, 5000, 8);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    const Printed serial = readWithStreams(reader, paths, false);
+    ASSERT_GT(std::count(serial.out.begin(), serial.out.end(), '\n'), 5000);
+    for (const unsigned jobs : {1u, 2u, 3u, 4u}) {
+        const Printed parallel = readInParallel(reader, paths, jobs, false);
+        EXPECT_EQ(parallel.out, serial.out) << jobs << " workers";
+        EXPECT_EQ(parallel.err, serial.err) << jobs << " workers";
+    }
+}
+
+TEST(CaptureStreamThreads, AStopEndsTheWorkersAtTheItemHandedOut) {
+    Random random{79};
+    TempDir dict;
+    writeRandomDictionary(dict, random, 2);
+    TempDir dir;
+    std::string file = pcapHeader(150);
+    for (int i = 0; i < 300; ++i) {
+        file += randomCapture(random, 2, false, false).substr(24);
+    }
+    const std::string path = dir.writeFile("s.pcap", file);
+    StderrCapture loading;
+    const Tav::BinaryLogXmlReader reader(dict.slash(), false, 5000, 8);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    const Printed serial = readWithStreams(reader, {path}, false);
+    Tav::StreamOptions options;
+    options.utcOffsetMinutes = 30;
+    options.texts = false;
+    options.values = false;
+    Tav::CaptureStream stream(reader, path, options);
+    Tav::ParallelStream parallel(stream, 2, [](const Tav::Record& record, std::string& out) {
+        out.append(record.text.data(), record.text.size());
+    });
+    // Stopped after the 1500th record: nothing after it comes out, although
+    // the workers have rendered records beyond it.
+    std::string out;
+    while (parallel.next()) {
+        if (parallel.isRecord()) {
+            out.append(parallel.rendered().data(), parallel.rendered().size());
+            if (parallel.records() == 1500) {
+                stream.requestStop();
+            }
+        } else if (parallel.event()->stream == Tav::EventStream::Output) {
+            out.append(parallel.event()->text.data(), parallel.event()->text.size());
+        }
+    }
+    EXPECT_EQ(parallel.records(), 1500u);
+    ASSERT_LT(out.size(), serial.out.size());
+    EXPECT_EQ(out, serial.out.substr(0, out.size()));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "../common/CliMessage.h"
+#include "WexOamBinLogXmlReader/CaptureStream.h"
 
 #ifndef WEXBL_VERSION
 #define WEXBL_VERSION "unknown"
@@ -89,6 +90,16 @@ void printUsage(FILE* to) {
             "      --resync             after damage, look for the next plausible record\n"
             "                           and go on, reporting the bytes skipped\n"
             "\n"
+            "Speed:\n"
+            "  -j, --jobs N             decode with N worker threads (1-256; default: the\n"
+            "                           online CPUs, or 1 when the output is a terminal);\n"
+            "                           the output is the same for every N. Captures are\n"
+            "                           decoded one after the other, each with N workers;\n"
+            "                           standard input, pipes, --merge, --tally and\n"
+            "                           --count use one\n"
+            "      --inflater NAME      gzip inflater: auto (default: the fastest built in,\n"
+            "                           see --version) or zlib\n"
+            "\n"
             "Messages:\n"
             "  -v, --verbose            show every repeated diagnostic (default: the first\n"
             "                           10 of a kind per capture, then a count)\n"
@@ -156,6 +167,7 @@ enum LongOnly {
     kResync,
     kProgress,
     kNoProgress,
+    kInflater,
 };
 
 }  // namespace
@@ -183,6 +195,8 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         {"verbose", no_argument, nullptr, 'v'},
         {"progress", no_argument, nullptr, kProgress},
         {"no-progress", no_argument, nullptr, kNoProgress},
+        {"jobs", required_argument, nullptr, 'j'},
+        {"inflater", required_argument, nullptr, kInflater},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
@@ -191,7 +205,7 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     // our own messages do, whatever path it was started by.
     argv[0] = const_cast<char*>(program());
     int option;
-    while ((option = getopt_long(argc, argv, "d:sp:m:u:o:T:HY:c:vhV", kOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, "d:sp:m:u:o:T:HY:c:j:vhV", kOptions, nullptr)) != -1) {
         switch (option) {
             case 'd':
                 options.dictionary = optarg;
@@ -297,11 +311,31 @@ int parseCommandLine(int argc, char** argv, Options& options) {
             case kNoProgress:
                 options.progress = When::Never;
                 break;
+            case 'j': {
+                long jobs = 0;
+                if (!parseNumber(optarg, 1, 256, jobs)) {
+                    message("invalid job count '%s' (expected 1-256)", optarg);
+                    return kExitUsage;
+                }
+                options.jobs = static_cast<unsigned>(jobs);
+                break;
+            }
+            case kInflater:
+                if (strcmp(optarg, "auto") == 0) {
+                    options.zlibOnly = false;
+                } else if (strcmp(optarg, "zlib") == 0) {
+                    options.zlibOnly = true;
+                } else {
+                    message("invalid --inflater '%s' (expected auto or zlib)", optarg);
+                    return kExitUsage;
+                }
+                break;
             case 'h':
                 printUsage(stdout);
                 return kExitOk;
             case 'V':
-                printf("%s %s\n", program(), WEXBL_VERSION);
+                printf("%s %s\ngzip inflater: %s\n", program(), WEXBL_VERSION,
+                       Tav::CaptureStream::inflaterName());
                 return kExitOk;
             default:
                 printTryHelp();

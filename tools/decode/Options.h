@@ -39,6 +39,11 @@ struct Options {
     bool resync = false;
     /// Prefix text lines with the capture's name.
     bool withFilename = false;
+    /// Decoding workers (-j); 0: the default (the online CPUs, or 1 when
+    /// the output is a terminal).
+    unsigned jobs = 0;
+    /// Inflate gzip with zlib only, not the fastest inflater built in.
+    bool zlibOnly = false;
 };
 
 /// Reads the command line into `options`. Returns -1 to go on, or the exit

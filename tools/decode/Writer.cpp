@@ -81,31 +81,53 @@ void Writer::start() {
 }
 
 void Writer::line(const Tav::Record* record, std::string_view text, std::string_view capture) {
-    if (options_.withFilename) {
-        output_.write(capture);
-        output_.write(":");
-    }
-    if (!colour_) {
+    if (!options_.withFilename && !colour_) {
         output_.write(text);
         return;
+    }
+    buffer_.clear();
+    appendLine(buffer_, record, text, capture);
+    output_.write(buffer_);
+}
+
+void Writer::appendLine(std::string& out, const Tav::Record* record, std::string_view text,
+                        std::string_view capture) const {
+    if (options_.withFilename) {
+        out.append(capture);
+        out += ':';
     }
     // The level is the fourth field of binary log, legacy and syslog lines.
     std::size_t begin = 0;
     std::size_t end = 0;
     const char* colour = nullptr;
-    if (record != nullptr && record->kind != Tav::RecordKind::Capture &&
+    if (colour_ && record != nullptr && record->kind != Tav::RecordKind::Capture &&
         field(text, 4, begin, end)) {
         colour = levelColour(text.substr(begin, end - begin));
     }
     if (colour == nullptr) {
-        output_.write(text);
+        out.append(text);
         return;
     }
-    output_.write(text.substr(0, begin));
-    output_.write(colour);
-    output_.write(text.substr(begin, end - begin));
-    output_.write(kReset);
-    output_.write(text.substr(end));
+    out.append(text.substr(0, begin));
+    out.append(colour);
+    out.append(text.substr(begin, end - begin));
+    out.append(kReset);
+    out.append(text.substr(end));
+}
+
+void Writer::render(const Tav::Record& record, std::string& out) const {
+    switch (options_.format) {
+        case Format::Text:
+            appendLine(out, &record, record.text, record.capture);
+            break;
+        case Format::Json:
+            Tav::appendJson(out, record);
+            out += '\n';
+            break;
+        case Format::Csv:
+            Tav::appendCsv(out, record);
+            break;
+    }
 }
 
 void Writer::record(const Tav::Record& record) {
@@ -128,22 +150,13 @@ void Writer::record(const Tav::Record& record) {
         ++tally_[std::make_tuple(module, log, std::string(record.levelName))];
         return;
     }
-    switch (options_.format) {
-        case Format::Text:
-            line(&record, record.text, record.capture);
-            break;
-        case Format::Json:
-            buffer_.clear();
-            Tav::appendJson(buffer_, record);
-            buffer_ += '\n';
-            output_.write(buffer_);
-            break;
-        case Format::Csv:
-            buffer_.clear();
-            Tav::appendCsv(buffer_, record);
-            output_.write(buffer_);
-            break;
+    if (options_.format == Format::Text) {
+        line(&record, record.text, record.capture);
+        return;
     }
+    buffer_.clear();
+    render(record, buffer_);
+    output_.write(buffer_);
 }
 
 void Writer::outputEvent(const Tav::Event& event) {

@@ -22,6 +22,9 @@ class Writer {
     /// Before the first record: the CSV header row.
     void start();
     void record(const Tav::Record& record);
+    /// Appends what record() writes for a record (not with --tally). Only
+    /// reads the writer: worker threads render records with it side by side.
+    void render(const Tav::Record& record, std::string& out) const;
     /// An event of the output stream (statistics, version and level
     /// messages): its text, or its JSON object.
     void outputEvent(const Tav::Event& event);
@@ -34,6 +37,8 @@ class Writer {
 
   private:
     void line(const Tav::Record* record, std::string_view text, std::string_view capture);
+    void appendLine(std::string& out, const Tav::Record* record, std::string_view text,
+                    std::string_view capture) const;
 
     Output& output_;
     const Options& options_;

@@ -42,6 +42,7 @@
 #include "Progress.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/Filter.h"
+#include "WexOamBinLogXmlReader/ParallelStream.h"
 #include "Writer.h"
 
 const char* const wexbl_cli::kProgramName = "binlog-decode";
@@ -240,7 +241,7 @@ class Run {
   public:
     Run(const Tav::BinaryLogXmlReader& reader, const Options& options, const Tav::Filter* filter,
         Output& out, Writer& writer, Diagnostics& diagnostics, Progress& progress,
-        std::string& activity)
+        std::string& activity, unsigned jobs)
         : reader_(reader),
           options_(options),
           filter_(filter),
@@ -249,7 +250,8 @@ class Run {
           diagnostics_(diagnostics),
           progress_(progress),
           activity_(activity),
-          session_(reader) {}
+          session_(reader),
+          jobs_(jobs) {}
 
     void decode(const CaptureInput& input) {
         if (done()) {
@@ -315,8 +317,14 @@ class Run {
         options.filter = filter_;
         options.resync = options_.resync;
         options.session = ownSession ? nullptr : &session_;
+        options.fastInflate = !options_.zlibOnly;
         return options;
     }
+
+    /// Whether a capture file is decoded by worker threads.
+    /// (Not with --count: the statistics at the stop would count the
+    /// records read ahead.)
+    bool parallel() const { return jobs_ > 1 && !options_.tally && options_.count == 0; }
 
     void decodeFile(const CaptureInput& input) {
         if (input.statError != 0) {
@@ -327,8 +335,16 @@ class Run {
             struct stat info;
             const std::uint64_t size =
                 stat(input.name.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-            Tav::CaptureStream stream(reader_, input.name, streamOptions(false));
-            decodeStream(stream, input.name, size);
+            Tav::StreamOptions options = streamOptions(false);
+            // Inflating goes on in a thread of its own beside the decoding.
+            options.inflateThread = true;
+            if (parallel()) {
+                // The workers make the texts and values.
+                options.texts = filter_ != nullptr && filter_->usesValues();
+                options.values = false;
+            }
+            Tav::CaptureStream stream(reader_, input.name, options);
+            decodeStream(stream, input.name, size, parallel());
             return;
         }
         // A pipe or a device gives its bytes once: they are decoded as they
@@ -418,7 +434,10 @@ class Run {
             progress_.update(stream.inputBytesRead(), records_);
             return !limitReached();
         }
-        const Tav::Event& event = *stream.event();
+        return handleEvent(*stream.event(), writer);
+    }
+
+    bool handleEvent(const Tav::Event& event, Writer& writer) {
         if (event.kind == Tav::EventKind::Summary) {
             summarySeen_ = true;
         }
@@ -433,6 +452,18 @@ class Run {
         }
         writer.errorEvent(event);
         return true;
+    }
+
+    /// One item of a capture decoded by workers: a record's rendering, or an
+    /// event as handle() takes it.
+    bool handleParallel(Tav::CaptureStream& stream, Tav::ParallelStream& workers) {
+        if (workers.isRecord()) {
+            out_.write(workers.rendered());
+            ++records_;
+            progress_.update(stream.inputBytesRead(), records_);
+            return !limitReached();
+        }
+        return handleEvent(*workers.event(), writer_);
     }
 
     /// The closing words about a capture: frames that carried no record.
@@ -462,7 +493,8 @@ class Run {
         diagnostics_.endCapture();
     }
 
-    void decodeStream(Tav::CaptureStream& stream, const std::string& name, std::uint64_t size) {
+    void decodeStream(Tav::CaptureStream& stream, const std::string& name, std::uint64_t size,
+                      bool inParallel = false) {
         Active registered(stream);
         diagnostics_.startCapture(name);
         progress_.startCapture(name, size);
@@ -474,9 +506,22 @@ class Run {
             return;
         }
         summarySeen_ = false;
-        while (stream.next()) {
-            if (!handle(stream, writer_)) {
-                stream.requestStop();
+        if (inParallel) {
+            const Writer& writer = writer_;
+            Tav::ParallelStream workers(stream, jobs_,
+                                        [&writer](const Tav::Record& record, std::string& out) {
+                                            writer.render(record, out);
+                                        });
+            while (workers.next()) {
+                if (!handleParallel(stream, workers)) {
+                    stream.requestStop();
+                }
+            }
+        } else {
+            while (stream.next()) {
+                if (!handle(stream, writer_)) {
+                    stream.requestStop();
+                }
             }
         }
         // (A read that a signal interrupts ends the capture, summary
@@ -499,6 +544,8 @@ class Run {
     Progress& progress_;
     std::string& activity_;
     Tav::StreamSession session_;
+    /// Decoding workers for a capture file (1: none, the run's own thread).
+    unsigned jobs_;
     int status_ = kExitOk;
     std::uint64_t records_ = 0;
     /// Whether the capture being decoded gave its statistics summary.
@@ -723,7 +770,16 @@ int run(int argc, char** argv, std::string& activity) {
     Progress progress(progressShown);
     Diagnostics diagnostics(output, progress, options.verbose, options.resync);
     Writer writer(output, options, colour);
-    Run decoder(reader, options, filter.get(), output, writer, diagnostics, progress, activity);
+    // By default as many workers as there are CPUs, but one for a terminal:
+    // a person reading along wants the first lines at once, not a batch.
+    unsigned jobs = options.jobs;
+    if (jobs == 0) {
+        const long online = sysconf(_SC_NPROCESSORS_ONLN);
+        jobs =
+            isatty(fileno(out)) || online < 1 ? 1 : static_cast<unsigned>(std::min(online, 256L));
+    }
+    Run decoder(reader, options, filter.get(), output, writer, diagnostics, progress, activity,
+                jobs);
     installSignalHandlers();
 
     writer.start();

@@ -1,0 +1,72 @@
+// Decoding one capture on several cores, with every item in capture order.
+//
+//   Tav::ParallelStream stream(capture, 2, [](const Tav::Record& record, std::string& out) {
+//       out.append(record.text);  // runs in a worker thread
+//   });
+//   while (stream.next()) {
+//       if (stream.isRecord()) { fwrite(stream.rendered().data(), 1, stream.rendered().size(),
+//       out); } if (const Tav::Event* event = stream.event()) { ... }
+//   }
+//
+// The capture stream reads the capture in the calling thread: it checks every
+// record, keeps the statistics and applies the filter, in record order, so its
+// events (gaps, reorders, unknown log ids, damage, the summary) are exactly
+// those of a serial run. The records it keeps are cut into batches; worker
+// threads decode them again with their texts and values and hand each one to
+// `render`, which appends what the program prints for it; next() then hands
+// out the events and the renderings in capture order. So a program that
+// prints the renderings and the events in the order next() gives prints
+// byte for byte what it prints from the capture stream alone.
+//
+// Open the capture stream with texts and values off (the workers make them)
+// and without following; the stream must outlive this object and is not
+// used otherwise while it is. Memory stays bounded: at most 2 x jobs + 1
+// batches of at most 1024 records or 512 KiB of records are under way.
+#ifndef WEX_OAM_BINLOG_PARALLEL_STREAM_H
+#define WEX_OAM_BINLOG_PARALLEL_STREAM_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "../WexOamBinLogXmlReaderExport.h"
+#include "CaptureStream.h"
+#include "Record.h"
+
+namespace Tav {
+
+class WEXBL_API ParallelStream {
+  public:
+    /// Appends to `out` what the program prints for `record`. Called in the
+    /// worker threads, for different records at the same time: it must only
+    /// read shared state. The record and its values are valid during the call.
+    using Render = std::function<void(const Record& record, std::string& out)>;
+
+    /// Decodes `stream`'s records with `jobs` worker threads (at least 1).
+    ParallelStream(CaptureStream& stream, unsigned jobs, Render render);
+    /// Stops the workers (what they have not handed out is dropped).
+    ~ParallelStream();
+    ParallelStream(const ParallelStream&) = delete;
+    ParallelStream& operator=(const ParallelStream&) = delete;
+
+    /// Moves to the next item; false at the end of the capture or once the
+    /// capture stream was asked to stop.
+    bool next();
+    /// Whether the current item is a record; rendered() holds what render
+    /// appended for it (valid until the next call of next()).
+    bool isRecord() const;
+    std::string_view rendered() const;
+    /// The current event, or null when the current item is a record.
+    const Event* event() const;
+    /// Records handed out so far.
+    std::uint64_t records() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Tav
+
+#endif

@@ -1,0 +1,331 @@
+// One capture decoded on several cores: the capture stream reads and checks
+// in the calling thread, workers decode the kept records again with their
+// texts and render them, and the items come out in capture order.
+#include "WexOamBinLogXmlReader/ParallelStream.h"
+
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "stream/StreamImpl.h"
+
+namespace Tav {
+
+namespace {
+
+constexpr std::size_t kBatchRecords = 1024;
+constexpr std::size_t kBatchBytes = 512 * 1024;
+
+/// A run of items in capture order: the records to decode and render, and
+/// the events between them.
+struct Batch {
+    struct Item {
+        bool isRecord = false;
+        // Records: what to decode, and where the rendering went.
+        PcapRecHeader pcap;
+        BinLogHeader header;
+        std::size_t payloadOffset = 0;
+        std::size_t payloadSize = 0;
+        std::uint32_t statsLength = 0;
+        std::uint64_t number = 0;
+        std::uint64_t offset = 0;
+        std::size_t renderedOffset = 0;
+        std::size_t renderedSize = 0;
+        // Events: the event, its texts in `texts`.
+        Event event;
+        std::size_t textOffset = 0;
+        std::size_t textSize = 0;
+        std::size_t nameOffset = 0;
+        std::size_t nameSize = 0;
+        std::size_t payloadTextOffset = 0;
+    };
+
+    void clear() {
+        items.clear();
+        payloads.clear();
+        texts.clear();
+        rendered.clear();
+        records = 0;
+        done = false;
+        error = nullptr;
+    }
+    bool full() const { return records >= kBatchRecords || payloads.size() >= kBatchBytes; }
+
+    std::vector<Item> items;
+    std::string payloads;
+    std::string texts;
+    std::string rendered;
+    std::size_t records = 0;
+    bool done = false;  // guarded by the stream's mutex
+    std::exception_ptr error;
+};
+
+/// A worker's own decoding state: the level table is a copy, and what the
+/// second decoding reports is dropped (the reading thread reported it).
+struct WorkerDecoder : detail::EventSink {
+    explicit WorkerDecoder(const std::map<std::uint16_t, std::string>& names)
+        : levelNames(names), levels(levelNames), decoder(levels, stats, *this) {}
+    void emit(const Event&) override {}
+
+    std::map<std::uint16_t, std::string> levelNames;
+    detail::LevelTable levels;
+    BinaryLogStatsCollector stats;
+    detail::RecordDecoder decoder;
+};
+
+}  // namespace
+
+struct ParallelStream::Impl {
+    Impl(CaptureStream& captureStream, unsigned jobs, Render renderer)
+        : stream(captureStream),
+          core(*captureStream.impl_),
+          render(std::move(renderer)),
+          limit(2 * static_cast<std::size_t>(jobs) + 1) {
+        core.keepInputs = true;
+        settings = core.settings;
+        settings.texts = true;
+        settings.fields = true;
+        settings.stats = false;
+        settings.filter = nullptr;
+        settings.levelChecked = true;
+        // Copied here, before any thread starts: the reading thread's table
+        // grows while the workers run.
+        const std::map<std::uint16_t, std::string> names = core.session.levelNames;
+        for (unsigned i = 0; i < jobs; ++i) {
+            workers.emplace_back([this, names] { work(names); });
+        }
+    }
+
+    ~Impl() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            quit = true;
+        }
+        wake.notify_all();
+        for (std::thread& worker : workers) {
+            worker.join();
+        }
+        core.keepInputs = false;
+    }
+
+    void work(const std::map<std::uint16_t, std::string>& names) {
+        WorkerDecoder state(names);
+        for (;;) {
+            Batch* batch = nullptr;
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                wake.wait(lock, [this] { return quit || !queued.empty(); });
+                if (quit) {
+                    return;
+                }
+                batch = queued.front();
+                queued.pop_front();
+            }
+            try {
+                renderBatch(state, *batch);
+            } catch (...) {
+                batch->error = std::current_exception();
+            }
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                batch->done = true;
+            }
+            finished.notify_all();
+        }
+    }
+
+    void renderBatch(WorkerDecoder& state, Batch& batch) {
+        const auto* payloads = reinterpret_cast<const unsigned char*>(batch.payloads.data());
+        for (Batch::Item& item : batch.items) {
+            if (!item.isRecord) {
+                continue;
+            }
+            detail::RecordOrigin origin;
+            origin.capture = core.name;
+            origin.number = item.number;
+            origin.offset = item.offset;
+            state.decoder.decode(core.plans, settings, item.pcap, item.header,
+                                 ByteReader(payloads + item.payloadOffset, item.payloadSize),
+                                 item.statsLength, origin);
+            item.renderedOffset = batch.rendered.size();
+            if (state.decoder.produced()) {
+                render(state.decoder.record(), batch.rendered);
+            }
+            item.renderedSize = batch.rendered.size() - item.renderedOffset;
+        }
+    }
+
+    /// Reads the next item of the capture into `batch`; false at its end.
+    bool read(Batch& batch) {
+        if (!stream.next()) {
+            return false;
+        }
+        batch.items.emplace_back();
+        Batch::Item& item = batch.items.back();
+        if (const Event* event = stream.event()) {
+            item.event = *event;
+            item.textOffset = batch.texts.size();
+            item.textSize = event->text.size();
+            batch.texts.append(event->text);
+            item.nameOffset = batch.texts.size();
+            item.nameSize = event->name.size();
+            batch.texts.append(event->name);
+            // The payload of a record that was not decoded (a view into the
+            // capture's bytes, which the stream reads on from).
+            item.payloadTextOffset = batch.texts.size();
+            batch.texts.append(event->payload);
+            return true;
+        }
+        const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
+        item.isRecord = true;
+        item.pcap = inputs.pcap;
+        item.header = inputs.header;
+        item.payloadOffset = batch.payloads.size();
+        item.payloadSize = inputs.payload.size();
+        batch.payloads.append(reinterpret_cast<const char*>(inputs.payload.data()),
+                              inputs.payload.size());
+        item.statsLength = inputs.statsLength;
+        item.number = inputs.number;
+        item.offset = inputs.offset;
+        ++batch.records;
+        return true;
+    }
+
+    /// Fills batches and hands them to the workers until `limit` are under
+    /// way or the capture ends.
+    void fill() {
+        while (!ended && window.size() < limit) {
+            std::unique_ptr<Batch> batch;
+            if (!spare.empty()) {
+                batch = std::move(spare.back());
+                spare.pop_back();
+                batch->clear();
+            } else {
+                batch = std::make_unique<Batch>();
+            }
+            while (!batch->full()) {
+                if (!read(*batch)) {
+                    ended = true;
+                    break;
+                }
+            }
+            if (batch->items.empty()) {
+                spare.push_back(std::move(batch));
+                break;
+            }
+            Batch* handed = batch.get();
+            window.push_back(std::move(batch));
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                queued.push_back(handed);
+            }
+            wake.notify_one();
+        }
+    }
+
+    bool next() {
+        currentItem = nullptr;
+        if (core.stop.load(std::memory_order_relaxed)) {
+            return false;
+        }
+        if (current != nullptr && ++at < current->items.size()) {
+            return take();
+        }
+        if (current != nullptr) {
+            spare.push_back(std::move(window.front()));
+            window.pop_front();
+            current = nullptr;
+        }
+        fill();
+        if (window.empty()) {
+            return false;
+        }
+        Batch& batch = *window.front();
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            finished.wait(lock, [&batch] { return batch.done; });
+        }
+        if (batch.error) {
+            std::rethrow_exception(batch.error);
+        }
+        current = &batch;
+        at = 0;
+        return take();
+    }
+
+    bool take() {
+        const Batch::Item& item = current->items[at];
+        currentItem = &item;
+        if (item.isRecord) {
+            ++records;
+        } else {
+            currentEvent = item.event;
+            currentEvent.text =
+                std::string_view(current->texts.data() + item.textOffset, item.textSize);
+            currentEvent.name =
+                std::string_view(current->texts.data() + item.nameOffset, item.nameSize);
+            currentEvent.payload = std::string_view(current->texts.data() + item.payloadTextOffset,
+                                                    item.event.payload.size());
+        }
+        return true;
+    }
+
+    CaptureStream& stream;
+    CaptureStream::Impl& core;
+    Render render;
+    detail::DecodeSettings settings;
+    const std::size_t limit;
+
+    std::mutex mutex;
+    std::condition_variable wake;      // workers: a batch was queued, or quit
+    std::condition_variable finished;  // reader: a batch is done
+    std::deque<Batch*> queued;         // guarded by mutex
+    bool quit = false;                 // guarded by mutex
+    std::vector<std::thread> workers;
+
+    // The reading thread's own.
+    std::deque<std::unique_ptr<Batch>> window;  // handed to the workers, in order
+    std::vector<std::unique_ptr<Batch>> spare;
+    bool ended = false;
+    Batch* current = nullptr;
+    std::size_t at = 0;
+    const Batch::Item* currentItem = nullptr;
+    Event currentEvent;
+    std::uint64_t records = 0;
+};
+
+ParallelStream::ParallelStream(CaptureStream& stream, unsigned jobs, Render render)
+    : impl_(std::make_unique<Impl>(stream, jobs == 0 ? 1 : jobs, std::move(render))) {}
+
+ParallelStream::~ParallelStream() = default;
+
+bool ParallelStream::next() {
+    return impl_->next();
+}
+
+bool ParallelStream::isRecord() const {
+    return impl_->currentItem != nullptr && impl_->currentItem->isRecord;
+}
+
+std::string_view ParallelStream::rendered() const {
+    if (!isRecord()) {
+        return std::string_view();
+    }
+    const Batch& batch = *impl_->current;
+    return std::string_view(batch.rendered.data() + impl_->currentItem->renderedOffset,
+                            impl_->currentItem->renderedSize);
+}
+
+const Event* ParallelStream::event() const {
+    return impl_->currentItem != nullptr && !impl_->currentItem->isRecord ? &impl_->currentEvent
+                                                                          : nullptr;
+}
+
+std::uint64_t ParallelStream::records() const {
+    return impl_->records;
+}
+
+}  // namespace Tav
