@@ -97,8 +97,11 @@ class PipelinedSource final : public ByteSource {
                 inputRead_ = innerInput_;
             }
             changed_.notify_all();
-            std::memcpy(window_.get() + available_, chunk.bytes.data(), chunk.bytes.size());
-            available_ += chunk.bytes.size();
+            // (The last chunk may hold no bytes, and no buffer.)
+            if (!chunk.bytes.empty()) {
+                std::memcpy(window_.get() + available_, chunk.bytes.data(), chunk.bytes.size());
+                available_ += chunk.bytes.size();
+            }
             if (chunk.last) {
                 state_ = chunk.state;
                 error_ = std::move(chunk.error);
