@@ -11,7 +11,10 @@
 #     (bench/decode_capture reader);
 #   - the pull API, records and events only, no text (decode_capture values),
 #     and with every value of every record read (decode_capture params);
-#   - binlog-decode DICT FILE > /dev/null, statistics off and on;
+#   - igzip -dc (ISA-L's inflater alone), when installed;
+#   - binlog-decode DICT FILE > /dev/null with 1 and 2 workers, with zlib and
+#     with ISA-L (inflating in a thread of its own either way), statistics
+#     off and on;
 #   - binlog-decode on the uncompressed and on the Ethernet capture;
 #   - binlog-decode --format json and --format csv;
 #   - binlog-decode with a filter that keeps about 1 % of the records, by
@@ -123,25 +126,33 @@ measure() { # name command...
     times[$name]+="$seconds "
     if [ -z "${rss[$name]:-}" ] || [ "$kib" -gt "${rss[$name]}" ]; then rss[$name]=$kib; fi
 }
+igzip=$(command -v igzip || true)
 for run in $(seq "$runs"); do
     measure gzip gzip -dc "$work/capture.pcap.gz"
     measure floor "$floor" "$work/capture.pcap.gz"
+    if [ -n "$igzip" ]; then measure igzip "$igzip" -dc "$work/capture.pcap.gz"; fi
     measure reader "$routes" reader "$work/dict" "$work/capture.pcap.gz"
     measure reader_stats "$routes" reader-stats "$work/dict" "$work/capture.pcap.gz"
     measure values "$routes" values "$work/dict" "$work/capture.pcap.gz"
     measure params "$routes" params "$work/dict" "$work/capture.pcap.gz"
-    measure decode "$decode" "$work/dict" "$work/capture.pcap.gz"
-    measure decode_stats "$decode" --stats "$work/dict" "$work/capture.pcap.gz"
-    measure decode_plain "$decode" "$work/dict" "$work/capture.pcap"
+    measure decode_zlib "$decode" -j 1 --inflater zlib "$work/dict" "$work/capture.pcap.gz"
+    measure decode_zlib2 "$decode" -j 2 --inflater zlib "$work/dict" "$work/capture.pcap.gz"
+    measure decode "$decode" -j 1 "$work/dict" "$work/capture.pcap.gz"
+    measure decode2 "$decode" -j 2 "$work/dict" "$work/capture.pcap.gz"
+    measure decode_stats "$decode" -j 1 --stats "$work/dict" "$work/capture.pcap.gz"
+    measure decode_stats2 "$decode" -j 2 --stats "$work/dict" "$work/capture.pcap.gz"
+    measure decode_plain "$decode" -j 2 "$work/dict" "$work/capture.pcap"
     measure gzip_eth gzip -dc "$work/ethernet.pcap.gz"
-    measure decode_eth "$decode" --udp-port 5000 "$work/dict" "$work/ethernet.pcap.gz"
-    measure decode_json "$decode" --format json "$work/dict" "$work/capture.pcap.gz"
-    measure decode_csv "$decode" --format csv "$work/dict" "$work/capture.pcap.gz"
-    measure filter_level "$decode" --filter 'level == CRITICAL' "$work/dict" "$work/capture.pcap.gz"
-    measure filter_log "$decode" --filter 'module == SUB3:mod3 && log == Timer' "$work/dict" \
+    measure decode_eth "$decode" -j 2 --udp-port 5000 "$work/dict" "$work/ethernet.pcap.gz"
+    measure decode_json "$decode" -j 1 --format json "$work/dict" "$work/capture.pcap.gz"
+    measure decode_json2 "$decode" -j 2 --format json "$work/dict" "$work/capture.pcap.gz"
+    measure decode_csv2 "$decode" -j 2 --format csv "$work/dict" "$work/capture.pcap.gz"
+    measure filter_level "$decode" -j 2 --filter 'level == CRITICAL' "$work/dict" \
         "$work/capture.pcap.gz"
+    measure filter_log "$decode" -j 2 --filter 'module == SUB3:mod3 && log == Timer' \
+        "$work/dict" "$work/capture.pcap.gz"
 done
-measure decode_small "$decode" "$work/dict" "$work/small.pcap.gz"
+measure decode_small "$decode" -j 2 "$work/dict" "$work/small.pcap.gz"
 
 rate() { awk -v n="$records" -v s="$1" 'BEGIN { printf "%.0f", n / s }'; }
 report() { # label name reference
@@ -155,20 +166,26 @@ report() { # label name reference
 echo
 echo "$records records, median of $runs runs ($(nproc) cores, $(uname -m))"
 report "gzip -dc (compressed, link 150)" gzip gzip
-report "zlib floor (gzread, bytes dropped)" floor gzip
+report "zlib floor (inflate only)" floor gzip
+if [ -n "$igzip" ]; then report "igzip -dc (ISA-L, inflate only)" igzip gzip; fi
 report "readBinaryFiledata, statistics off" reader gzip
 report "readBinaryFiledata, statistics on" reader_stats gzip
 report "pull API, records and events (no text)" values gzip
 report "pull API, every value of every record read" params gzip
-report "binlog-decode, statistics off" decode gzip
-report "binlog-decode --stats" decode_stats gzip
-report "binlog-decode, uncompressed file" decode_plain gzip
+report "binlog-decode -j 1, zlib, pipelined" decode_zlib gzip
+report "binlog-decode -j 2, zlib" decode_zlib2 gzip
+report "binlog-decode -j 1, ISA-L, pipelined" decode gzip
+report "binlog-decode -j 2, ISA-L" decode2 gzip
+report "binlog-decode -j 1 --stats, ISA-L" decode_stats gzip
+report "binlog-decode -j 2 --stats, ISA-L" decode_stats2 gzip
+report "binlog-decode -j 2, uncompressed file" decode_plain gzip
 report "gzip -dc (Ethernet capture)" gzip_eth gzip_eth
-report "binlog-decode, Ethernet capture" decode_eth gzip_eth
-report "binlog-decode --format json" decode_json gzip
-report "binlog-decode --format csv" decode_csv gzip
-report "binlog-decode -Y 'level == CRITICAL' (1 %)" filter_level gzip
-report "binlog-decode -Y module and log (1 %)" filter_log gzip
+report "binlog-decode -j 2, Ethernet capture" decode_eth gzip_eth
+report "binlog-decode -j 1 --format json" decode_json gzip
+report "binlog-decode -j 2 --format json" decode_json2 gzip
+report "binlog-decode -j 2 --format csv" decode_csv2 gzip
+report "binlog-decode -j 2 -Y 'level == CRITICAL'" filter_level gzip
+report "binlog-decode -j 2 -Y module and log" filter_log gzip
 printf '%-40s peak RSS %.1f MiB (20000 records) vs %.1f MiB (%s records)\n' "memory" \
     "$(awk -v k="${rss[decode_small]}" 'BEGIN { print k / 1024 }')" \
-    "$(awk -v k="${rss[decode]}" 'BEGIN { print k / 1024 }')" "$records"
+    "$(awk -v k="${rss[decode2]}" 'BEGIN { print k / 1024 }')" "$records"
