@@ -76,8 +76,11 @@ struct StreamOptions {
     /// called again after more was appended, as `tail -f` does.
     bool follow = false;
     /// Inflate gzip with the fastest inflater built in (ISA-L, where the
-    /// capture can be read again: a file or memory); false: zlib alone. The
-    /// bytes, and so the records and messages, are the same either way.
+    /// capture can be read again: a file or memory); false: zlib alone. Intact
+    /// compressed data gives the same bytes, records and messages either way.
+    /// ISA-L checks corrupt deflate data less strictly than zlib: where zlib
+    /// reports a data error at once, it may first inflate some bytes, so a
+    /// damaged capture can give other records or messages before its error.
     bool fastInflate = true;
     /// Read and inflate the capture in a thread of its own, beside the
     /// decoding (files and memory; not with follow): on two cores a run takes

@@ -190,7 +190,9 @@ class StreamSource final : public ByteSource {
     void isalStep();
     /// Inflates the current member again from its start with zlib, passing
     /// over the bytes already delivered, and goes on with zlib.
+#ifdef WEXBL_HAVE_ISAL
     void replayWithZlib();
+#endif
     /// Offset in the compressed input of its first unconsumed byte.
     std::uint64_t inputOffset() const {
         return (fromMemory() ? memoryFed_ : inputRead_) - inAvail_;
@@ -204,7 +206,9 @@ class StreamSource final : public ByteSource {
     }
     /// Inflates a trial from the candidate at the start of the input.
     bool tryResume(bool raw);
-    void end() { state_ = SourceState::End; }
+    void end() {
+        state_ = SourceState::End;
+    }
 
     Descriptor fd_;
     bool fromMemory_ = false;
@@ -472,12 +476,38 @@ void StreamSource::isalStep() {
     state.next_out = window_.get() + available_;
     state.avail_out = static_cast<std::uint32_t>(room);
     const int ret = isal_inflate(&state);
+    if (state.avail_out > room) {
+        replayWithZlib();  // an impossible count: zlib reads the member
+        return;
+    }
     const std::size_t produced = room - state.avail_out;
-    const std::size_t consumed = offered - state.avail_in;
     available_ += produced;
     memberOut_ += produced;
-    inNext_ += consumed;
-    inAvail_ -= consumed;
+    const unsigned char* const before = inNext_;
+    if (state.next_in < inNext_) {
+        // At the end of a stream ISA-L gives back the whole bytes left in
+        // its bit buffer, which may reach before this call's input: fine
+        // while they are still in the buffer, else zlib reads the member.
+        const unsigned char* const first = fromMemory() ? memory_ : input_.get();
+        const std::size_t back = static_cast<std::size_t>(inNext_ - state.next_in);
+        if (back > static_cast<std::size_t>(inNext_ - first)) {
+            replayWithZlib();
+            return;
+        }
+        inNext_ -= back;
+        inAvail_ += back;
+    } else {
+        // On some damaged streams ISA-L's count of input left runs below
+        // zero: what it says it consumed must be what it moved over, within
+        // what it was given, or zlib reads the member.
+        const std::size_t moved = static_cast<std::size_t>(state.next_in - inNext_);
+        if (state.avail_in > offered || moved != offered - state.avail_in) {
+            replayWithZlib();
+            return;
+        }
+        inNext_ += moved;
+        inAvail_ -= moved;
+    }
     if (ret != ISAL_DECOMP_OK) {
         // Damaged data: zlib finds and words the damage.
         replayWithZlib();
@@ -487,12 +517,13 @@ void StreamSource::isalStep() {
         mode_ = Mode::Look;
         return;
     }
-    if (produced == 0 && consumed == 0) {
+    if (produced == 0 && inNext_ == before) {
         replayWithZlib();  // cannot be stuck with input and room: let zlib say why
     }
 #endif
 }
 
+#ifdef WEXBL_HAVE_ISAL
 void StreamSource::replayWithZlib() {
     useIsal_ = false;
     // What of the member the reader has not consumed yet is dropped and
@@ -563,6 +594,7 @@ void StreamSource::replayWithZlib() {
         }
     }
 }
+#endif
 
 bool StreamSource::tryResume(bool raw) {
     const std::size_t skip = raw ? 4 : 0;
