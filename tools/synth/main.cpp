@@ -1,5 +1,6 @@
 // binlog-synth: writes binary log captures for a dictionary directory, either
-// a random mix of records or the records a script lists.
+// a random mix of records or the records a script lists, or sends such
+// records (or those of a capture) live as UDP datagrams.
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,9 +18,11 @@
 
 #include "../common/CliMessage.h"
 #include "binlog_synth/Capture.h"
+#include "binlog_synth/CaptureInput.h"
 #include "binlog_synth/Dictionary.h"
 #include "binlog_synth/RandomMix.h"
 #include "binlog_synth/Script.h"
+#include "binlog_synth/Sender.h"
 #include "binlog_synth/Text.h"
 
 #ifndef WEXBL_VERSION
@@ -42,7 +45,10 @@ void printUsage(FILE* to) {
     fprintf(to,
             "Usage: %s --dict DIR --output FILE --records N [options]   (random mode)\n"
             "       %s [--dict DIR] --output FILE --script FILE [options] (scripted mode)\n"
-            "Write a binary log capture (pcap, plain or gzip) for a dictionary directory.\n"
+            "       %s --send HOST:PORT (--dict DIR --records N | [--dict DIR] --script FILE\n"
+            "                    | --from CAPTURE) [options]             (sending)\n"
+            "Write a binary log capture (pcap, plain or gzip) for a dictionary directory,\n"
+            "or send its records live, one UDP datagram per record.\n"
             "\n"
             "  -d, --dict DIR          dictionary directory (binlog and bindisplay XML files)\n"
             "  -o, --output FILE       capture to write; - for standard output (--out is\n"
@@ -80,6 +86,17 @@ void printUsage(FILE* to) {
             "      --max-var-length N  longest random var binary string (default 48)\n"
             "  -v, --verbose           print what was written on standard error\n"
             "\n"
+            "Sending:\n"
+            "      --send HOST:PORT    send each record as one UDP datagram (the sender's\n"
+            "                          16-byte record header, the log record) to HOST:PORT:\n"
+            "                          127.0.0.1:5000, [::1]:5000 or name:5000; no --output\n"
+            "      --from CAPTURE      send the log datagrams of a capture (pcap or pcapng,\n"
+            "                          plain or gzip; - for standard input); with -p only\n"
+            "                          the UDP datagrams to that port\n"
+            "      --rate R            datagrams per second, paced evenly (default 1000; 0:\n"
+            "                          as fast as possible); generated records also take\n"
+            "                          their time stamps from it, as in a capture\n"
+            "\n"
             "  -h, --help              show this help and exit\n"
             "  -V, --version           show the version and exit\n"
             "\n"
@@ -88,10 +105,14 @@ void printUsage(FILE* to) {
             "A file is written under a temporary name beside it and takes its place only\n"
             "when everything was written: on a failure an existing file is left as it was.\n"
             "\n"
-            "Exit status: 0 on success, 1 when the dictionary, the script or the output\n"
-            "fails, 2 on a usage error (also when standard output is a terminal and the\n"
-            "output is -, unless --force).\n",
-            kProgram, kProgram);
+            "A sent datagram is byte for byte the UDP payload the same options put in an\n"
+            "Ethernet capture (--link ipv4 for an IPv4 destination, ipv6 for IPv6).\n"
+            "\n"
+            "Exit status: 0 on success, 1 when the dictionary, the script, the output or\n"
+            "the sending fails, 2 on a usage error (also when standard output is a\n"
+            "terminal and the output is -, unless --force), 130 when sending was stopped\n"
+            "by SIGINT (Ctrl-C).\n",
+            kProgram, kProgram, kProgram);
 }
 
 int usageError(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -208,6 +229,8 @@ enum OptionId {
     kOptScript,
     kOptForce,
     kOptBigEndian,
+    kOptSend,
+    kOptFrom,
 };
 
 /// The temporary file being written, removed by the handler of a signal
@@ -249,12 +272,182 @@ void removeTemporaryOnSignals(const OutputSink& sink) {
     }
 }
 
+/// Set by SIGINT while sending: the sender stops after the datagram in hand.
+volatile std::sig_atomic_t gStopSending = 0;
+
+void stopSending(int) {
+    gStopSending = 1;
+}
+
+constexpr int kExitInterrupted = 130;
+
 void forgetTemporary() {
     sigset_t all, old;
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, &old);
     gTemporaryPath[0] = '\0';
     sigprocmask(SIG_SETMASK, &old, nullptr);
+}
+
+/// What --send was asked to do.
+struct SendRequest {
+    std::string to;
+    std::string fromPath;
+    std::string dictDir;
+    std::string scriptPath;
+    bool haveRecords = false;
+    bool outputGiven = false;
+    const char* captureOnly = nullptr;
+    const char* randomOnly = nullptr;
+    bool startGiven = false;
+    int port = -1;  // -p: the datagrams of --from to send; -1: all
+    std::uint32_t startSec = kDefaultStartSec;
+    std::uint32_t startUsec = 0;
+    std::uint64_t rateNum = 1000;  // 0: as fast as possible
+    std::uint64_t rateDen = 1;
+    RandomOptions random;
+    bool verbose = false;
+};
+
+/// --send: checks the options, then sends the records of a capture, a
+/// script or the random mix, one datagram each.
+int sendRecords(const SendRequest& request) {
+    const bool fromCapture = !request.fromPath.empty();
+    const bool scripted = !request.scriptPath.empty();
+    if (request.outputGiven) {
+        return usageError("--send and --output exclude each other");
+    }
+    if (request.captureOnly != nullptr) {
+        return usageError("%s applies to a capture file, not to --send", request.captureOnly);
+    }
+    if (static_cast<int>(fromCapture) + static_cast<int>(scripted) +
+            static_cast<int>(request.haveRecords) !=
+        1) {
+        return usageError(
+            "--send needs one source: --records N (random), --script FILE or --from CAPTURE");
+    }
+    if (!request.haveRecords && request.randomOnly != nullptr) {
+        return usageError("%s applies to random mode only", request.randomOnly);
+    }
+    if (fromCapture && (!request.dictDir.empty() || request.startGiven)) {
+        return usageError("--from sends a capture's own records: --dict and --start do not apply");
+    }
+    if (!fromCapture && request.port >= 0) {
+        return usageError(
+            "--udp-port with --send selects the datagrams of --from; the destination port is "
+            "the one of HOST:PORT");
+    }
+    if (request.haveRecords && request.dictDir.empty()) {
+        return usageError("random mode needs --dict DIR");
+    }
+    std::string host, port, error;
+    if (!parseSendAddress(request.to, host, port, error)) {
+        return usageError("--send needs HOST:PORT, not '%s': %s", request.to.c_str(),
+                          error.c_str());
+    }
+
+    // Everything that can fail before the first datagram is done first.
+    Dictionary dictionary;
+    if (!request.dictDir.empty() && !dictionary.load(request.dictDir, error)) {
+        message("%s", error.c_str());
+        return kExitFailure;
+    }
+    Script script;
+    if (scripted) {
+        std::string text;
+        if (!readAll(request.scriptPath, text, error)) {
+            message("%s", error.c_str());
+            return kExitFailure;
+        }
+        const std::string name = request.scriptPath == "-" ? "<stdin>" : request.scriptPath;
+        if (!parseScript(text, name, script, error)) {
+            message("%s", error.c_str());
+            return kExitFailure;
+        }
+    }
+    CaptureInput input;
+    if (fromCapture) {
+        input.setPort(request.port);
+        if (!input.open(request.fromPath)) {
+            message("%s", input.error().c_str());
+            return kExitFailure;
+        }
+    }
+    UdpSender sender;
+    if (!sender.open(host, port, error)) {
+        message("cannot send to %s: %s", request.to.c_str(), error.c_str());
+        return kExitFailure;
+    }
+    sender.setRate(request.rateNum, request.rateDen);
+    sender.setStopFlag(&gStopSending);
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = stopSending;  // no SA_RESTART: a wait ends at once
+    sigemptyset(&action.sa_mask);
+    struct sigaction current;
+    if (sigaction(SIGINT, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
+        sigaction(SIGINT, &action, nullptr);
+    }
+
+    // The records are generated as for an Ethernet capture of the
+    // destination's IP version, which decides the logs whose records fit.
+    Framing framing = script.settings.framing;
+    framing.kind = sender.family() == AF_INET6 ? LinkKind::Ipv6 : LinkKind::Ipv4;
+    CaptureWriter writer(sender, framing, script.settings.header);
+    bool ok = true;
+    RandomSummary randomSummary;
+    if (fromCapture) {
+        std::string datagram;
+        CaptureInput::Next next = CaptureInput::Next::End;
+        while (ok && (next = input.next(datagram)) == CaptureInput::Next::Datagram) {
+            ok = sender.sendDatagram(datagram);
+        }
+        if (ok && next == CaptureInput::Next::Failed) {
+            ok = false;
+            error = input.error();
+        }
+    } else if (scripted) {
+        ScriptRunner runner(request.dictDir.empty() ? nullptr : &dictionary);
+        runner.setStart(request.startSec, request.startUsec);
+        ok = runner.run(script, writer, error);
+    } else {
+        RandomOptions random = request.random;
+        random.startSec = request.startSec;
+        random.startUsec = request.startUsec;
+        ok = writeRandomCapture(dictionary, random, writer, error, &randomSummary);
+    }
+    ok = ok && sender.flush();
+    const bool interrupted = sender.stopped();
+    if (!ok && !interrupted) {
+        if (!sender.failure().empty()) {
+            message("cannot send to %s: %s", request.to.c_str(), sender.failure().c_str());
+        } else {
+            message("%s", error.c_str());
+        }
+    }
+    if (request.verbose) {
+        const SendSummary summary = sender.summary();
+        std::string rate = "";
+        if (summary.seconds > 0) {
+            char text[64];
+            snprintf(text, sizeof text, " in %.3f s (%.0f per second)", summary.seconds,
+                     static_cast<double>(summary.sent - 1) / summary.seconds);
+            rate = text;
+        }
+        std::string skipped = "";
+        if (fromCapture) {
+            skipped = "; " + std::to_string(input.skipped()) + " of " +
+                      std::to_string(input.records()) + " records carried no log datagram";
+        }
+        message("%s%llu datagrams sent to %s%s; %llu sends refused (no listener)%s",
+                interrupted ? "interrupted: " : "", static_cast<unsigned long long>(summary.sent),
+                request.to.c_str(), rate.c_str(), static_cast<unsigned long long>(summary.refused),
+                skipped.c_str());
+    }
+    if (interrupted) {
+        return kExitInterrupted;
+    }
+    return ok ? kExitOk : kExitFailure;
 }
 
 }  // namespace
@@ -283,6 +476,8 @@ int main(int argc, char** argv) {
         {"force", no_argument, nullptr, kOptForce},
         {"format", required_argument, nullptr, 'F'},
         {"big-endian", no_argument, nullptr, kOptBigEndian},
+        {"send", required_argument, nullptr, kOptSend},
+        {"from", required_argument, nullptr, kOptFrom},
         {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
@@ -300,7 +495,11 @@ int main(int argc, char** argv) {
     std::uint16_t port = 5000;
     std::uint32_t startSec = kDefaultStartSec, startUsec = 0;
     RandomOptions random;
-    const char* randomOnly = nullptr;  // a random-mode option seen, for the usage check
+    const char* randomOnly = nullptr;   // a random-mode option seen, for the usage check
+    const char* captureOnly = nullptr;  // an option of capture files seen
+    std::string sendTo, fromPath;
+    std::string rateText;
+    bool startGiven = false;
 
     opterr = 0;
     int c = 0;
@@ -319,6 +518,7 @@ int main(int argc, char** argv) {
                 break;
             case kOptForce:
                 force = true;
+                captureOnly = "--force";
                 break;
             case 'n':
                 if (!parseUnsigned(arg, UINT64_MAX, n)) {
@@ -329,9 +529,11 @@ int main(int argc, char** argv) {
                 break;
             case 'z':
                 gzipChoice = 1;
+                captureOnly = "--gzip";
                 break;
             case kOptPlain:
                 gzipChoice = 0;
+                captureOnly = "--plain";
                 break;
             case kOptGzipLevel:
                 if (!parseUnsigned(arg, 9, n)) {
@@ -339,6 +541,7 @@ int main(int argc, char** argv) {
                                       arg.c_str());
                 }
                 gzipLevel = static_cast<int>(n);
+                captureOnly = "--gzip-level";
                 break;
             case 'l':
                 if (!parseLinkOption(arg, link)) {
@@ -348,6 +551,7 @@ int main(int argc, char** argv) {
                         arg.c_str());
                 }
                 linkGiven = true;
+                captureOnly = "--link";
                 break;
             case 'F':
                 if (arg == "pcap") {
@@ -360,9 +564,17 @@ int main(int argc, char** argv) {
                     return usageError("--format takes pcap, pcap-ns or pcapng, not '%s'",
                                       arg.c_str());
                 }
+                captureOnly = "--format";
                 break;
             case kOptBigEndian:
                 bigEndian = true;
+                captureOnly = "--big-endian";
+                break;
+            case kOptSend:
+                sendTo = arg;
+                break;
+            case kOptFrom:
+                fromPath = arg;
                 break;
             case 'p':
                 if (!parseUnsigned(arg, 0xFFFF, n)) {
@@ -379,6 +591,7 @@ int main(int argc, char** argv) {
                         "since 1970, not '%s'",
                         arg.c_str());
                 }
+                startGiven = true;
                 break;
             case kOptSeed:
                 if (!parseUnsigned(arg, UINT64_MAX, n)) {
@@ -388,13 +601,8 @@ int main(int argc, char** argv) {
                 randomOnly = "--seed";
                 break;
             case kOptRate:
-                if (!parseRate(arg, random.rateNum, random.rateDen)) {
-                    return usageError(
-                        "--rate needs a positive number of records per second, "
-                        "not '%s'",
-                        arg.c_str());
-                }
-                randomOnly = "--rate";
+                // Checked below: sending also takes 0.
+                rateText = arg;
                 break;
             case kOptGapEvery:
             case kOptReorderEvery:
@@ -450,6 +658,51 @@ int main(int argc, char** argv) {
     }
     if (optind < argc) {
         return usageError("unexpected argument '%s'", argv[optind]);
+    }
+    const bool sending = !sendTo.empty();
+    // Sending: --rate paces the datagrams (0: no pacing); a positive rate
+    // also spaces the generated time stamps, as it does in a capture.
+    std::uint64_t sendRateNum = 1000, sendRateDen = 1;
+    if (!rateText.empty()) {
+        std::uint64_t zero = 1;
+        if (sending && parseUnsigned(rateText, 0, zero) && zero == 0) {
+            sendRateNum = 0;
+        } else if (!parseRate(rateText, random.rateNum, random.rateDen)) {
+            return usageError(
+                sending ? "--rate needs a number of datagrams per second (0: as fast as "
+                          "possible), not '%s'"
+                        : "--rate needs a positive number of records per second, not '%s'",
+                rateText.c_str());
+        } else {
+            sendRateNum = random.rateNum;
+            sendRateDen = random.rateDen;
+        }
+        if (!sending) {
+            randomOnly = "--rate";
+        }
+    }
+    if (!fromPath.empty() && !sending) {
+        return usageError("--from needs --send HOST:PORT");
+    }
+    if (sending) {
+        SendRequest request;
+        request.to = sendTo;
+        request.fromPath = fromPath;
+        request.dictDir = dictDir;
+        request.scriptPath = scriptPath;
+        request.haveRecords = haveRecords;
+        request.outputGiven = !outPath.empty();
+        request.captureOnly = captureOnly;
+        request.randomOnly = randomOnly;
+        request.startGiven = startGiven;
+        request.port = portGiven ? port : -1;
+        request.startSec = startSec;
+        request.startUsec = startUsec;
+        request.rateNum = sendRateNum;
+        request.rateDen = sendRateDen;
+        request.random = random;
+        request.verbose = verbose;
+        return sendRecords(request);
     }
     const bool scripted = !scriptPath.empty();
     if (scripted && haveRecords) {

@@ -292,6 +292,17 @@ void appendFrame(ByteBuffer& out, const Framing& framing, const RecordOptions& o
     putBe16(s, udpStart + 6, checksum);
 }
 
+/// The sender's record header in front of a log record of `size` bytes (the
+/// sender's own: always little-endian).
+void appendSenderHeader(ByteBuffer& out, const RecordOptions& options, std::size_t size) {
+    PcapRecordHeader sender;
+    sender.tsSec = options.tsSec;
+    sender.tsUsec = options.tsUsec;
+    sender.capturedLength = lengthOr(options.senderCapturedLength, size);
+    sender.storageLength = lengthOr(options.senderStorageLength, size);
+    appendPcapRecHeader(out, sender);
+}
+
 /// The record data: the log record itself (link type 150), or the frame of
 /// a UDP framing around the sender's header and the log record.
 void appendRecordData(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
@@ -300,13 +311,8 @@ void appendRecordData(ByteBuffer& out, const Framing& framing, const RecordOptio
         out.bytes(logRecord);
         return;
     }
-    PcapRecordHeader sender;
-    sender.tsSec = options.tsSec;
-    sender.tsUsec = options.tsUsec;
-    sender.capturedLength = lengthOr(options.senderCapturedLength, logRecord.size());
-    sender.storageLength = lengthOr(options.senderStorageLength, logRecord.size());
     ByteBuffer senderBytes;
-    appendPcapRecHeader(senderBytes, sender);  // the sender's own: always little-endian
+    appendSenderHeader(senderBytes, options, logRecord.size());
     appendFrame(out, framing, options, senderBytes.str().data(), senderBytes.size(),
                 logRecord.data(), logRecord.size(), ipId, bigEndianFile);
 }
@@ -428,6 +434,12 @@ void appendEthernetFrame(ByteBuffer& out, const Framing& framing, const RecordOp
                          const std::string& udpPayload, std::uint16_t ipId, bool bigEndianFile) {
     appendFrame(out, framing, options, udpPayload.data(), udpPayload.size(), nullptr, 0, ipId,
                 bigEndianFile);
+}
+
+void appendSenderDatagram(ByteBuffer& out, const RecordOptions& options,
+                          const std::string& logRecord) {
+    appendSenderHeader(out, options, logRecord.size());
+    out.bytes(logRecord);
 }
 
 void appendFramedRecord(ByteBuffer& out, const Framing& framing, const RecordOptions& options,
@@ -831,7 +843,7 @@ bool CaptureWriter::ensureGlobalHeader() {
         return true;
     }
     headerDone_ = true;
-    if (header_.mode == GlobalHeaderSettings::Mode::None) {
+    if (header_.mode == GlobalHeaderSettings::Mode::None || sink_ == nullptr) {
         return true;
     }
     ByteBuffer header;
@@ -842,32 +854,44 @@ bool CaptureWriter::ensureGlobalHeader() {
     if (header_.mode == GlobalHeaderSettings::Mode::Short && header_.shortLength < n) {
         n = header_.shortLength;
     }
-    return sink_.write(header.str().data(), n);
+    return sink_->write(header.str().data(), n);
 }
 
 bool CaptureWriter::writeLogRecord(const RecordOptions& options, const std::string& logRecord) {
+    scratch_.clear();
+    if (datagrams_ != nullptr) {
+        appendSenderDatagram(scratch_, options, logRecord);
+        ++ipId_;
+        ++records_;
+        return datagrams_->sendDatagram(scratch_.str());
+    }
     if (!ensureGlobalHeader()) {
         return false;
     }
-    scratch_.clear();
     appendRecord(scratch_, header_, framing_, options, logRecord, ipId_++);
     ++records_;
-    return sink_.write(scratch_.str());
+    return sink_->write(scratch_.str());
 }
 
 bool CaptureWriter::writeRaw(const std::string& bytes) {
-    return ensureGlobalHeader() && sink_.write(bytes);
+    if (datagrams_ != nullptr) {
+        return true;  // bytes of a file: nothing to send
+    }
+    return ensureGlobalHeader() && sink_->write(bytes);
 }
 
 bool CaptureWriter::startSection() {
     if (header_.format != FileFormat::PcapNg || !ensureGlobalHeader()) {
         return false;
     }
+    if (datagrams_ != nullptr) {
+        return true;
+    }
     ByteBuffer header;
     const std::uint32_t linkType =
         header_.linkType >= 0 ? static_cast<std::uint32_t>(header_.linkType) : linkTypeOf(framing_);
     appendFileHeader(header, header_, linkType);
-    return sink_.write(header.str());
+    return sink_->write(header.str());
 }
 
 bool CaptureWriter::finish() {

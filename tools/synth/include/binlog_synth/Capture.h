@@ -172,6 +172,12 @@ void appendEthernetFrame(ByteBuffer& out, const Framing& framing, const RecordOp
                          const std::string& udpPayload, std::uint16_t ipId,
                          bool bigEndianFile = false);
 
+/// The UDP payload of a log record in a UDP framing: the sender's record
+/// header (time stamp and lengths of `options`, little-endian) followed by
+/// `logRecord`. It is also what a network element sends as one datagram.
+void appendSenderDatagram(ByteBuffer& out, const RecordOptions& options,
+                          const std::string& logRecord);
+
 /// One whole record as it stands in a little-endian microsecond pcap file:
 /// the file's record header and the record data carrying `logRecord`
 /// (BinLogHeader + payload) framed as `framing` says.
@@ -301,13 +307,30 @@ struct GzipDamage {
 bool buildGzip(const std::string& data, const std::vector<std::size_t>& writeEnds, int level,
                const GzipDamage& damage, std::string& out, std::string& error);
 
+/// Takes the log records of a CaptureWriter as datagrams instead of a file.
+class DatagramSink {
+  public:
+    virtual ~DatagramSink() = default;
+    /// One datagram (sender's record header + log record); false stops the
+    /// writer.
+    virtual bool sendDatagram(const std::string& datagram) = 0;
+};
+
 /// Writes a capture: the file header first (once, before the first record or
 /// raw bytes, or at finish), then records.
+///
+/// Built on a DatagramSink, it hands each log record over as the UDP payload
+/// a UDP framing would carry (appendSenderDatagram), whatever the framing;
+/// what only concerns a file (its header, raw bytes, pcapng sections, the
+/// file's record header and frame) is left out.
 class CaptureWriter {
   public:
     CaptureWriter(OutputSink& sink, const Framing& framing,
                   const GlobalHeaderSettings& header = GlobalHeaderSettings())
-        : sink_(sink), framing_(framing), header_(header) {}
+        : sink_(&sink), framing_(framing), header_(header) {}
+    CaptureWriter(DatagramSink& datagrams, const Framing& framing,
+                  const GlobalHeaderSettings& header = GlobalHeaderSettings())
+        : datagrams_(&datagrams), framing_(framing), header_(header) {}
 
     const Framing& framing() const { return framing_; }
     const GlobalHeaderSettings& settings() const { return header_; }
@@ -327,7 +350,8 @@ class CaptureWriter {
   private:
     bool ensureGlobalHeader();
 
-    OutputSink& sink_;
+    OutputSink* sink_ = nullptr;
+    DatagramSink* datagrams_ = nullptr;
     Framing framing_;
     GlobalHeaderSettings header_;
     bool headerDone_ = false;
