@@ -27,9 +27,6 @@ CASE = sys.argv[1]
 DECODE, SYNTH, DICT, WORK = (os.path.abspath(p) for p in sys.argv[2:6])
 
 failures = []
-# The random mix without plain captured packets: those are no log datagrams,
-# and a sender leaves them out.
-MIX = "binlog=960,syslog=20,legacy=10"
 
 
 def fail(text):
@@ -49,9 +46,11 @@ def run(args, **kwargs):
                           **kwargs)
 
 
-def synth_capture(path, records, seed, link, port):
+def synth_capture(path, records, seed, link, port, rate):
+    """The capture of the records `send` sends: the sender's time stamps
+    follow its rate, as a capture's do."""
     result = run([SYNTH, "--dict", DICT, "--records", str(records), "--seed", str(seed),
-                  "--mix", MIX, "--link", link, "--udp-port", str(port), "--output", path])
+                  "--rate", str(rate), "--link", link, "--udp-port", str(port), "--output", path])
     if result.returncode != 0:
         sys.exit("binlog-synth failed: " + result.stderr.decode())
 
@@ -142,22 +141,8 @@ def start_listener(name, port, args):
 
 def send(target, records, seed, rate):
     """binlog-synth --send: the random records of `seed`, paced at `rate`."""
-    if b"--send" not in run([SYNTH, "--help"]).stdout:  # DEVELOPMENT FALLBACK
-        family = socket.AF_INET6 if target.startswith("[") else socket.AF_INET
-        host, port = target.rsplit(":", 1)
-        path = os.path.join(WORK, "fallback.pcap")
-        synth_capture(path, records, seed, "ipv6" if family == socket.AF_INET6 else "ipv4", 1)
-        with socket.socket(family, socket.SOCK_DGRAM) as s:
-            start = time.monotonic()
-            for i, payload in enumerate(udp_payloads(path)):
-                s.sendto(payload, (host.strip("[]"), int(port)))
-                if i % 50 == 49:
-                    ahead = start + (i + 1) / rate - time.monotonic()
-                    if ahead > 0:
-                        time.sleep(ahead)
-        return
     result = run([SYNTH, "--send", target, "--dict", DICT, "--records", str(records), "--seed",
-                  str(seed), "--mix", MIX, "--rate", str(rate)])
+                  str(seed), "--rate", str(rate)])
     check(result.returncode == 0, "binlog-synth --send failed: " + result.stderr.decode())
 
 
@@ -246,7 +231,7 @@ def case_ipv4():
     check(decode("--stats", "--udp-port", str(port), written) == lines,
           "the listener's lines differ from those of the capture it wrote")
     original = os.path.join(WORK, "sent.pcap")
-    synth_capture(original, records, 11, "ipv4", port)
+    synth_capture(original, records, 11, "ipv4", port, 50000)
     check(decode("--stats", "--udp-port", str(port), original) == lines,
           "the listener's lines differ from those of the capture of the same records")
     # The frames: IPv4 from 127.0.0.1 to 127.0.0.1, UDP to the listening port,
@@ -285,7 +270,7 @@ def case_ipv6():
     check(decode("--format", "json", "--udp-port", str(port), "live6.pcap") == lines,
           "the listener's JSON lines differ from those of the capture it wrote")
     original = os.path.join(WORK, "sent.pcap")
-    synth_capture(original, records, 12, "ipv6", port)
+    synth_capture(original, records, 12, "ipv6", port, 20000)
     os.replace(written, written + ".kept")
     os.replace(original, os.path.join(WORK, "live6.pcap"))
     check(decode("--format", "json", "--udp-port", str(port), "live6.pcap") == lines,
@@ -322,7 +307,7 @@ def case_malformed():
     valid one decoded, the others counted, their messages rate-limited."""
     port = free_port(socket.AF_INET)
     original = os.path.join(WORK, "valid.pcap")
-    synth_capture(original, 2000, 15, "ipv4", port)
+    synth_capture(original, 2000, 15, "ipv4", port, 1000)
     valid = udp_payloads(original)
     rng = random.Random(15)
     bad = [bytes(rng.randrange(0, 32)) for _ in range(5000)] + \
@@ -384,7 +369,7 @@ def case_signals():
         "--listen", "127.0.0.1:%d" % port, "-w", written, "--line-buffered"])
     send("127.0.0.1:%d" % port, 3000, 16, 20000)
     first = os.path.join(WORK, "first.pcap")
-    synth_capture(first, 3000, 16, "ipv4", port)
+    synth_capture(first, 3000, 16, "ipv4", port, 20000)
     expected = decode("--udp-port", str(port), first)
     # --line-buffered: the lines are in the file without waiting for more.
     wait_for(lambda: listener.stdout() == expected, "the first 3000 records' lines")
@@ -396,7 +381,7 @@ def case_signals():
         check(found[0][0] == [port, 3000, 0, 0, 0, 0, 3000], "SIGUSR1 summary %s" % found[0][0])
     send("127.0.0.1:%d" % port, 2000, 17, 20000)
     second = os.path.join(WORK, "second.pcap")
-    synth_capture(second, 2000, 17, "ipv4", port)
+    synth_capture(second, 2000, 17, "ipv4", port, 20000)
     expected += decode("--udp-port", str(port), second)
     wait_for(lambda: listener.stdout() == expected, "the next 2000 records' lines")
     listener.process.send_signal(signal.SIGINT)
@@ -437,7 +422,7 @@ def case_rotation():
         together += decode("--udp-port", str(port), path)
     check(together == listener.stdout(), "the files together do not hold every record")
     original = os.path.join(WORK, "sent.pcap")
-    synth_capture(original, records, 18, "ipv4", port)
+    synth_capture(original, records, 18, "ipv4", port, 50000)
     check(decode("--udp-port", str(port), original) == together,
           "the files' lines differ from those of the records sent")
 
