@@ -453,6 +453,33 @@ def case_rotation_gzip():
     check(together == listener.stdout(), "the files together do not hold every record")
 
 
+def case_rotation_seconds():
+    """--rotate-seconds: a new numbered file each second while datagrams
+    come, together every record in order."""
+    port = free_port(socket.AF_INET)
+    base = os.path.join(WORK, "timed.pcap.gz")
+    records = 2500
+    listener = start_listener("listen", port, [
+        "--listen", "127.0.0.1:%d" % port, "-w", base, "--rotate-seconds", "1", "--count",
+        str(records)])
+    started = time.monotonic()
+    send("127.0.0.1:%d" % port, records, 23, 1000)
+    status = listener.wait()
+    elapsed = time.monotonic() - started
+    check(status == 0, "listener exit status %s: %s" % (status, listener.stderr()))
+    names = sorted(n for n in os.listdir(WORK) if n.startswith("timed-"))
+    check(names == ["timed-%06d.pcap.gz" % i for i in range(1, len(names) + 1)],
+          "file names %s" % names)
+    # 2.5 s of datagrams: a file for each second begun.
+    check(3 <= len(names) <= int(elapsed) + 2, "%d files in %.1f s" % (len(names), elapsed))
+    together = b""
+    for name in names:
+        path = os.path.join(WORK, name)
+        check(run(["gzip", "-t", path]).returncode == 0, "gzip -t fails on " + name)
+        together += decode("--udp-port", str(port), path)
+    check(together == listener.stdout(), "the files together do not hold every record")
+
+
 def grow(path, data, chunk, pause, waiting=None):
     """Appends `data` to `path` in pieces of `chunk` bytes (which cut records)."""
     with open(path, "ab") as f:

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -37,8 +36,8 @@ constexpr unsigned kBatch = 64;
 constexpr std::size_t kSlotBytes = Tav::DatagramStream::kMaxDatagramBytes + 1;
 /// Room for the receive time, the drop counter and the destination address.
 constexpr std::size_t kControlBytes = 256;
-/// The longest wait for a datagram before the signals and the rotation
-/// clock are looked at again.
+/// The longest wait for a datagram before the held messages and the
+/// capture are looked at again (a signal ends a wait at once).
 constexpr int kWaitMs = 200;
 /// The summary's keys of records that are counted by kind, not module.
 constexpr std::uint32_t kOtherKinds = 0x10000;
@@ -131,6 +130,11 @@ bool bindSocket(const Options& options, Socket& socket, bool& ipv6, std::string&
         error = "cannot listen on " + shown + std::to_string(port) + ": " + strerror(errno);
         return false;
     }
+    // A receive that waits returns after this long without a datagram (a
+    // signal ends it at once), for the rate-limited messages and the
+    // capture's flushing.
+    struct timeval timeout = {0, kWaitMs * 1000};
+    setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     enable(socket.get(), SOL_SOCKET, SO_TIMESTAMP);
     enable(socket.get(), SOL_SOCKET, SO_RXQ_OVFL);
     enable(socket.get(), IPPROTO_IP, IP_PKTINFO);
@@ -498,6 +502,9 @@ int Listener::run() {
     std::vector<iovec> vectors(kBatch);
     std::vector<mmsghdr> messages(kBatch);
     int status = kExitOk;
+    // After a batch that emptied the socket, the next receive waits for a
+    // datagram (at most kWaitMs: the receive time-out).
+    bool block = false;
     while (!signals_.stop.load() && !limitReached() && !captureFailed_) {
         if (signals_.summary.exchange(false)) {
             printSummary();
@@ -513,8 +520,8 @@ int Listener::run() {
             messages[i].msg_hdr.msg_control = controls[i].data();
             messages[i].msg_hdr.msg_controllen = kControlBytes;
         }
-        const int got =
-            recvmmsg(socket.get(), messages.data(), kBatch, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+        const int got = recvmmsg(socket.get(), messages.data(), kBatch,
+                                 MSG_TRUNC | (block ? MSG_WAITFORONE : MSG_DONTWAIT), nullptr);
         if (got < 0) {
             if (errno == EINTR) {
                 continue;
@@ -525,7 +532,8 @@ int Listener::run() {
                 status = kExitFailure;
                 break;
             }
-            // Nothing there: everything decoded goes out before waiting.
+            // Nothing there (or nothing came while waiting): everything
+            // decoded goes out before the next wait.
             flushLines();
             reportMalformed(false);
             if (capture_ && !captureFailed_ && !capture_->idle(error)) {
@@ -533,10 +541,10 @@ int Listener::run() {
                 captureFailed_ = true;
                 break;
             }
-            struct pollfd wait = {socket.get(), POLLIN, 0};
-            poll(&wait, 1, kWaitMs);
+            block = true;
             continue;
         }
+        block = static_cast<unsigned>(got) < kBatch;
         for (int i = 0; i < got && !limitReached(); ++i) {
             receive(messages[static_cast<std::size_t>(i)],
                     buffers.data() + static_cast<std::size_t>(i) * kSlotBytes);
