@@ -11,6 +11,14 @@
 # rate, run, the sender's achieved rate, datagrams received, dropped by the
 # kernel and lost, and the highest rate at which every run lost nothing.
 #
+# The sender needs a core of its own for the high rates; on a busy machine
+# it may not reach them (the sent/s column tells). The listener's own
+# capacity is therefore also measured apart: it is stopped (SIGSTOP) while
+# RECORDS datagrams fill a large receive buffer (--buffer-size 1000000000;
+# SO_RCVBUFFORCE needs CAP_NET_ADMIN, else the system's limit applies), then
+# let go, and its CPU time to decode them all is reported as datagrams per
+# CPU second.
+#
 # BUILD_DIR (default build) holds the tools, DICT the dictionary (default
 # examples/dictionary), BUFFER the listener's --buffer-size (default: the
 # system's default receive buffer).
@@ -98,3 +106,37 @@ for rate in "${rates[@]}"; do
     fi
 done
 echo "highest rate without loss in all $runs runs: $best datagrams/s ($records records each)"
+
+# The listener alone: decoding a full receive buffer.
+port=$(free_port)
+"$decode" --dict "$dict" --listen "127.0.0.1:$port" --buffer-size 1000000000 \
+    --count "$records" >/dev/null 2>"$work/err" &
+listener=$!
+for _ in $(seq 1 250); do
+    bound "$port" && break
+    sleep 0.02
+done
+kill -STOP "$listener"
+"$synth" --send "127.0.0.1:$port" --dict "$dict" --records "$records" --rate 0 2>/dev/null || true
+ticks() { awk '{print $14 + $15}' "/proc/$listener/stat" 2>/dev/null; }
+before=$(ticks)
+last=$before
+kill -CONT "$listener"
+# Until it ends (--count) or nothing more can come (datagrams dropped).
+for _ in $(seq 1 3000); do
+    state=$(awk '{print $3}' "/proc/$listener/stat" 2>/dev/null || echo Z)
+    [ "$state" != Z ] || break
+    now=$(ticks) && last=${now:-$last}
+    sleep 0.01
+done
+kill -INT "$listener" 2>/dev/null || true
+wait "$listener" || true
+listener=""
+received=$(sed -nE 's/.*: ([0-9]+) datagrams received.*/\1/p' "$work/err" | tail -1)
+hz=$(getconf CLK_TCK)
+awk -v n="$received" -v t=$((last - before)) -v hz="$hz" 'BEGIN {
+    s = t / hz
+    printf "listener alone: %d datagrams from a full receive buffer in %.2f CPU seconds", n, s
+    if (s > 0) printf " (%.0f datagrams per CPU second)", n / s
+    printf "\n"
+}'

@@ -39,6 +39,8 @@ constexpr std::size_t kControlBytes = 256;
 /// The longest wait for a datagram before the held messages and the
 /// capture are looked at again (a signal ends a wait at once).
 constexpr int kWaitMs = 200;
+/// The receive buffer asked for without --buffer-size.
+constexpr int kDefaultBufferBytes = 16 << 20;
 /// The summary's keys of records that are counted by kind, not module.
 constexpr std::uint32_t kOtherKinds = 0x10000;
 
@@ -466,12 +468,15 @@ int Listener::run() {
     if (!options_.listenAddress.empty()) {
         inet_pton(ipv6_ ? AF_INET6 : AF_INET, options_.listenAddress.c_str(), boundAddress_.data());
     }
-    if (options_.bufferSize != 0) {
-        const int asked = static_cast<int>(options_.bufferSize);
+    {
+        // Without --buffer-size a buffer for some milliseconds of a fast
+        // sender, as far as the system's limit allows (net.core.rmem_max).
+        const bool given = options_.bufferSize != 0;
+        const int asked = given ? static_cast<int>(options_.bufferSize) : kDefaultBufferBytes;
         // The forcing variant passes over the system's limit where the
         // program may (CAP_NET_ADMIN); the other is capped by it.
-        const bool forced =
-            setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &asked, sizeof asked) == 0;
+        const bool forced = given && setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &asked,
+                                                sizeof asked) == 0;
         if (!forced) {
             setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &asked, sizeof asked);
         }
