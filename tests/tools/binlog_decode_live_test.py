@@ -619,6 +619,10 @@ def case_usage():
         (["--follow", DICT, "-"],
          "binlog-decode: --follow reads files as they grow: standard input cannot be one\n" +
          try_help),
+        (["--follow", DICT, "a.pcap", "b.pcap"],
+         "binlog-decode: --follow follows one capture file\n" + try_help),
+        (["--follow", DICT, "."],
+         "binlog-decode: --follow follows one capture file: '.' is none\n"),
         (["--listen", "5000", "--follow", DICT],
          "binlog-decode: --follow reads captures: not with --listen\n" + try_help),
         (["--listen", "0", DICT],

@@ -93,10 +93,10 @@ void printUsage(FILE* to) {
             "                           and go on, reporting the bytes skipped\n"
             "\n"
             "Live decoding:\n"
-            "  -f, --follow             decode the captures (files, plain or gzip) as they\n"
-            "                           grow, as tail -f does: a capture that shrinks or\n"
-            "                           is replaced is said so and read again from its\n"
-            "                           start; ends on SIGINT or SIGTERM (status 0)\n"
+            "  -f, --follow             decode one capture file (plain or gzip) as it\n"
+            "                           grows, as tail -F does: a file that shrinks or is\n"
+            "                           replaced is said so and read again from its start;\n"
+            "                           ends on SIGINT or SIGTERM (status 0)\n"
             "  -l, --listen [ADDRESS:]PORT\n"
             "                           receive the records as UDP datagrams (each one\n"
             "                           record: sender's record header, binary log header,\n"
@@ -534,6 +534,9 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     }
     if (options.follow && std::count(options.captures.begin(), options.captures.end(), "-") > 0) {
         return usage("--follow reads files as they grow: standard input cannot be one");
+    }
+    if (options.follow && options.captures.size() != 1) {
+        return usage("--follow follows one capture file");
     }
     return -1;
 }

@@ -801,6 +801,11 @@ int run(int argc, char** argv, std::string& activity) {
 
     activity = "listing the captures";
     const std::vector<CaptureInput> inputs = wexbl_decode::expandOperands(options.captures);
+    if (options.follow && !(inputs.size() == 1 && inputs[0].kind == CaptureInput::kCapture &&
+                            (inputs[0].regular || inputs[0].statError != 0))) {
+        message("--follow follows one capture file: '%s' is none", options.captures[0].c_str());
+        return kExitUsage;
+    }
     if (options.writePath != nullptr) {
         struct stat written;
         struct stat output;
