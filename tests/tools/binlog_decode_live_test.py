@@ -96,7 +96,8 @@ def wait_for(condition, what, seconds=20.0):
 
 
 class Listener:
-    """binlog-decode --listen with its standard output and error in files."""
+    """binlog-decode (--listen or --follow) with its standard output and
+    error in files."""
 
     def __init__(self, name, args):
         self.out_path = os.path.join(WORK, name + ".out")
@@ -480,17 +481,13 @@ def case_rotation_seconds():
     check(together == listener.stdout(), "the files together do not hold every record")
 
 
-def grow(path, data, chunk, pause, waiting=None):
+def grow(path, data, chunk, pause):
     """Appends `data` to `path` in pieces of `chunk` bytes (which cut records)."""
     with open(path, "ab") as f:
         for offset in range(0, len(data), chunk):
             f.write(data[offset:offset + chunk])
             f.flush()
             time.sleep(pause)
-
-
-class Follower(Listener):
-    pass
 
 
 def follow_case(compressed):
@@ -502,7 +499,7 @@ def follow_case(compressed):
     data = open(source, "rb").read()
     target = os.path.join(WORK, "growing.pcap.gz" if compressed else "growing.pcap")
     open(target, "wb").close()
-    follower = Follower("follow", ["--follow", "--stats", "--line-buffered", target])
+    follower = Listener("follow", ["--follow", "--stats", "--line-buffered", target])
     # 7919 bytes: a prime, so the pieces end inside records and headers.
     grow(target, data[:len(data) // 2], 7919, 0.01)
     wait_for(lambda: len(follower.stdout()) > 0, "the first lines of the growing capture")
@@ -542,7 +539,7 @@ def case_follow_truncate():
     full_lines = decode(source)
     target = os.path.join(WORK, "followed.pcap")
     open(target, "wb").write(data[:len(data) // 2])
-    follower = Follower("follow", ["--follow", "--line-buffered", target])
+    follower = Listener("follow", ["--follow", "--line-buffered", target])
     wait_for(lambda: follower.stdout() == half_lines, "the lines of the first half")
     with open(target, "r+b") as f:
         f.truncate(0)
@@ -562,6 +559,30 @@ def case_follow_truncate():
     check(follower.stderr() == "binlog-decode: %s: file truncated\n"
           "binlog-decode: %s: file replaced\n" % (target, target),
           "messages: %r" % follower.stderr())
+
+
+def case_follow_live():
+    """The gzip capture -w writes can be followed while it is written: the
+    listener flushes it while it waits."""
+    port = free_port(socket.AF_INET)
+    written = os.path.join(WORK, "live.pcap.gz")
+    listener = start_listener("listen", port, ["--listen", "127.0.0.1:%d" % port, "-w", written])
+    send("127.0.0.1:%d" % port, 500, 24, 5000)
+    follower = Listener("follow", ["--follow", "--line-buffered", "--udp-port", str(port),
+                                   written])
+    send("127.0.0.1:%d" % port, 500, 25, 5000)
+    sent = os.path.join(WORK, "sent.pcap")
+    synth_capture(sent, 500, 24, "ipv4", port, 5000)
+    expected = decode("--udp-port", str(port), sent)
+    synth_capture(sent, 500, 25, "ipv4", port, 5000)
+    expected += decode("--udp-port", str(port), sent)
+    wait_for(lambda: follower.stdout() == expected, "the followed capture's lines")
+    follower.process.send_signal(signal.SIGINT)
+    check(follower.wait() == 0, "the follower's exit status after SIGINT")
+    listener.process.send_signal(signal.SIGINT)
+    check(listener.wait() == 0, "the listener's exit status after SIGINT")
+    check(listener.stdout() == expected, "the listener's lines differ from those sent")
+    check(follower.stdout() == expected, "the follower's lines differ from those sent")
 
 
 def case_stdin():
