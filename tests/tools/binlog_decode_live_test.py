@@ -46,11 +46,12 @@ def run(args, **kwargs):
                           **kwargs)
 
 
-def synth_capture(path, records, seed, link, port, rate):
+def synth_capture(path, records, seed, link, port, rate, extra=()):
     """The capture of the records `send` sends: the sender's time stamps
     follow its rate, as a capture's do."""
     result = run([SYNTH, "--dict", DICT, "--records", str(records), "--seed", str(seed),
-                  "--rate", str(rate), "--link", link, "--udp-port", str(port), "--output", path])
+                  "--rate", str(rate), "--link", link, "--udp-port", str(port), "--output", path] +
+                 list(extra))
     if result.returncode != 0:
         sys.exit("binlog-synth failed: " + result.stderr.decode())
 
@@ -131,7 +132,9 @@ class Listener:
 def start_listener(name, port, args):
     # A receive buffer that holds a few seconds of datagrams: the machine
     # may be busy with other work while the tests run.
-    listener = Listener(name, args + ["--buffer-size", "16777216"])
+    if "--buffer-size" not in args:
+        args = args + ["--buffer-size", "16777216"]
+    listener = Listener(name, args)
     if not wait_for(lambda: bound(port) or listener.process.poll() is not None,
                     "the listener to bind port %d" % port):
         listener.process.kill()
@@ -140,10 +143,10 @@ def start_listener(name, port, args):
     return listener
 
 
-def send(target, records, seed, rate):
+def send(target, records, seed, rate, extra=()):
     """binlog-synth --send: the random records of `seed`, paced at `rate`."""
     result = run([SYNTH, "--send", target, "--dict", DICT, "--records", str(records), "--seed",
-                  str(seed), "--rate", str(rate)])
+                  str(seed), "--rate", str(rate)] + list(extra))
     check(result.returncode == 0, "binlog-synth --send failed: " + result.stderr.decode())
 
 
@@ -301,6 +304,72 @@ def case_any_address():
     check(types == [0x0800] * 100 + [0x86DD] * 100, "frame types %s" % sorted(set(types)))
     check(decode("--udp-port", str(port), written) == listener.stdout(),
           "the listener's lines differ from those of the capture it wrote")
+
+
+def case_gaps():
+    """Gaps and reorders: printed as they come with --stats, and counted per
+    module in the summary."""
+    port = free_port(socket.AF_INET)
+    records = 3000
+    damage = ["--gap-every", "97", "--reorder-every", "251"]
+    listener = start_listener("listen", port, [
+        "--listen", "127.0.0.1:%d" % port, "--count", str(records), "--stats"])
+    send("127.0.0.1:%d" % port, records, 27, 20000, damage)
+    check(listener.wait() == 0, "the listener's exit status")
+    lines = listener.stdout()
+    original = os.path.join(WORK, "sent.pcap")
+    synth_capture(original, records, 27, "ipv4", port, 20000, damage)
+    check(decode("--stats", "--udp-port", str(port), original) == lines,
+          "the listener's lines differ from those of the capture of the same records")
+    missing = {}
+    reorders = {}
+    for line in lines.decode().splitlines():
+        m = re.match(r">>possibly missing packets: module=0x([0-9a-f]+),.*: diff=(\d+),", line)
+        if m:
+            missing[int(m.group(1), 16)] = missing.get(int(m.group(1), 16), 0) + int(m.group(2))
+        m = re.match(r">>out of order packets: module=0x([0-9a-f]+),", line)
+        if m:
+            reorders[int(m.group(1), 16)] = reorders.get(int(m.group(1), 16), 0) + 1
+    check(sum(missing.values()) > 20 and sum(reorders.values()) > 5,
+          "few gaps (%s) or reorders (%s)" % (missing, reorders))
+    found = summaries(listener.stderr())
+    if check(found, "no summary: " + listener.stderr()):
+        figures, modules = found[-1]
+        check(figures == [port, records, 0, 0, 0, 0, records], "summary %s" % figures)
+        check(sum(c[1] for c in modules.values()) == sum(missing.values()) and
+              sum(c[2] for c in modules.values()) == sum(reorders.values()),
+              "summary %s; lines: missing %s, reordered %s" % (modules, missing, reorders))
+
+
+def case_kernel_drops():
+    """Datagrams that a full receive buffer cannot take are counted as
+    dropped by the kernel: with the listener stopped, a tiny buffer keeps a
+    few of 3000 datagrams and drops the rest."""
+    port = free_port(socket.AF_INET)
+    listener = start_listener("listen", port, [
+        "--listen", "127.0.0.1:%d" % port, "--line-buffered", "--buffer-size", "4096"])
+    listener.process.send_signal(signal.SIGSTOP)
+    send("127.0.0.1:%d" % port, 3000, 26, 0)
+    listener.process.send_signal(signal.SIGCONT)
+    # Until what the buffer held is decoded: the output no longer grows.
+    seen = (-1, 0.0)
+    deadline = time.monotonic() + 20
+    while time.monotonic() < deadline:
+        size = len(listener.stdout())
+        if size != seen[0]:
+            seen = (size, time.monotonic())
+        elif size > 0 and time.monotonic() - seen[1] > 0.3:
+            break
+        time.sleep(0.02)
+    listener.process.send_signal(signal.SIGINT)
+    check(listener.wait() == 0, "the listener's exit status after SIGINT")
+    found = summaries(listener.stderr())
+    if check(found, "no summary: " + listener.stderr()):
+        _, received, malformed, _, _, dropped, records = found[-1][0]
+        check(received + dropped == 3000 and dropped > 0 and malformed == 0 and
+              records == received, "summary %s" % found[-1][0])
+        check(listener.stdout().count(b"\n") == records,
+              "%d lines for %d records" % (listener.stdout().count(b"\n"), records))
 
 
 def case_malformed():
