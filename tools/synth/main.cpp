@@ -45,8 +45,8 @@ void printUsage(FILE* to) {
     fprintf(to,
             "Usage: %s --dict DIR --output FILE --records N [options]   (random mode)\n"
             "       %s [--dict DIR] --output FILE --script FILE [options] (scripted mode)\n"
-            "       %s --send HOST:PORT (--dict DIR --records N | [--dict DIR] --script FILE\n"
-            "                    | --from CAPTURE) [options]             (sending)\n"
+            "       %s --send HOST:PORT [--dict DIR] (--records N | --script FILE |\n"
+            "                    --from CAPTURE) [options]                         (sending)\n"
             "Write a binary log capture (pcap, plain or gzip) for a dictionary directory,\n"
             "or send its records live, one UDP datagram per record.\n"
             "\n"
