@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include <arpa/inet.h>
 #include <getopt.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "../common/CliMessage.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
@@ -32,6 +34,7 @@ void printUsage(FILE* to) {
     fprintf(to,
             "Usage: %s [options] -d DICTIONARY_DIR CAPTURE...\n"
             "   or: %s [options] DICTIONARY_DIR CAPTURE...\n"
+            "   or: %s [options] --listen [ADDRESS:]PORT [-d] DICTIONARY_DIR\n"
             "Decode binary log captures into one text line per record, or into JSON or\n"
             "CSV records.\n"
             "\n"
@@ -100,6 +103,51 @@ void printUsage(FILE* to) {
             "      --inflater NAME      gzip inflater: auto (default: the fastest built in,\n"
             "                           see --version) or zlib\n"
             "\n"
+            "Live decoding:\n"
+            "  -f, --follow             decode one capture file (plain or gzip) as it\n"
+            "                           grows, as tail -F does: a file that shrinks or is\n"
+            "                           replaced is said so and read again from its start;\n"
+            "                           ends on SIGINT or SIGTERM (status 0)\n"
+            "  -l, --listen [ADDRESS:]PORT\n"
+            "                           receive the records as UDP datagrams (each one\n"
+            "                           record: sender's record header, binary log header,\n"
+            "                           payload) on PORT of ADDRESS (127.0.0.1, [::1]...;\n"
+            "                           default: every IPv6 and IPv4 address) and decode\n"
+            "                           them as they come, named \"udp:PORT\"; no capture\n"
+            "                           operands; ends on SIGINT or SIGTERM (status 0) or\n"
+            "                           after --count records\n"
+            "  -w, --write FILE         with --listen: also write every datagram decoded\n"
+            "                           to the pcap capture FILE (gzip when it ends in\n"
+            "                           .gz), Ethernet-framed with the sender's addresses\n"
+            "                           and the listening port as UDP destination port;\n"
+            "                           malformed datagrams are not written\n"
+            "      --rotate-size MB     with -w: start a new file once one holds about MB\n"
+            "                           megabytes (10^6 bytes, decimals allowed)\n"
+            "      --rotate-seconds N   with -w: start a new file every N seconds (at the\n"
+            "                           first datagram after that)\n"
+            "                           With rotation the files are numbered from 1:\n"
+            "                           live.pcap.gz is written as live-000001.pcap.gz,\n"
+            "                           live-000002.pcap.gz...\n"
+            "      --buffer-size BYTES  the socket's receive buffer (SO_RCVBUFFORCE where\n"
+            "                           permitted, else SO_RCVBUF; default: 16 MiB as far\n"
+            "                           as net.core.rmem_max allows; --verbose tells what\n"
+            "                           the kernel granted)\n"
+            "      --line-buffered      write every line as soon as it is decoded (the\n"
+            "                           default when the output is a terminal or a pipe;\n"
+            "                           files are otherwise written in large blocks)\n"
+            "\n"
+            "When listening, records are numbered by datagram and --stats prints the\n"
+            "gaps and reorders as they come and the statistics at the end. A summary\n"
+            "goes to standard error at the end and on SIGUSR1: 'binlog-decode: udp:PORT:\n"
+            "N datagrams received, N malformed (N too short, N too long), N dropped by\n"
+            "the kernel, N records' (records printed), then per module, by name,\n"
+            "'binlog-decode: udp:PORT: module NAME: N records, N missing, N reordered'\n"
+            "(NAME as SUBSYSTEM:module, 0xKEY when none is known, (syslog) and\n"
+            "(capture) for those kinds). A datagram too short or too long is reported\n"
+            "once, then at most once a second with a count. While nothing arrives,\n"
+            "the -w capture is flushed (gzip: at most once a second), so that it can be\n"
+            "followed.\n"
+            "\n"
             "Messages:\n"
             "  -v, --verbose            show every repeated diagnostic (default: the first\n"
             "                           10 of a kind per capture, then a count)\n"
@@ -111,7 +159,8 @@ void printUsage(FILE* to) {
             "\n"
             "Diagnostics name the capture and the record: 'binlog-decode: a.pcap.gz:\n"
             "record 12: log id 0x2010009 not valid'. SIGINT or SIGTERM ends the line\n"
-            "being written, prints the statistics so far and exits with status 130.\n"
+            "being written, prints the statistics so far and exits with status 130\n"
+            "(with --listen or --follow: status 0).\n"
             "\n"
             "Exit status: 0 when every capture was read; 1 when the dictionaries did\n"
             "not load, a capture could not be opened or read or is not a log capture\n"
@@ -122,7 +171,7 @@ void printUsage(FILE* to) {
             "output is one of the captures; 130 after SIGINT or SIGTERM. Other\n"
             "problems inside a capture (an unknown log id, a version mismatch) are\n"
             "reported on standard error and do not change the exit status.\n",
-            program(), program());
+            program(), program(), program());
 }
 
 void printTryHelp() {
@@ -168,7 +217,68 @@ enum LongOnly {
     kProgress,
     kNoProgress,
     kInflater,
+    kLineBuffered,
+    kRotateSize,
+    kRotateSeconds,
+    kBufferSize,
 };
+
+/// Parses "PORT", "ADDRESS:PORT" or "[IPV6-ADDRESS]:PORT" (numeric
+/// addresses only); false with `error` set when it is none of them.
+bool parseListen(const std::string& text, Options& options, std::string& error) {
+    std::string address;
+    std::string port = text;
+    if (!text.empty() && text[0] == '[') {
+        const std::size_t close = text.find(']');
+        if (close == std::string::npos || close + 1 >= text.size() || text[close + 1] != ':') {
+            error = "expected [IPV6-ADDRESS]:PORT";
+            return false;
+        }
+        address = text.substr(1, close - 1);
+        port = text.substr(close + 2);
+        unsigned char bytes[16];
+        if (inet_pton(AF_INET6, address.c_str(), bytes) != 1) {
+            error = "'" + address + "' is not an IPv6 address";
+            return false;
+        }
+    } else if (text.find(':') != std::string::npos) {
+        const std::size_t colon = text.rfind(':');
+        address = text.substr(0, colon);
+        port = text.substr(colon + 1);
+        unsigned char bytes[4];
+        if (address.find(':') != std::string::npos) {
+            error = "write an IPv6 address in brackets: [ADDRESS]:PORT";
+            return false;
+        }
+        if (inet_pton(AF_INET, address.c_str(), bytes) != 1) {
+            error = "'" + address + "' is not an IPv4 address";
+            return false;
+        }
+    }
+    long number = 0;
+    if (!parseNumber(port.c_str(), 1, 65535, number)) {
+        error = "invalid port '" + port + "' (expected 1-65535)";
+        return false;
+    }
+    options.listenAddress = address;
+    options.listenPort = static_cast<std::uint16_t>(number);
+    return true;
+}
+
+/// A positive number of megabytes (decimals allowed) in bytes.
+bool parseMegabytes(const char* text, std::uint64_t& bytes) {
+    if (text == nullptr || *text == '\0' || strspn(text, "0123456789.") != strlen(text)) {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const double value = strtod(text, &end);
+    if (errno != 0 || *end != '\0' || !(value > 0) || value > 1e12) {
+        return false;
+    }
+    bytes = static_cast<std::uint64_t>(value * 1e6);
+    return bytes != 0;
+}
 
 }  // namespace
 
@@ -199,13 +309,21 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         {"inflater", required_argument, nullptr, kInflater},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
+        {"follow", no_argument, nullptr, 'f'},
+        {"listen", required_argument, nullptr, 'l'},
+        {"write", required_argument, nullptr, 'w'},
+        {"rotate-size", required_argument, nullptr, kRotateSize},
+        {"rotate-seconds", required_argument, nullptr, kRotateSeconds},
+        {"buffer-size", required_argument, nullptr, kBufferSize},
+        {"line-buffered", no_argument, nullptr, kLineBuffered},
         {nullptr, 0, nullptr, 0},
     };
     // getopt_long names the program by argv[0] in its messages; name it as
     // our own messages do, whatever path it was started by.
     argv[0] = const_cast<char*>(program());
     int option;
-    while ((option = getopt_long(argc, argv, "d:sp:m:u:o:T:HY:c:j:vhV", kOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, "d:sp:m:u:o:T:HY:c:j:vhVfl:w:", kOptions, nullptr)) !=
+           -1) {
         switch (option) {
             case 'd':
                 options.dictionary = optarg;
@@ -330,6 +448,53 @@ int parseCommandLine(int argc, char** argv, Options& options) {
                     return kExitUsage;
                 }
                 break;
+            case 'f':
+                options.follow = true;
+                break;
+            case 'l': {
+                std::string error;
+                if (!parseListen(optarg, options, error)) {
+                    message("invalid --listen '%s': %s", optarg, error.c_str());
+                    return kExitUsage;
+                }
+                options.listen = true;
+                break;
+            }
+            case 'w':
+                if (*optarg == '\0') {
+                    message("invalid --write '': expected a file name");
+                    return kExitUsage;
+                }
+                options.writePath = optarg;
+                break;
+            case kRotateSize:
+                if (!parseMegabytes(optarg, options.rotateBytes)) {
+                    message("invalid --rotate-size '%s' (expected megabytes, e.g. 100 or 0.5)",
+                            optarg);
+                    return kExitUsage;
+                }
+                break;
+            case kRotateSeconds: {
+                long seconds = 0;
+                if (!parseNumber(optarg, 1, LONG_MAX, seconds)) {
+                    message("invalid --rotate-seconds '%s' (expected a positive number)", optarg);
+                    return kExitUsage;
+                }
+                options.rotateSeconds = static_cast<std::uint64_t>(seconds);
+                break;
+            }
+            case kBufferSize: {
+                long bytes = 0;
+                if (!parseNumber(optarg, 1, INT_MAX, bytes)) {
+                    message("invalid --buffer-size '%s' (expected 1-%d bytes)", optarg, INT_MAX);
+                    return kExitUsage;
+                }
+                options.bufferSize = static_cast<std::uint64_t>(bytes);
+                break;
+            }
+            case kLineBuffered:
+                options.lineBuffered = true;
+                break;
             case 'h':
                 printUsage(stdout);
                 return kExitOk;
@@ -343,6 +508,44 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         }
     }
     int first = optind;
+    // Combinations that mean nothing.
+    auto usage = [](const char* text) {
+        message("%s", text);
+        printTryHelp();
+        return kExitUsage;
+    };
+    if (options.writePath != nullptr && !options.listen) {
+        return usage("-w (--write) writes what --listen receives: it needs --listen");
+    }
+    if ((options.rotateBytes != 0 || options.rotateSeconds != 0) && options.writePath == nullptr) {
+        return usage("--rotate-size and --rotate-seconds rotate the capture of -w: they need -w");
+    }
+    if (options.bufferSize != 0 && !options.listen) {
+        return usage("--buffer-size sets the receive buffer of --listen: it needs --listen");
+    }
+    if (options.listen && (options.follow || options.merge)) {
+        return usage(options.follow ? "--follow reads captures: not with --listen"
+                                    : "--merge reads captures: not with --listen");
+    }
+    if (options.follow && options.merge) {
+        return usage("--follow and --merge cannot be combined");
+    }
+    if (options.listen) {
+        // The only operand is the dictionary, when --dict is not given.
+        if (options.dictionary == nullptr) {
+            if (argc - first < 1) {
+                return usage("expected a dictionary directory");
+            }
+            options.dictionary = argv[first++];
+        }
+        if (argc - first > 0) {
+            message("--listen receives its records over UDP: no capture operands ('%s')",
+                    argv[first]);
+            printTryHelp();
+            return kExitUsage;
+        }
+        return -1;
+    }
     if (options.dictionary == nullptr) {
         // The older form: the dictionary is the first operand.
         if (argc - first < 2) {
@@ -367,6 +570,12 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         message("--merge reads its captures side by side: standard input cannot be one");
         printTryHelp();
         return kExitUsage;
+    }
+    if (options.follow && std::count(options.captures.begin(), options.captures.end(), "-") > 0) {
+        return usage("--follow reads files as they grow: standard input cannot be one");
+    }
+    if (options.follow && options.captures.size() != 1) {
+        return usage("--follow follows one capture file");
     }
     return -1;
 }

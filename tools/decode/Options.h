@@ -44,6 +44,26 @@ struct Options {
     unsigned jobs = 0;
     /// Inflate gzip with zlib only, not the fastest inflater built in.
     bool zlibOnly = false;
+
+    /// Every line goes out as soon as it is decoded (--line-buffered, or
+    /// standard output a terminal or a pipe).
+    bool lineBuffered = false;
+    /// --follow: decode captures as they grow.
+    bool follow = false;
+
+    /// --listen [ADDRESS:]PORT: receive the records over UDP.
+    bool listen = false;
+    /// The address to bind, empty for every address (IPv6 and IPv4), and
+    /// the port.
+    std::string listenAddress;
+    std::uint16_t listenPort = 0;
+    /// -w: the capture written of what is received (null: none), and when
+    /// a new numbered file is started (0: never).
+    const char* writePath = nullptr;
+    std::uint64_t rotateBytes = 0;
+    std::uint64_t rotateSeconds = 0;
+    /// --buffer-size: the socket's receive buffer (0: the system's default).
+    std::uint64_t bufferSize = 0;
 };
 
 /// Reads the command line into `options`. Returns -1 to go on, or the exit

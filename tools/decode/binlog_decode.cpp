@@ -13,10 +13,12 @@
 // table from one capture to the next, as one reader's readBinaryFiledata
 // calls do, so the text lines are the ones readBinaryFiledata prints.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +39,7 @@
 #include "BinaryLogXmlReader.h"
 #include "CaptureInputs.h"
 #include "Diagnostics.h"
+#include "Listen.h"
 #include "Options.h"
 #include "Output.h"
 #include "Progress.h"
@@ -70,6 +73,8 @@ constexpr int kExitInterrupted = 130;
 
 /// Set by SIGINT and SIGTERM; the streams being read are asked to stop.
 std::atomic<bool> interrupted{false};
+/// Set by SIGUSR1 while listening: the summary is printed.
+std::atomic<bool> summaryAsked{false};
 constexpr int kMaxActive = 1024;
 std::atomic<Tav::CaptureStream*> active[kMaxActive];
 
@@ -91,6 +96,49 @@ void installSignalHandlers() {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
+
+void onSummarySignal(int) {
+    summaryAsked.store(true);
+}
+
+void installSummarySignal() {
+    struct sigaction action;
+    std::memset(&action, 0, sizeof action);
+    action.sa_handler = onSummarySignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGUSR1, &action, nullptr);
+}
+
+/// How long a followed capture that has nothing new is left alone.
+constexpr long kFollowPollNs = 150 * 1000 * 1000;
+/// The longest wait on a descriptor before the signals are looked at again.
+constexpr int kDescriptorWaitMs = 200;
+
+/// Puts a descriptor in non-blocking mode for as long as it exists, so that
+/// a capture read from a pipe is decoded up to what arrived and the lines
+/// go out before the program waits for more.
+class NonBlocking {
+  public:
+    explicit NonBlocking(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
+        if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0 &&
+            fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK) == 0) {
+            set_ = true;
+        }
+    }
+    ~NonBlocking() {
+        if (set_) {
+            fcntl(fd_, F_SETFL, flags_);
+        }
+    }
+    NonBlocking(const NonBlocking&) = delete;
+    NonBlocking& operator=(const NonBlocking&) = delete;
+
+  private:
+    int fd_;
+    int flags_;
+    bool set_ = false;
+};
 
 /// Registers a stream with the signal handler for as long as it exists.
 class Active {
@@ -332,20 +380,31 @@ class Run {
             return;
         }
         if (input.regular) {
-            struct stat info;
-            const std::uint64_t size =
-                stat(input.name.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-            Tav::StreamOptions options = streamOptions(false);
-            // Inflating goes on in a thread of its own beside the decoding.
-            options.inflateThread = true;
-            if (parallel()) {
-                // The workers make the texts and values.
-                options.texts = filter_ != nullptr && filter_->usesValues();
-                options.values = false;
+            // Followed, a capture that is truncated or replaced is read
+            // again from its start.
+            for (;;) {
+                struct stat info;
+                std::memset(&info, 0, sizeof info);
+                const std::uint64_t size = stat(input.name.c_str(), &info) == 0
+                                               ? static_cast<std::uint64_t>(info.st_size)
+                                               : 0;
+                Tav::StreamOptions options = streamOptions(false);
+                options.follow = options_.follow;
+                const bool workers = parallel() && !options_.follow;
+                // Inflating goes on in a thread of its own beside the
+                // decoding (a followed file is read as it grows).
+                options.inflateThread = !options_.follow;
+                if (workers) {
+                    // The workers make the texts and values.
+                    options.texts = filter_ != nullptr && filter_->usesValues();
+                    options.values = false;
+                }
+                Tav::CaptureStream stream(reader_, input.name, options);
+                if (!decodeStream(stream, input.name, size, options_.follow ? &info : nullptr,
+                                  workers)) {
+                    return;
+                }
             }
-            Tav::CaptureStream stream(reader_, input.name, options);
-            decodeStream(stream, input.name, size, parallel());
-            return;
         }
         // A pipe or a device gives its bytes once: they are decoded as they
         // arrive.
@@ -358,13 +417,63 @@ class Run {
     }
 
     void decodeDescriptor(int fd, bool own, const std::string& name, std::uint64_t size) {
+        // Lines that must go out at once: a pipe is read without blocking,
+        // to write what was decoded before waiting for more.
+        struct stat info;
+        std::unique_ptr<NonBlocking> nonBlocking;
+        if (options_.lineBuffered && fstat(fd, &info) == 0 &&
+            (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode))) {
+            nonBlocking = std::make_unique<NonBlocking>(fd);
+        }
         Tav::CaptureStream stream(reader_, name, fd, own, streamOptions(false));
-        decodeStream(stream, name, size);
+        waitFd_ = fd;
+        decodeStream(stream, name, size, nullptr);
+        waitFd_ = -1;
+    }
+
+    /// Waits for more of a capture that is not there yet: a followed file
+    /// is looked at again after a while, a descriptor when it has bytes.
+    /// Everything decoded goes out first.
+    void waitForMore() {
+        if (options_.lineBuffered) {
+            out_.flush();
+        }
+        if (waitFd_ >= 0) {
+            struct pollfd wait = {waitFd_, POLLIN, 0};
+            poll(&wait, 1, kDescriptorWaitMs);
+            return;
+        }
+        struct timespec pause = {0, kFollowPollNs};
+        nanosleep(&pause, nullptr);
+    }
+
+    /// A followed capture that is no longer the file that was opened, or
+    /// shorter than what was read of it: says so and returns true.
+    bool changed(Tav::CaptureStream& stream, const std::string& name, const struct stat& opened) {
+        struct stat now;
+        if (stat(name.c_str(), &now) != 0) {
+            return false;  // gone for now: it may come back
+        }
+        const char* what = nullptr;
+        if (now.st_ino != opened.st_ino || now.st_dev != opened.st_dev) {
+            what = "file replaced";
+        } else if (static_cast<std::uint64_t>(now.st_size) < stream.inputBytesRead()) {
+            what = "file truncated";
+        }
+        if (what == nullptr) {
+            return false;
+        }
+        out_.flush();
+        progress_.erase();
+        message("%s: %s", name.c_str(), what);
+        return true;
     }
 
     /// Says why a capture that did not open is not decoded.
-    void reportUnopened(Tav::CaptureStream& stream, const std::string& name) {
-        while (stream.next()) {
+    /// `current`: next() already moved to the first event.
+    void reportUnopened(Tav::CaptureStream& stream, const std::string& name, bool current = false) {
+        while (current || stream.next()) {
+            current = false;
             const Tav::Event* event = stream.event();
             if (event == nullptr) {
                 continue;
@@ -493,17 +602,29 @@ class Run {
         diagnostics_.endCapture();
     }
 
-    void decodeStream(Tav::CaptureStream& stream, const std::string& name, std::uint64_t size,
-                      bool inParallel = false) {
+    /// Decodes one capture. `followed`: the file's identity when it was
+    /// opened, for a capture that is followed; returns true when it was
+    /// truncated or replaced and has to be read again. `inParallel`: the
+    /// records are rendered by the worker threads.
+    bool decodeStream(Tav::CaptureStream& stream, const std::string& name, std::uint64_t size,
+                      const struct stat* followed, bool inParallel = false) {
         Active registered(stream);
         diagnostics_.startCapture(name);
         progress_.startCapture(name, size);
-        if (!stream.open()) {
-            reportUnopened(stream, name);
-            return;
+        // A followed capture or a pipe may not have its header yet: next()
+        // then waits for it, else it hands out why the capture did not open.
+        while (!stream.open()) {
+            if (done() || stream.next() || !stream.waiting()) {
+                reportUnopened(stream, name, stream.event() != nullptr);
+                return false;
+            }
+            if (followed != nullptr && changed(stream, name, *followed)) {
+                return !done();
+            }
+            waitForMore();
         }
         if (needsPort(stream, name)) {
-            return;
+            return false;
         }
         summarySeen_ = false;
         if (inParallel) {
@@ -517,12 +638,21 @@ class Run {
                     stream.requestStop();
                 }
             }
-        } else {
+        }
+        while (!inParallel) {
             while (stream.next()) {
                 if (!handle(stream, writer_)) {
                     stream.requestStop();
                 }
             }
+            if (!stream.waiting() || done()) {
+                break;
+            }
+            if (followed != nullptr && changed(stream, name, *followed)) {
+                diagnostics_.endCapture();
+                return true;
+            }
+            waitForMore();
         }
         // (A read that a signal interrupts ends the capture, summary
         // included.)
@@ -533,6 +663,7 @@ class Run {
             out_.write(statistics);
         }
         closeCapture(stream);
+        return false;
     }
 
     const Tav::BinaryLogXmlReader& reader_;
@@ -550,6 +681,8 @@ class Run {
     std::uint64_t records_ = 0;
     /// Whether the capture being decoded gave its statistics summary.
     bool summarySeen_ = false;
+    /// The descriptor a capture is read from, while one is (-1: a file).
+    int waitFd_ = -1;
 };
 
 void Run::merge(const std::vector<CaptureInput>& inputs) {
@@ -716,6 +849,26 @@ int run(int argc, char** argv, std::string& activity) {
 
     activity = "listing the captures";
     const std::vector<CaptureInput> inputs = wexbl_decode::expandOperands(options.captures);
+    if (options.follow && !(inputs.size() == 1 && inputs[0].kind == CaptureInput::kCapture &&
+                            (inputs[0].regular || inputs[0].statError != 0))) {
+        message("--follow follows one capture file: '%s' is none", options.captures[0].c_str());
+        return kExitUsage;
+    }
+    if (options.writePath != nullptr) {
+        struct stat written;
+        struct stat output;
+        const bool toStdoutHere =
+            options.outputPath == nullptr || strcmp(options.outputPath, "-") == 0;
+        if (stat(options.writePath, &written) == 0 &&
+            ((toStdoutHere && fstat(STDOUT_FILENO, &output) == 0) ||
+             (!toStdoutHere && stat(options.outputPath, &output) == 0)) &&
+            written.st_dev == output.st_dev && written.st_ino == output.st_ino &&
+            S_ISREG(written.st_mode)) {
+            message("the capture '%s' of -w is the output: refusing to write both into it",
+                    options.writePath);
+            return kExitUsage;
+        }
+    }
     const bool toStdout = options.outputPath == nullptr || strcmp(options.outputPath, "-") == 0;
     // Opening the output truncates it, and writing a capture while it is
     // read garbles it: never when the output is one of the captures.
@@ -760,6 +913,13 @@ int run(int argc, char** argv, std::string& activity) {
         out = outputFile.get();
     }
 
+    // Lines go out as they are decoded to a terminal or a pipe, where
+    // someone (or a program) is waiting for them.
+    struct stat outInfo;
+    if (isatty(fileno(out)) || (fstat(fileno(out), &outInfo) == 0 &&
+                                (S_ISFIFO(outInfo.st_mode) || S_ISSOCK(outInfo.st_mode)))) {
+        options.lineBuffered = true;
+    }
     const bool colour =
         options.format == Format::Text &&
         (options.color == When::Always ||
@@ -783,7 +943,13 @@ int run(int argc, char** argv, std::string& activity) {
     installSignalHandlers();
 
     writer.start();
-    if (options.merge) {
+    int listenStatus = kExitOk;
+    if (options.listen) {
+        installSummarySignal();
+        activity = "listening";
+        listenStatus = wexbl_decode::listen(reader, options, filter.get(), output, writer,
+                                            diagnostics, {interrupted, summaryAsked});
+    } else if (options.merge) {
         decoder.merge(inputs);
     } else {
         for (const CaptureInput& input : inputs) {
@@ -803,7 +969,11 @@ int run(int argc, char** argv, std::string& activity) {
         message("error closing '%s': %s", options.outputPath, strerror(errno));
         return kExitFailure;
     }
-    if (interrupted.load()) {
+    if (options.listen) {
+        return listenStatus;
+    }
+    // Following ends on a signal only: that is its normal end.
+    if (interrupted.load() && !options.follow) {
         return kExitInterrupted;
     }
     return decoder.status();
