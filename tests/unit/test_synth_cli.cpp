@@ -561,8 +561,6 @@ TEST_F(SynthCli, UdpPortMakesALinkType150ScriptEthernet) {
     EXPECT_EQ(decodedLines(path("b.pcap"), 7000), 1u);
 }
 
-#endif
-
 TEST_F(SynthCli, FormatByteOrderAndFramingOptions) {
     dir_.writeFile("one.synth", "binlog OAM:sys Boot count=3\n");
     Result r = run({"--dict", dict_, "-o", path("a.pcapng"), "--script", path("one.synth"),
@@ -599,5 +597,7 @@ TEST_F(SynthCli, FormatByteOrderAndFramingOptions) {
     bytes = wexbl_test::readFile(path("d.pcap"));
     EXPECT_EQ(binlog_synth::toHex(bytes.substr(0, 2)), "1f8b");  // gzip, whatever the name
 }
+
+#endif
 
 }  // namespace
