@@ -8,20 +8,21 @@
 //       out); } if (const Tav::Event* event = stream.event()) { ... }
 //   }
 //
-// The capture stream reads the capture in the calling thread: it checks every
-// record, keeps the statistics and applies the filter, in record order, so its
-// events (gaps, reorders, unknown log ids, damage, the summary) are exactly
-// those of a serial run. The records it keeps are cut into batches; worker
-// threads decode them again with their texts and values and hand each one to
+// The capture stream reads the capture in the calling thread and decides in
+// record order what the record headers decide: the statistics (gaps,
+// reorders), unknown log ids, version and level checks, damage, the summary.
+// The records that pass are cut into batches; worker threads decode their
+// payloads with texts and values, apply the stream's filter, report what the
+// payloads hold (display formats not found, ...) and hand each record kept to
 // `render`, which appends what the program prints for it; next() then hands
 // out the events and the renderings in capture order. So a program that
 // prints the renderings and the events in the order next() gives prints
 // byte for byte what it prints from the capture stream alone.
 //
-// Open the capture stream with texts and values off (the workers make them)
-// and without following; the stream must outlive this object and is not
-// used otherwise while it is. Memory stays bounded: at most 2 x jobs + 1
-// batches of at most 1024 records or 512 KiB of records are under way.
+// The capture stream (not following a file) must outlive this object and is
+// not used otherwise while it is; its texts and values settings play no part.
+// Memory stays bounded: at most 2 x jobs + 1 batches of at most 1024 records
+// or 512 KiB of records are under way.
 #ifndef WEX_OAM_BINLOG_PARALLEL_STREAM_H
 #define WEX_OAM_BINLOG_PARALLEL_STREAM_H
 

@@ -152,6 +152,15 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     record_.seconds = pcap.tsSec + 60u * static_cast<std::uint32_t>(settings.utcOffsetMinutes);
     record_.microseconds = pcap.tsUsec;
 
+    if (settings.headerOnly && (header.packetType == Syslog || header.packetType == PcapCapture)) {
+        // A syslog record long enough for its tag shows its level: the
+        // table grows as when it is decoded.
+        if (header.packetType == Syslog && pcap.storageLength >= kSyslogHeaderBytes) {
+            levels_->get(header.logLevel);
+        }
+        produced_ = true;
+        return 0;
+    }
     if (header.packetType == Syslog) {
         return decodeSyslog(payload);
     }
@@ -199,6 +208,11 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
         eventText_.append(plan->name.data(), plan->name.size());
         eventText_ += "] \n";
         emit(event, eventText_);
+        return 0;
+    }
+    if (settings.headerOnly && (header.packetType == Legacy || header.packetType == BinLog)) {
+        levels_->get(header.logLevel);
+        produced_ = true;
         return 0;
     }
     if (header.packetType == Legacy) {

@@ -33,6 +33,10 @@ class EventSink {
     virtual void emit(const Event& event) = 0;
 };
 
+/// The bytes a syslog record holds before its message: its binary log
+/// header and its tag.
+constexpr std::uint32_t kSyslogHeaderBytes = 32;
+
 /// Per call settings of the decoder.
 struct DecodeSettings {
     int utcOffsetMinutes = 0;
@@ -49,6 +53,13 @@ struct DecodeSettings {
     /// level table as it stood then: a second decoding (in another thread,
     /// with a table of its own) does not check again.
     bool levelChecked = false;
+    /// Stop after what the record's header decides, in record order: the
+    /// statistics, the log id, version and level checks and the level
+    /// table's growth. A record that passes is produced without texts or
+    /// values, for a second decoding elsewhere (with levelChecked) that
+    /// decodes the payload, applies the filter and reports what the payload
+    /// holds.
+    bool headerOnly = false;
 };
 
 /// Where a record comes from.

@@ -14,7 +14,7 @@ namespace Tav {
 namespace detail {
 
 int RecordDecoder::decodeSyslog(const ByteReader& payload) {
-    constexpr std::uint32_t kHeaderBytes = 32;  // BinLogHeader and tag
+    constexpr std::uint32_t kHeaderBytes = kSyslogHeaderBytes;
     const std::uint32_t storageLength = pcap_.storageLength;
     if (storageLength < kHeaderBytes) {
         Event event;

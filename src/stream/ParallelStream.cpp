@@ -34,6 +34,10 @@ struct Batch {
         std::uint64_t offset = 0;
         std::size_t renderedOffset = 0;
         std::size_t renderedSize = 0;
+        bool produced = false;
+        // What its decoding reported, in `events` from `firstEvent`.
+        std::size_t firstEvent = 0;
+        std::size_t eventCount = 0;
         // Events: the event, its texts in `texts`.
         Event event;
         std::size_t textOffset = 0;
@@ -43,8 +47,17 @@ struct Batch {
         std::size_t payloadTextOffset = 0;
     };
 
+    /// An event a worker reported while decoding a record's payload.
+    struct Reported {
+        Event event;
+        std::size_t textOffset = 0;
+        std::size_t nameOffset = 0;
+    };
+
     void clear() {
         items.clear();
+        events.clear();
+        eventTexts.clear();
         payloads.clear();
         texts.clear();
         rendered.clear();
@@ -55,6 +68,8 @@ struct Batch {
     bool full() const { return records >= kBatchRecords || payloads.size() >= kBatchBytes; }
 
     std::vector<Item> items;
+    std::vector<Reported> events;
+    std::string eventTexts;
     std::string payloads;
     std::string texts;
     std::string rendered;
@@ -63,13 +78,24 @@ struct Batch {
     std::exception_ptr error;
 };
 
-/// A worker's own decoding state: the level table is a copy, and what the
-/// second decoding reports is dropped (the reading thread reported it).
+/// A worker's own decoding state: the level table is a copy; what the
+/// decoding of a payload reports goes into the batch, to be handed out
+/// before its record.
 struct WorkerDecoder : detail::EventSink {
     explicit WorkerDecoder(const std::map<std::uint16_t, std::string>& names)
         : levelNames(names), levels(levelNames), decoder(levels, stats, *this) {}
-    void emit(const Event&) override {}
+    void emit(const Event& event) override {
+        Batch::Reported reported;
+        reported.event = event;
+        reported.textOffset = batch->eventTexts.size();
+        batch->eventTexts.append(event.text);
+        reported.nameOffset = batch->eventTexts.size();
+        batch->eventTexts.append(event.name);
+        // (The payload of an event is a view into the batch's payloads.)
+        batch->events.push_back(reported);
+    }
 
+    Batch* batch = nullptr;
     std::map<std::uint16_t, std::string> levelNames;
     detail::LevelTable levels;
     BinaryLogStatsCollector stats;
@@ -82,15 +108,22 @@ struct ParallelStream::Impl {
     Impl(CaptureStream& captureStream, unsigned jobs, Render renderer)
         : stream(captureStream),
           core(*captureStream.impl_),
+          saved(core.settings),
           render(std::move(renderer)),
           limit(2 * static_cast<std::size_t>(jobs) + 1) {
+        // The capture stream decides in record order what the headers
+        // decide; the workers decode the payloads, filter and report.
         core.keepInputs = true;
         settings = core.settings;
         settings.texts = true;
         settings.fields = true;
         settings.stats = false;
-        settings.filter = nullptr;
         settings.levelChecked = true;
+        settings.filter = core.options.filter;
+        core.settings.headerOnly = true;
+        core.settings.texts = false;
+        core.settings.fields = false;
+        core.settings.filter = nullptr;
         // Copied here, before any thread starts: the reading thread's table
         // grows while the workers run.
         const std::map<std::uint16_t, std::string> names = core.session.levelNames;
@@ -109,6 +142,7 @@ struct ParallelStream::Impl {
             worker.join();
         }
         core.keepInputs = false;
+        core.settings = saved;
     }
 
     void work(const std::map<std::uint16_t, std::string>& names) {
@@ -139,6 +173,7 @@ struct ParallelStream::Impl {
 
     void renderBatch(WorkerDecoder& state, Batch& batch) {
         const auto* payloads = reinterpret_cast<const unsigned char*>(batch.payloads.data());
+        state.batch = &batch;
         for (Batch::Item& item : batch.items) {
             if (!item.isRecord) {
                 continue;
@@ -147,15 +182,19 @@ struct ParallelStream::Impl {
             origin.capture = core.name;
             origin.number = item.number;
             origin.offset = item.offset;
+            item.firstEvent = batch.events.size();
             state.decoder.decode(core.plans, settings, item.pcap, item.header,
                                  ByteReader(payloads + item.payloadOffset, item.payloadSize),
                                  item.statsLength, origin);
+            item.eventCount = batch.events.size() - item.firstEvent;
             item.renderedOffset = batch.rendered.size();
-            if (state.decoder.produced()) {
+            item.produced = state.decoder.produced();
+            if (item.produced) {
                 render(state.decoder.record(), batch.rendered);
             }
             item.renderedSize = batch.rendered.size() - item.renderedOffset;
         }
+        state.batch = nullptr;
     }
 
     /// Reads the next item of the capture into `batch`; false at its end.
@@ -228,53 +267,91 @@ struct ParallelStream::Impl {
 
     bool next() {
         currentItem = nullptr;
+        recordNow = false;
         if (core.stop.load(std::memory_order_relaxed)) {
             return false;
         }
-        if (current != nullptr && ++at < current->items.size()) {
-            return take();
+        if (current != nullptr && deliver()) {
+            return true;
         }
         if (current != nullptr) {
             spare.push_back(std::move(window.front()));
             window.pop_front();
             current = nullptr;
         }
-        fill();
-        if (window.empty()) {
-            return false;
+        for (;;) {
+            fill();
+            if (window.empty()) {
+                return false;
+            }
+            Batch& batch = *window.front();
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                finished.wait(lock, [&batch] { return batch.done; });
+            }
+            if (batch.error) {
+                std::rethrow_exception(batch.error);
+            }
+            current = &batch;
+            at = 0;
+            sub = 0;
+            if (deliver()) {
+                return true;
+            }
+            // A batch of records the filter dropped, without events.
+            spare.push_back(std::move(window.front()));
+            window.pop_front();
+            current = nullptr;
         }
-        Batch& batch = *window.front();
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            finished.wait(lock, [&batch] { return batch.done; });
-        }
-        if (batch.error) {
-            std::rethrow_exception(batch.error);
-        }
-        current = &batch;
-        at = 0;
-        return take();
     }
 
-    bool take() {
-        const Batch::Item& item = current->items[at];
-        currentItem = &item;
-        if (item.isRecord) {
-            ++records;
-        } else {
-            currentEvent = item.event;
-            currentEvent.text =
-                std::string_view(current->texts.data() + item.textOffset, item.textSize);
-            currentEvent.name =
-                std::string_view(current->texts.data() + item.nameOffset, item.nameSize);
-            currentEvent.payload = std::string_view(current->texts.data() + item.payloadTextOffset,
-                                                    item.event.payload.size());
+    /// Hands out the next item of the current batch: an event of the
+    /// capture stream, or for a record the events its decoding reported and
+    /// then the record (unless the filter dropped it). False at the batch's
+    /// end.
+    bool deliver() {
+        while (at < current->items.size()) {
+            const Batch::Item& item = current->items[at];
+            if (!item.isRecord) {
+                currentItem = &item;
+                currentEvent = item.event;
+                currentEvent.text =
+                    std::string_view(current->texts.data() + item.textOffset, item.textSize);
+                currentEvent.name =
+                    std::string_view(current->texts.data() + item.nameOffset, item.nameSize);
+                currentEvent.payload = std::string_view(
+                    current->texts.data() + item.payloadTextOffset, item.event.payload.size());
+                ++at;
+                sub = 0;
+                return true;
+            }
+            if (sub < item.eventCount) {
+                const Batch::Reported& reported = current->events[item.firstEvent + sub];
+                currentItem = &item;
+                currentEvent = reported.event;
+                currentEvent.text = std::string_view(
+                    current->eventTexts.data() + reported.textOffset, reported.event.text.size());
+                currentEvent.name = std::string_view(
+                    current->eventTexts.data() + reported.nameOffset, reported.event.name.size());
+                ++sub;
+                return true;
+            }
+            if (sub == item.eventCount && item.produced) {
+                currentItem = &item;
+                recordNow = true;
+                ++records;
+                ++sub;
+                return true;
+            }
+            ++at;
+            sub = 0;
         }
-        return true;
+        return false;
     }
 
     CaptureStream& stream;
     CaptureStream::Impl& core;
+    const detail::DecodeSettings saved;  // the capture stream's own settings
     Render render;
     detail::DecodeSettings settings;
     const std::size_t limit;
@@ -291,8 +368,10 @@ struct ParallelStream::Impl {
     std::vector<std::unique_ptr<Batch>> spare;
     bool ended = false;
     Batch* current = nullptr;
-    std::size_t at = 0;
+    std::size_t at = 0;   // the item of the current batch handed out next
+    std::size_t sub = 0;  // of a record: its events handed out so far
     const Batch::Item* currentItem = nullptr;
+    bool recordNow = false;  // the current item is a record (not its event)
     Event currentEvent;
     std::uint64_t records = 0;
 };
@@ -307,7 +386,7 @@ bool ParallelStream::next() {
 }
 
 bool ParallelStream::isRecord() const {
-    return impl_->currentItem != nullptr && impl_->currentItem->isRecord;
+    return impl_->recordNow;
 }
 
 std::string_view ParallelStream::rendered() const {
@@ -320,8 +399,7 @@ std::string_view ParallelStream::rendered() const {
 }
 
 const Event* ParallelStream::event() const {
-    return impl_->currentItem != nullptr && !impl_->currentItem->isRecord ? &impl_->currentEvent
-                                                                          : nullptr;
+    return impl_->currentItem != nullptr && !impl_->recordNow ? &impl_->currentEvent : nullptr;
 }
 
 std::uint64_t ParallelStream::records() const {
