@@ -1,6 +1,7 @@
-// One capture decoded on several cores: the capture stream reads and checks
-// in the calling thread, workers decode the kept records again with their
-// texts and render them, and the items come out in capture order.
+// One capture decoded on several cores: the capture stream reads in the
+// calling thread and does what the record headers decide, workers decode the
+// payloads, filter, report and render, and the items come out in capture
+// order.
 #include "WexOamBinLogXmlReader/ParallelStream.h"
 
 #include <condition_variable>
@@ -127,12 +128,21 @@ struct ParallelStream::Impl {
         // Copied here, before any thread starts: the reading thread's table
         // grows while the workers run.
         const std::map<std::uint16_t, std::string> names = core.session.levelNames;
-        for (unsigned i = 0; i < jobs; ++i) {
-            workers.emplace_back([this, names] { work(names); });
+        try {
+            for (unsigned i = 0; i < jobs; ++i) {
+                workers.emplace_back([this, names] { work(names); });
+            }
+        } catch (...) {
+            // A thread that cannot start: the others are stopped, and the
+            // capture stream is left as it was.
+            stopWorkers();
+            throw;
         }
     }
 
-    ~Impl() {
+    ~Impl() { stopWorkers(); }
+
+    void stopWorkers() {
         {
             std::lock_guard<std::mutex> lock(mutex);
             quit = true;
@@ -141,6 +151,7 @@ struct ParallelStream::Impl {
         for (std::thread& worker : workers) {
             worker.join();
         }
+        workers.clear();
         core.keepInputs = false;
         core.settings = saved;
     }
