@@ -23,6 +23,17 @@ constexpr std::size_t kBatchBytes = 512 * 1024;
 /// A run of items in capture order: the records to decode and render, and
 /// the events between them.
 struct Batch {
+    /// An event of the capture stream (an item of its own), or one a worker
+    /// reported while decoding a record's payload (handed out before it).
+    /// Its texts are kept in `eventTexts`.
+    struct Kept {
+        Event event;
+        std::size_t textOffset = 0;
+        std::size_t nameOffset = 0;
+        std::size_t payloadOffset = 0;
+    };
+
+    /// A record, or an event of the capture stream.
     struct Item {
         bool isRecord = false;
         // Records: what to decode, and where the rendering went.
@@ -36,31 +47,42 @@ struct Batch {
         std::size_t renderedOffset = 0;
         std::size_t renderedSize = 0;
         bool produced = false;
-        // What its decoding reported, in `events` from `firstEvent`.
+        // The events handed out with the item (before a record), in
+        // `events` from `firstEvent`.
         std::size_t firstEvent = 0;
         std::size_t eventCount = 0;
-        // Events: the event, its texts in `texts`.
-        Event event;
-        std::size_t textOffset = 0;
-        std::size_t textSize = 0;
-        std::size_t nameOffset = 0;
-        std::size_t nameSize = 0;
-        std::size_t payloadTextOffset = 0;
     };
 
-    /// An event a worker reported while decoding a record's payload.
-    struct Reported {
-        Event event;
-        std::size_t textOffset = 0;
-        std::size_t nameOffset = 0;
-    };
+    /// Keeps an event with copies of its texts, which are views valid
+    /// during the call only.
+    void keep(const Event& event) {
+        Kept kept;
+        kept.event = event;
+        kept.textOffset = eventTexts.size();
+        eventTexts.append(event.text);
+        kept.nameOffset = eventTexts.size();
+        eventTexts.append(event.name);
+        kept.payloadOffset = eventTexts.size();
+        eventTexts.append(event.payload);
+        events.push_back(kept);
+    }
+
+    /// The event `index` with its texts in place, valid while the batch is.
+    Event event(std::size_t index) const {
+        const Kept& kept = events[index];
+        Event event = kept.event;
+        event.text = std::string_view(eventTexts.data() + kept.textOffset, kept.event.text.size());
+        event.name = std::string_view(eventTexts.data() + kept.nameOffset, kept.event.name.size());
+        event.payload =
+            std::string_view(eventTexts.data() + kept.payloadOffset, kept.event.payload.size());
+        return event;
+    }
 
     void clear() {
         items.clear();
         events.clear();
         eventTexts.clear();
         payloads.clear();
-        texts.clear();
         rendered.clear();
         records = 0;
         done = false;
@@ -69,10 +91,9 @@ struct Batch {
     bool full() const { return records >= kBatchRecords || payloads.size() >= kBatchBytes; }
 
     std::vector<Item> items;
-    std::vector<Reported> events;
+    std::vector<Kept> events;
     std::string eventTexts;
     std::string payloads;
-    std::string texts;
     std::string rendered;
     std::size_t records = 0;
     bool done = false;  // guarded by the stream's mutex
@@ -85,16 +106,7 @@ struct Batch {
 struct WorkerDecoder : detail::EventSink {
     explicit WorkerDecoder(const std::map<std::uint16_t, std::string>& names)
         : levelNames(names), levels(levelNames), decoder(levels, stats, *this) {}
-    void emit(const Event& event) override {
-        Batch::Reported reported;
-        reported.event = event;
-        reported.textOffset = batch->eventTexts.size();
-        batch->eventTexts.append(event.text);
-        reported.nameOffset = batch->eventTexts.size();
-        batch->eventTexts.append(event.name);
-        // (The payload of an event is a view into the batch's payloads.)
-        batch->events.push_back(reported);
-    }
+    void emit(const Event& event) override { batch->keep(event); }
 
     Batch* batch = nullptr;
     std::map<std::uint16_t, std::string> levelNames;
@@ -216,17 +228,9 @@ struct ParallelStream::Impl {
         batch.items.emplace_back();
         Batch::Item& item = batch.items.back();
         if (const Event* event = stream.event()) {
-            item.event = *event;
-            item.textOffset = batch.texts.size();
-            item.textSize = event->text.size();
-            batch.texts.append(event->text);
-            item.nameOffset = batch.texts.size();
-            item.nameSize = event->name.size();
-            batch.texts.append(event->name);
-            // The payload of a record that was not decoded (a view into the
-            // capture's bytes, which the stream reads on from).
-            item.payloadTextOffset = batch.texts.size();
-            batch.texts.append(event->payload);
+            item.firstEvent = batch.events.size();
+            item.eventCount = 1;
+            batch.keep(*event);
             return true;
         }
         const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
@@ -316,38 +320,19 @@ struct ParallelStream::Impl {
         }
     }
 
-    /// Hands out the next item of the current batch: an event of the
-    /// capture stream, or for a record the events its decoding reported and
-    /// then the record (unless the filter dropped it). False at the batch's
-    /// end.
+    /// Hands out the next item of the current batch: its events (an event of
+    /// the capture stream, or those a record's decoding reported), then the
+    /// record unless the filter dropped it. False at the batch's end.
     bool deliver() {
         while (at < current->items.size()) {
             const Batch::Item& item = current->items[at];
-            if (!item.isRecord) {
-                currentItem = &item;
-                currentEvent = item.event;
-                currentEvent.text =
-                    std::string_view(current->texts.data() + item.textOffset, item.textSize);
-                currentEvent.name =
-                    std::string_view(current->texts.data() + item.nameOffset, item.nameSize);
-                currentEvent.payload = std::string_view(
-                    current->texts.data() + item.payloadTextOffset, item.event.payload.size());
-                ++at;
-                sub = 0;
-                return true;
-            }
             if (sub < item.eventCount) {
-                const Batch::Reported& reported = current->events[item.firstEvent + sub];
                 currentItem = &item;
-                currentEvent = reported.event;
-                currentEvent.text = std::string_view(
-                    current->eventTexts.data() + reported.textOffset, reported.event.text.size());
-                currentEvent.name = std::string_view(
-                    current->eventTexts.data() + reported.nameOffset, reported.event.name.size());
+                currentEvent = current->event(item.firstEvent + sub);
                 ++sub;
                 return true;
             }
-            if (sub == item.eventCount && item.produced) {
+            if (sub == item.eventCount && item.isRecord && item.produced) {
                 currentItem = &item;
                 recordNow = true;
                 ++records;
@@ -380,7 +365,7 @@ struct ParallelStream::Impl {
     bool ended = false;
     Batch* current = nullptr;
     std::size_t at = 0;   // the item of the current batch handed out next
-    std::size_t sub = 0;  // of a record: its events handed out so far
+    std::size_t sub = 0;  // of the item: its events handed out so far
     const Batch::Item* currentItem = nullptr;
     bool recordNow = false;  // the current item is a record (not its event)
     Event currentEvent;

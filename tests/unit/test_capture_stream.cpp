@@ -256,21 +256,28 @@ Printed readWithReader(Tav::BinaryLogXmlReader& reader, const std::vector<std::s
     return {out.text(), err.stop()};
 }
 
+/// The options of the reader's constructor, a UTC offset, and a session.
+Tav::StreamOptions streamOptionsOf(const Tav::BinaryLogXmlReader& reader, bool strict,
+                                   Tav::StreamSession& session) {
+    Tav::StreamOptions options;
+    options.udpPort = reader.udpPort;
+    options.maxVarBinaryBytes = reader.maxVarBinaryBytes;
+    options.stats = reader.statsEnabled;
+    options.utcOffsetMinutes = 30;
+    options.strict = strict;
+    options.session = &session;
+    return options;
+}
+
 Printed readWithStreams(const Tav::BinaryLogXmlReader& reader,
                         const std::vector<std::string>& paths, bool strict,
                         bool inflateThread = false, bool fastInflate = true) {
     Printed printed;
     Tav::StreamSession session(reader);
     for (const std::string& path : paths) {
-        Tav::StreamOptions options;
-        options.udpPort = reader.udpPort;
-        options.maxVarBinaryBytes = reader.maxVarBinaryBytes;
-        options.stats = reader.statsEnabled;
-        options.utcOffsetMinutes = 30;
-        options.strict = strict;
+        Tav::StreamOptions options = streamOptionsOf(reader, strict, session);
         options.inflateThread = inflateThread;
         options.fastInflate = fastInflate;
-        options.session = &session;
         Tav::CaptureStream stream(reader, path, options);
         while (stream.next()) {
             if (const Tav::Record* record = stream.record()) {
@@ -292,16 +299,7 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
     Printed printed;
     Tav::StreamSession session(reader);
     for (const std::string& path : paths) {
-        Tav::StreamOptions options;
-        options.udpPort = reader.udpPort;
-        options.maxVarBinaryBytes = reader.maxVarBinaryBytes;
-        options.stats = reader.statsEnabled;
-        options.utcOffsetMinutes = 30;
-        options.strict = strict;
-        options.texts = false;
-        options.values = false;
-        options.session = &session;
-        Tav::CaptureStream stream(reader, path, options);
+        Tav::CaptureStream stream(reader, path, streamOptionsOf(reader, strict, session));
         Tav::ParallelStream parallel(stream, jobs, [](const Tav::Record& record, std::string& out) {
             out.append(record.text.data(), record.text.size());
         });
