@@ -155,6 +155,10 @@ void printUsage(FILE* to) {
             "      --progress, --no-progress\n"
             "                           a progress line on standard error (default: when\n"
             "                           it is a terminal)\n"
+            "      --no-lint            do not check the dictionary when it is loaded\n"
+            "                           (default: every error binlog-lint finds is shown\n"
+            "                           once, before decoding, as 'binlog-decode: warning:\n"
+            "                           FILE:LINE: message [check]')\n"
             "  -h, --help               show this help and exit\n"
             "  -V, --version            show the version and exit\n"
             "\n"
@@ -222,6 +226,7 @@ enum LongOnly {
     kRotateSize,
     kRotateSeconds,
     kBufferSize,
+    kNoLint,
 };
 
 /// Parses "PORT", "ADDRESS:PORT" or "[IPV6-ADDRESS]:PORT" (numeric
@@ -317,6 +322,7 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         {"rotate-seconds", required_argument, nullptr, kRotateSeconds},
         {"buffer-size", required_argument, nullptr, kBufferSize},
         {"line-buffered", no_argument, nullptr, kLineBuffered},
+        {"no-lint", no_argument, nullptr, kNoLint},
         {nullptr, 0, nullptr, 0},
     };
     // getopt_long names the program by argv[0] in its messages; name it as
@@ -495,6 +501,9 @@ int parseCommandLine(int argc, char** argv, Options& options) {
             }
             case kLineBuffered:
                 options.lineBuffered = true;
+                break;
+            case kNoLint:
+                options.lint = false;
                 break;
             case 'h':
                 printUsage(stdout);

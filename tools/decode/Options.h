@@ -64,6 +64,9 @@ struct Options {
     std::uint64_t rotateSeconds = 0;
     /// --buffer-size: the socket's receive buffer (0: the system's default).
     std::uint64_t bufferSize = 0;
+    /// Check the dictionary when it is loaded and show its errors as
+    /// warnings (--no-lint: not).
+    bool lint = true;
 };
 
 /// Reads the command line into `options`. Returns -1 to go on, or the exit

@@ -39,6 +39,7 @@
 #include "BinaryLogXmlReader.h"
 #include "CaptureInputs.h"
 #include "Diagnostics.h"
+#include "Lint.h"
 #include "Listen.h"
 #include "Options.h"
 #include "Output.h"
@@ -68,6 +69,23 @@ using wexbl_decode::Writer;
 constexpr std::uint32_t kLinkTypeEthernet = 1;
 constexpr std::uint32_t kLinkTypeBinLog = 150;
 constexpr int kExitInterrupted = 130;
+
+/// Shows every error the dictionary checker finds in a dictionary that
+/// loaded, once, as a warning: such a dictionary decodes, but shows wrong,
+/// shifted or missing values. Its warnings are left to binlog-lint.
+void warnAboutDictionary(const char* dictionary) {
+    for (const wexbl_lint::Finding& finding : wexbl_lint::lintDictionary(dictionary)) {
+        if (finding.severity != wexbl_lint::Severity::Error) {
+            continue;
+        }
+        std::string where = finding.file;
+        if (finding.line > 0) {
+            where += ":" + std::to_string(finding.line);
+        }
+        message("warning: %s: %s [%s]", where.c_str(), finding.message.c_str(),
+                finding.check.c_str());
+    }
+}
 
 // ---- Stopping on a signal ------------------------------------------------------------
 
@@ -900,6 +918,9 @@ int run(int argc, char** argv, std::string& activity) {
     if (!reader.isGood()) {
         message("cannot load the dictionaries in '%s'", options.dictionary);
         return kExitFailure;
+    }
+    if (options.lint) {
+        warnAboutDictionary(options.dictionary);
     }
 
     std::unique_ptr<FILE, int (*)(FILE*)> outputFile(nullptr, fclose);
