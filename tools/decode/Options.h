@@ -64,6 +64,13 @@ struct Options {
     std::uint64_t rotateSeconds = 0;
     /// --buffer-size: the socket's receive buffer (0: the system's default).
     std::uint64_t bufferSize = 0;
+
+    /// --summary: the per-module table at the end; --summary-only: the
+    /// table and no records.
+    bool summary = false;
+    bool summaryOnly = false;
+    /// --report FILE: the HTML report written there (null: none).
+    const char* reportPath = nullptr;
 };
 
 /// Reads the command line into `options`. Returns -1 to go on, or the exit
