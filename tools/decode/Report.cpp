@@ -15,6 +15,8 @@ constexpr std::size_t kTimelineModules = 11;
 /// Rows at most in the long tables (the rest are counted).
 constexpr std::size_t kMaxTableRows = 500;
 constexpr std::size_t kTopLogs = 20;
+/// Capture names in the overview.
+constexpr std::size_t kOverviewCaptures = 20;
 
 /// Colours that stay apart for the common forms of colour blindness.
 const char* const kColours[] = {"#4477aa", "#ee6677", "#228833", "#ccbb44", "#66ccee", "#aa3377",
@@ -132,11 +134,18 @@ void Page::overview() {
     raw("<table id=\"overview\">");
     raw("<tr><th>Captures</th><td>");
     bool first = true;
+    std::size_t listed = 0;
     for (const std::string& name : s_.captureNames()) {
         if (!first) {
             raw("<br>");
         }
         first = false;
+        if (++listed > kOverviewCaptures) {
+            raw("and ");
+            raw(number(s_.captureNames().size() - kOverviewCaptures));
+            raw(" more (see the captures table)");
+            break;
+        }
         text(name);
     }
     raw("</td></tr><tr><th>Dictionary</th>");
@@ -375,7 +384,7 @@ void Page::timeline() {
 void Page::levels() {
     std::vector<std::uint16_t> seen;
     for (const ModuleRow& row : s_.rows()) {
-        for (const auto& [level, count] : row.levels) {
+        for (const auto& [level, count] : row.levels()) {
             (void)count;
             if (std::find(seen.begin(), seen.end(), level) == seen.end()) {
                 seen.push_back(level);
@@ -392,8 +401,9 @@ void Page::levels() {
     raw("\" xmlns=\"http://www.w3.org/2000/svg\"><title>Levels per module</title>");
     double y = 10;
     for (const ModuleRow* row : rows) {
+        const auto levels = row->levels();
         std::uint64_t sum = 0;
-        for (const auto& entry : row->levels) {
+        for (const auto& entry : levels) {
             sum += entry.second;
         }
         snprintf(buffer, sizeof buffer, "<text x=\"150\" y=\"%.1f\" text-anchor=\"end\">", y + 12);
@@ -402,8 +412,8 @@ void Page::levels() {
         raw("</text>");
         double x = 155;
         for (std::size_t k = 0; k < seen.size() && sum != 0; ++k) {
-            const auto found = row->levels.find(seen[k]);
-            if (found == row->levels.end()) {
+            const auto found = levels.find(seen[k]);
+            if (found == levels.end()) {
                 continue;
             }
             const double w = 310.0 * static_cast<double>(found->second) / static_cast<double>(sum);
@@ -432,11 +442,12 @@ void Page::levels() {
     }
     raw("</tr>");
     for (const ModuleRow* row : rows) {
+        const auto levels = row->levels();
         raw("<tr>");
         cell(row->name);
         for (const std::uint16_t level : seen) {
-            const auto found = row->levels.find(level);
-            cell(number(found == row->levels.end() ? 0 : found->second), true);
+            const auto found = levels.find(level);
+            cell(number(found == levels.end() ? 0 : found->second), true);
         }
         raw("</tr>");
     }
@@ -446,7 +457,8 @@ void Page::levels() {
 void Page::topLogs() {
     using Entry = std::pair<const std::pair<std::size_t, std::string>*, std::uint64_t>;
     std::vector<Entry> entries;
-    for (const auto& entry : s_.logs()) {
+    const auto logs = s_.logs();
+    for (const auto& entry : logs) {
         entries.emplace_back(&entry.first, entry.second);
     }
     // Most records first; ties by module and log name.
@@ -601,7 +613,12 @@ void Page::captureTable() {
     raw("<table id=\"capture-table\">");
     head({"capture", "first", "last", "records", "gaps", "missing", "reorders", "duplicates",
           "unknown_ids", "version_mismatches", "level_errors", "malformed", "damage"});
+    std::size_t listed = 0;
     for (const CaptureRow& row : s_.captures()) {
+        // Damaged captures are always listed.
+        if (row.damage.empty() && ++listed > kMaxTableRows) {
+            continue;
+        }
         raw("<tr>");
         cell(row.name);
         cell(row.span.any ? s_.formatTime(row.span.first) : "-");
@@ -611,6 +628,11 @@ void Page::captureTable() {
         raw("</tr>");
     }
     raw("</table>");
+    if (listed > kMaxTableRows) {
+        raw("<p class=\"note\">");
+        raw(number(listed - kMaxTableRows));
+        raw(" more undamaged captures are counted in the totals but not listed.</p>");
+    }
 }
 
 void Page::unknownTable() {

@@ -108,6 +108,16 @@ void TimeSpan::add(const TimeSpan& other) {
     }
 }
 
+std::map<std::uint16_t, std::uint64_t> ModuleRow::levels() const {
+    std::map<std::uint16_t, std::uint64_t> all = highLevels;
+    for (std::size_t level = 0; level < lowLevels.size(); ++level) {
+        if (lowLevels[level] != 0) {
+            all[static_cast<std::uint16_t>(level)] = lowLevels[level];
+        }
+    }
+    return all;
+}
+
 void Counts::add(const Counts& other) {
     records += other.records;
     gaps += other.gaps;
@@ -138,8 +148,13 @@ std::string Summary::moduleName(std::uint16_t key) const {
 
 std::size_t Summary::rowFor(std::uint32_t key, std::string_view subsystem,
                             std::string_view module) {
+    if (key == lastRowKey_) {
+        return lastRow_;
+    }
     const auto found = rowIndex_.find(key);
     if (found != rowIndex_.end()) {
+        lastRowKey_ = key;
+        lastRow_ = found->second;
         return found->second;
     }
     ModuleRow row;
@@ -217,10 +232,20 @@ void Summary::record(const RecordFacts& facts) {
         case Tav::RecordKind::Capture:
             row = rowFor(kCaptureRow, {}, {});
             break;
-        default:
+        default: {
             row = rowFor(facts.moduleKey, facts.subsystem, facts.module);
-            seenLogIds_[static_cast<std::uint32_t>(facts.moduleKey) << 16 | facts.logIndex] += 1;
+            const std::uint32_t id =
+                static_cast<std::uint32_t>(facts.moduleKey) << 16 | facts.logIndex;
+            if (id != lastLogId_ || lastLogCount_ == nullptr) {
+                lastLogId_ = id;
+                lastLogCount_ = &seenLogIds_[id];
+                if (*lastLogCount_ == 0) {
+                    logNames_[id] = std::make_pair(row, std::string(facts.log));
+                }
+            }
+            ++*lastLogCount_;
             break;
+        }
     }
     const ShownTime time{facts.seconds, facts.microseconds};
     resolvePending(facts.number, row, &time);
@@ -242,22 +267,26 @@ void Summary::record(const RecordFacts& facts) {
     lastTime_ = time;
     anyTime_ = true;
     if (facts.kind != Tav::RecordKind::Capture) {
-        ++module.levels[facts.level];
-        if (levelNames_.count(facts.level) == 0) {
+        bool first = false;
+        if (facts.level < module.lowLevels.size()) {
+            first = module.lowLevels[facts.level]++ == 0;
+        } else {
+            first = module.highLevels[facts.level]++ == 0;
+        }
+        if (first && levelNames_.count(facts.level) == 0) {
             std::string_view name = facts.levelName;
             while (!name.empty() && name.front() == ' ') {
                 name.remove_prefix(1);
             }
             levelNames_[facts.level] = std::string(name);
         }
-        const auto key = std::make_pair(row, std::string(facts.log));
-        auto found = logs_.find(key);
-        if (found != logs_.end()) {
-            ++found->second;
-        } else if (logs_.size() < kMaxLogs) {
-            logs_.emplace(key, 1);
-        } else {
-            ++logsDropped_;
+        if (facts.kind == Tav::RecordKind::Syslog) {
+            const auto found = tags_.find(facts.log);
+            if (found != tags_.end()) {
+                ++found->second;
+            } else if (tags_.size() < kMaxLogs) {
+                tags_.emplace(std::string(facts.log), 1);
+            }
         }
     }
     addToBuckets(row, time, facts.kind == Tav::RecordKind::Capture ? 0 : facts.level);
@@ -272,17 +301,22 @@ void Summary::countSequence(std::uint32_t packetType, std::uint32_t logId, std::
         return;
     }
     const std::uint32_t key = module | (packetType == 2 ? 0x10000u : 0u);
-    const auto found = lastSeq_.find(key);
-    if (found == lastSeq_.end()) {
-        lastSeq_.emplace(key, seqNo);
-        return;
+    if (lastSeqEntry_ == nullptr || key != lastSeqKey_) {
+        const auto found = lastSeq_.find(key);
+        if (found == lastSeq_.end()) {
+            lastSeqEntry_ = &lastSeq_.emplace(key, seqNo).first->second;
+            lastSeqKey_ = key;
+            return;
+        }
+        lastSeqEntry_ = &found->second;
+        lastSeqKey_ = key;
     }
-    const std::uint32_t diff = seqNo - found->second;
+    const std::uint32_t diff = seqNo - *lastSeqEntry_;
     if (diff == 0) {
         ++rows_[row].counts.duplicates;
         ++capture().counts.duplicates;
     } else if (diff < 0x80000000u) {
-        found->second = seqNo;  // ahead: a step or a gap
+        *lastSeqEntry_ = seqNo;  // ahead: a step or a gap
     }
 }
 
@@ -467,6 +501,7 @@ void Summary::event(const Tav::Event& event) {
             statsMissing_ = 0;
             std::fill(periodMissing_.begin(), periodMissing_.end(), 0);
             lastSeq_.clear();
+            lastSeqEntry_ = nullptr;
             break;
         case Tav::EventKind::Oversized:
             damaged("oversized record");
@@ -596,6 +631,21 @@ std::string_view Summary::takeFacts(std::string_view rendered, RecordFacts& fact
         facts = RecordFacts();
     }
     return rendered.substr(0, rendered.size() - length);
+}
+
+std::map<std::pair<std::size_t, std::string>, std::uint64_t> Summary::logs() const {
+    std::map<std::pair<std::size_t, std::string>, std::uint64_t> logs;
+    for (const auto& [id, count] : seenLogIds_) {
+        const auto& name = logNames_.at(id);
+        logs[name] += count;
+    }
+    const auto syslog = rowIndex_.find(kSyslogRow);
+    if (syslog != rowIndex_.end()) {
+        for (const auto& [tag, count] : tags_) {
+            logs[std::make_pair(syslog->second, tag)] += count;
+        }
+    }
+    return logs;
 }
 
 Counts Summary::totals() const {

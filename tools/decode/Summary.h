@@ -13,7 +13,9 @@
 #ifndef WEXBL_TOOLS_DECODE_SUMMARY_H
 #define WEXBL_TOOLS_DECODE_SUMMARY_H
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -80,8 +82,12 @@ struct ModuleRow {
     std::string name;
     Counts counts;
     TimeSpan span;
-    /// Records per level number.
-    std::map<std::uint16_t, std::uint64_t> levels;
+    /// Records per level number: levels 0 to 15 in an array (counted for
+    /// every record), the others in a map.
+    std::array<std::uint64_t, 16> lowLevels{};
+    std::map<std::uint16_t, std::uint64_t> highLevels;
+    /// Records per level number, the levels that have any.
+    std::map<std::uint16_t, std::uint64_t> levels() const;
 };
 
 /// One row of the capture table.
@@ -121,7 +127,7 @@ class Summary {
     /// second one is dropped and from then on only every second one kept
     /// (and so on), an even sample over the whole run.
     static constexpr std::size_t kMaxMarks = 500;
-    /// Distinct logs (syslog tags count as logs) and unknown ids kept.
+    /// Distinct syslog tags and unknown log ids kept (more are not listed).
     static constexpr std::size_t kMaxLogs = 20000;
     static constexpr std::size_t kMaxUnknownIds = 20000;
 
@@ -163,11 +169,8 @@ class Summary {
     /// Gaps and reorders in all, and the sample's step (1: all kept).
     std::uint64_t marksSeen() const { return marksSeen_; }
     std::uint64_t marksStride() const { return marksStride_; }
-    /// Records per (row, log name).
-    const std::map<std::pair<std::size_t, std::string>, std::uint64_t>& logs() const {
-        return logs_;
-    }
-    std::uint64_t logsDropped() const { return logsDropped_; }
+    /// Records per (row, log name); a syslog record's tag is its log.
+    std::map<std::pair<std::size_t, std::string>, std::uint64_t> logs() const;
     const std::map<std::uint32_t, UnknownId>& unknownIds() const { return unknownIds_; }
     std::uint64_t unknownIdsDropped() const { return unknownIdsDropped_; }
     /// Records per dictionary log id (module key << 16 | log index).
@@ -199,6 +202,14 @@ class Summary {
     long utcOffset_;
     std::vector<ModuleRow> rows_;
     std::map<std::uint32_t, std::size_t> rowIndex_;
+    /// The row, log and sequence space of the record before: most records
+    /// are of the module and log of the one before.
+    std::uint32_t lastRowKey_ = 0xffffffff;
+    std::size_t lastRow_ = 0;
+    std::uint32_t lastLogId_ = 0xffffffff;
+    std::uint64_t* lastLogCount_ = nullptr;
+    std::uint32_t* lastSeqEntry_ = nullptr;
+    std::uint32_t lastSeqKey_ = 0;
     std::vector<CaptureRow> captures_;
     std::vector<std::string> captureNames_;
     std::map<std::string, std::size_t, std::less<>> captureIndex_;
@@ -240,8 +251,10 @@ class Summary {
     std::uint64_t marksStride_ = 1;
     /// Marks waiting for a time: that of the next record.
     std::vector<std::size_t> untimed_;
-    std::map<std::pair<std::size_t, std::string>, std::uint64_t> logs_;
-    std::uint64_t logsDropped_ = 0;
+    /// Syslog records per tag (at most kMaxLogs tags), and the names of
+    /// the logs seen.
+    std::map<std::string, std::uint64_t, std::less<>> tags_;
+    std::map<std::uint32_t, std::pair<std::size_t, std::string>> logNames_;
     std::map<std::uint32_t, UnknownId> unknownIds_;
     std::uint64_t unknownIdsDropped_ = 0;
     std::map<std::uint32_t, std::uint64_t> seenLogIds_;
