@@ -182,6 +182,16 @@ def case_static():
     check(text.count("http") == text.count('xmlns="http://www.w3.org/2000/svg"'),
           "no address but the SVG namespace")
     check(page.ids.get("filter", "") == "none: every record", "no filter named")
+    # Hovering a mark shows the module, the sequence numbers and the time.
+    check('<path class="mark gap" d="M' in text and
+          "<title>CORE:SCHED: gap, sequence 13 after 10 (2 missing) at "
+          "2023-11-14T22:13:20.200Z</title></path>" in text, "a gap's mark and its title")
+    check("<title>CORE:SCHED: reorder, sequence 12 after 13 at 2023-11-14T22:13:20.300Z"
+          "</title></path>" in text, "a reorder's mark and its title")
+    # dispatch_checks' first gap is revealed by record 3 (a version mismatch,
+    # not printed) at 22:13:20.003: the mark has that record's time.
+    check("<title>CORE:SCHED: gap, sequence 3 after 1 (1 missing) at "
+          "2023-11-14T22:13:20.003Z</title></path>" in text, "a mark at an unprinted record")
     # With a filter: the page says which, and counts the records it keeps.
     _, data = make_report("-Y", "module == RADIO:PHY && seq < 6", "--since",
                           "2023-11-14T22:13:20Z", *GOLDEN, name="filtered.html")

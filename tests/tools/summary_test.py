@@ -246,6 +246,39 @@ def case_filter():
     check(rows[1]["records"] == 1 and rows[2]["records"] == 1, f"filter: {rows}")
 
 
+def case_merge():
+    # --merge reads each capture with statistics of its own; stats_a and
+    # dispatch_checks both end normally, so the table is the one of the two
+    # read one after the other: the rows of both, added up.
+    merged = summary_json("--merge", "stats_a.pcap.gz", "dispatch_checks.pcap")
+    apart = summary_json("stats_a.pcap.gz", "dispatch_checks.pcap")
+    check(merged == apart, f"merge:\n{merged}\n{apart}")
+    names = [r.get("module") for r in apart]
+    check(names == ["(capture)", "(syslog)", "0x0707", "CORE:SCHED", "RADIO:PHY", None],
+          f"merge rows {names}")
+    sched = apart[3]
+    check((sched["records"], sched["gaps"], sched["missing"], sched["reorders"],
+           sched["duplicates"], sched["unknown_ids"]) == (4, 3, 5, 1, 1, 2), f"merge: {sched}")
+    check(apart[1]["records"] == 2 and apart[1]["first"] == T + "20.008Z" and
+          apart[1]["last"] == T + "20.500Z", f"merge: syslog {apart[1]}")
+    # Two captures over the same time, records interleaved, each with gaps
+    # and reorders: merged, every capture keeps statistics of its own, and
+    # the table is the same as read one after the other, its missing and
+    # reorders those of the statistics.
+    os.makedirs(WORK, exist_ok=True)
+    captures = []
+    for seed in ("3", "4"):
+        captures.append(os.path.join(WORK, f"seed{seed}.pcap.gz"))
+        subprocess.run(EMU + [SYNTH, "-d", DICT, "-o", captures[-1], "-n", "5000", "--seed", seed,
+                              "--gap-every", "37", "--reorder-every", "31"],
+                       check=True, capture_output=True)
+    merged = summary_json("--merge", *captures)
+    apart = summary_json(*captures)
+    check(merged == apart, f"merge of random captures:\n{merged}\n{apart}")
+    check((merged[-1]["missing"], merged[-1]["reorders"]) == stats_lines("--merge", *captures),
+          f"merge: {merged[-1]} against the statistics {stats_lines('--merge', *captures)}")
+
+
 def case_usage():
     proc = run("--summary", "--listen", "5999", DICT, code=2)
     check(b"--summary reads captures: not with --listen" in proc.stderr, "--listen refused")
@@ -265,7 +298,7 @@ def case_usage():
 
 
 CASES = {"layouts": case_layouts, "dispatch": case_dispatch, "statistics": case_statistics,
-         "random": case_random, "filter": case_filter, "usage": case_usage}
+         "random": case_random, "filter": case_filter, "merge": case_merge, "usage": case_usage}
 shutil.rmtree(WORK, ignore_errors=True)
 CASES[CASE]()
 if failures:

@@ -169,7 +169,6 @@ std::size_t Summary::rowFor(std::uint32_t key, std::string_view subsystem,
     }
     rows_.push_back(row);
     rowBuckets_.emplace_back(kBuckets, 0);
-    periodMissing_.push_back(0);
     rowIndex_[key] = rows_.size() - 1;
     return rows_.size() - 1;
 }
@@ -182,6 +181,8 @@ void Summary::startCapture(std::string_view name) {
     if (hasCapture_ && captures_[current_].name == name) {
         return;
     }
+    // The sequence space cached is that of another capture's statistics.
+    lastSeqEntry_ = nullptr;
     const auto found = captureIndex_.find(name);
     if (found != captureIndex_.end()) {
         current_ = found->second;
@@ -194,6 +195,18 @@ void Summary::startCapture(std::string_view name) {
         captureIndex_.emplace(row.name, current_);
     }
     hasCapture_ = true;
+}
+
+Summary::Statistics& Summary::statistics() {
+    const std::size_t index = separate_ ? current_ : 0;
+    if (statistics_.size() <= index) {
+        statistics_.resize(index + 1);
+    }
+    Statistics& stats = statistics_[index];
+    if (stats.rowMissing.size() < rows_.size()) {
+        stats.rowMissing.resize(rows_.size(), 0);
+    }
+    return stats;
 }
 
 CaptureRow& Summary::capture() {
@@ -302,9 +315,10 @@ void Summary::countSequence(std::uint32_t packetType, std::uint32_t logId, std::
     }
     const std::uint32_t key = module | (packetType == 2 ? 0x10000u : 0u);
     if (lastSeqEntry_ == nullptr || key != lastSeqKey_) {
-        const auto found = lastSeq_.find(key);
-        if (found == lastSeq_.end()) {
-            lastSeqEntry_ = &lastSeq_.emplace(key, seqNo).first->second;
+        std::map<std::uint32_t, std::uint32_t>& lastSeq = statistics().lastSeq;
+        const auto found = lastSeq.find(key);
+        if (found == lastSeq.end()) {
+            lastSeqEntry_ = &lastSeq.emplace(key, seqNo).first->second;
             lastSeqKey_ = key;
             return;
         }
@@ -337,8 +351,9 @@ void Summary::resolvePending(std::uint64_t number, std::size_t row, const ShownT
             const std::uint64_t missing = static_cast<std::uint32_t>(one.missing);
             module.counts.missing += missing;
             file.counts.missing += missing;
-            periodMissing_[target] += missing;
-            statsMissing_ += missing;
+            Statistics& stats = statistics();
+            stats.rowMissing[target] += missing;
+            stats.missing += missing;
         } else {
             ++module.counts.reorders;
             ++file.counts.reorders;
@@ -346,15 +361,17 @@ void Summary::resolvePending(std::uint64_t number, std::size_t row, const ShownT
             // record was one of those counted missing): here off its own
             // module's, or, when that has none, off the module with the
             // most missing records of the same count.
-            if (statsMissing_ > 0) {
-                --statsMissing_;
+            Statistics& stats = statistics();
+            if (stats.missing > 0) {
+                --stats.missing;
+                std::vector<std::uint64_t>& rowMissing = stats.rowMissing;
                 std::size_t from = target;
-                if (periodMissing_[from] == 0) {
+                if (rowMissing[from] == 0) {
                     from = static_cast<std::size_t>(
-                        std::max_element(periodMissing_.begin(), periodMissing_.end()) -
-                        periodMissing_.begin());
+                        std::max_element(rowMissing.begin(), rowMissing.end()) -
+                        rowMissing.begin());
                 }
-                --periodMissing_[from];
+                --rowMissing[from];
                 --rows_[from].counts.missing;
                 if (file.counts.missing > 0) {
                     --file.counts.missing;
@@ -498,9 +515,7 @@ void Summary::event(const Tav::Event& event) {
         }
         case Tav::EventKind::Summary:
             // The statistics start afresh after a capture's normal end.
-            statsMissing_ = 0;
-            std::fill(periodMissing_.begin(), periodMissing_.end(), 0);
-            lastSeq_.clear();
+            statistics() = Statistics();
             lastSeqEntry_ = nullptr;
             break;
         case Tav::EventKind::Oversized:

@@ -133,6 +133,10 @@ class Summary {
 
     Summary(const Tav::BinaryLogXmlReader& reader, long utcOffsetMinutes);
 
+    /// --merge: every capture has statistics of its own (else one run of
+    /// statistics goes from one capture to the next, as the stream
+    /// session's).
+    void separateStatistics() { separate_ = true; }
     void startCapture(std::string_view name);
     void record(const Tav::Record& record);
     void record(const RecordFacts& facts);
@@ -219,14 +223,20 @@ class Summary {
     std::int64_t lowest_ = 0;
     std::int64_t highest_ = 0;
 
-    /// The statistics' own count of missing records (global, as theirs),
-    /// and per row the missing records attributed to it.
-    std::uint64_t statsMissing_ = 0;
-    /// The last sequence number per sequence space, by the statistics'
-    /// rule, to tell repeated numbers.
-    std::map<std::uint32_t, std::uint32_t> lastSeq_;
-    /// Per row, the missing records of the statistics' current count.
-    std::vector<std::uint64_t> periodMissing_;
+    /// What the summary follows of one run of statistics.
+    struct Statistics {
+        /// Their count of missing records (one for all modules, as theirs),
+        /// and per row the missing records of it attributed to the row.
+        std::uint64_t missing = 0;
+        std::vector<std::uint64_t> rowMissing;
+        /// The last sequence number per sequence space, by the statistics'
+        /// rule, to tell repeated numbers.
+        std::map<std::uint32_t, std::uint32_t> lastSeq;
+    };
+    Statistics& statistics();
+    bool separate_ = false;
+    /// One, or with separate statistics one per capture.
+    std::vector<Statistics> statistics_;
     /// Gaps and reorders waiting for the record that revealed them.
     struct Pending {
         bool gap = true;

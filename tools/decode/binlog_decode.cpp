@@ -1002,6 +1002,9 @@ int run(int argc, char** argv, std::string& activity) {
     std::unique_ptr<wexbl_decode::Summary> summary;
     if (options.summary || options.reportPath != nullptr) {
         summary = std::make_unique<wexbl_decode::Summary>(reader, options.utcOffset);
+        if (options.merge) {
+            summary->separateStatistics();
+        }
         decoder.setSummary(summary.get());
     }
     installSignalHandlers();
