@@ -192,6 +192,15 @@ def case_static():
     # not printed) at 22:13:20.003: the mark has that record's time.
     check("<title>CORE:SCHED: gap, sequence 3 after 1 (1 missing) at "
           "2023-11-14T22:13:20.003Z</title></path>" in text, "a mark at an unprinted record")
+    # Captures that are not decoded are listed with why.
+    _, data = make_report("missing.pcap", "wrong_linktype.pcap", "ethernet_ipv4.pcap.gz",
+                          "stats_a.pcap.gz", name="unread.html")
+    page = parse(data.decode("utf-8"))
+    check([(r[0], r[3], r[12]) for r in page.tables["capture-table"][1:]] ==
+          [("missing.pcap", "0", "not opened"), ("wrong_linktype.pcap", "0", "not opened"),
+           ("ethernet_ipv4.pcap.gz", "0", "not decoded: no --udp-port"),
+           ("stats_a.pcap.gz", "6", "")], f"unread captures: {page.tables['capture-table']}")
+    check(page.ids.get("damaged-captures", "").strip() == "3", "three captures not read")
     # With a filter: the page says which, and counts the records it keeps.
     _, data = make_report("-Y", "module == RADIO:PHY && seq < 6", "--since",
                           "2023-11-14T22:13:20Z", *GOLDEN, name="filtered.html")

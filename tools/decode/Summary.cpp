@@ -431,10 +431,9 @@ void Summary::damaged(const char* what) {
     file.damage += what;
 }
 
-void Summary::captureFailed(std::string_view name, std::string_view why) {
+void Summary::captureFailed(std::string_view name, const char* why) {
     startCapture(name);
-    (void)why;
-    damaged("not opened");
+    damaged(why);
 }
 
 void Summary::event(const Tav::Event& event) {

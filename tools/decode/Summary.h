@@ -97,7 +97,7 @@ struct CaptureRow {
     TimeSpan span;
     /// Empty, or what damaged the capture ("truncated", "oversized record",
     /// "damaged compressed data", "read error", "bytes skipped",
-    /// "not opened"), separated by ", ".
+    /// "not opened", "not decoded: no --udp-port"), separated by ", ".
     std::string damage;
 };
 
@@ -141,8 +141,8 @@ class Summary {
     void record(const Tav::Record& record);
     void record(const RecordFacts& facts);
     void event(const Tav::Event& event);
-    /// A capture that could not be opened or read at all.
-    void captureFailed(std::string_view name, std::string_view why);
+    /// A capture that could not be opened or decoded at all, and why.
+    void captureFailed(std::string_view name, const char* why);
 
     /// Appends a record's facts to `out` (in a worker thread, after its
     /// rendering); takeFacts() takes them off again in capture order.

@@ -382,6 +382,7 @@ class Run {
 
     void decodeFile(const CaptureInput& input) {
         if (input.statError != 0) {
+            notDecoded(input.name, "not opened");
             fail("cannot open '%s': %s", input.name.c_str(), strerror(input.statError));
             return;
         }
@@ -475,9 +476,17 @@ class Run {
         return true;
     }
 
+    /// A capture that the summary lists without records.
+    void notDecoded(const std::string& name, const char* why) {
+        if (summary_ != nullptr) {
+            summary_->captureFailed(name, why);
+        }
+    }
+
     /// Says why a capture that did not open is not decoded.
     /// `current`: next() already moved to the first event.
     void reportUnopened(Tav::CaptureStream& stream, const std::string& name, bool current = false) {
+        notDecoded(name, "not opened");
         while (current || stream.next()) {
             current = false;
             const Tav::Event* event = stream.event();
@@ -524,6 +533,7 @@ class Run {
         }
         while (!interrupted.load() && stream.next()) {
         }
+        notDecoded(name, "not decoded: no --udp-port");
         const std::string ports = portList(stream.udpPorts());
         const std::string seen = ports.empty() ? " (no UDP datagram in it)"
                                                : " (UDP destination ports seen: " + ports + ")";
@@ -748,6 +758,7 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
             continue;
         }
         if (input.statError != 0) {
+            notDecoded(input.name, "not opened");
             fail("cannot open '%s': %s", input.name.c_str(), strerror(input.statError));
             continue;
         }
