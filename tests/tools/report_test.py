@@ -217,13 +217,17 @@ def case_static():
     shutil.copy(os.path.join(CAPS, "stats_a.pcap.gz"), os.path.join(odd, name))
     bad = os.path.join(os.fsencode(odd), b"bad\xff.pcap")
     shutil.copy(os.path.join(CAPS, "stats_a.pcap.gz"), bad)
-    _, data = make_report(name, "bad\udcff.pcap", cwd=odd, name="odd.html")
+    shutil.copy(os.path.join(CAPS, "stats_a.pcap.gz"), os.path.join(odd, "ctl\x01\x7f.pcap"))
+    _, data = make_report(name, "bad\udcff.pcap", "ctl\x01\x7f.pcap", cwd=odd, name="odd.html")
+    # Control characters as their control pictures, U+2401 and U+2421.
+    check(b"ctl&#x2401;&#x2421;.pcap" in data, "control characters as control pictures")
     check(b"<b>" not in data.split(b"<body>")[1].replace(b"<b>and</b>", b""),
           "no markup from a capture name")
     check("&lt;b&gt;&amp;&quot;x&#39;\xe9.pcap".encode() in data, "the name escaped")
     check(b"bad&#xFF;.pcap" in data, "a byte that is not UTF-8 as a character reference")
     page = parse(data.decode("utf-8"))
-    check([r[0] for r in page.tables["capture-table"][1:]] == [name, "bad\xff.pcap"],
+    check([r[0] for r in page.tables["capture-table"][1:]] ==
+          [name, "bad\xff.pcap", "ctl\u2401\u2421.pcap"],
           f"names read back: {page.tables['capture-table']}")
     # The size depends on the modules, logs and buckets, not on the records:
     # 100,000 and 200,000 records of the same mix (enough gaps and reorders
