@@ -17,6 +17,8 @@
 #     off and on;
 #   - binlog-decode on the uncompressed and on the Ethernet capture;
 #   - binlog-decode --format json and --format csv;
+#   - binlog-decode --summary and --report FILE (the summary table and the
+#     HTML report on top of the text lines);
 #   - binlog-decode with a filter that keeps about 1 % of the records, by
 #     level (level == CRITICAL) and by module and log.
 # Reports the median of RUNS runs as records per second, the ratio of each
@@ -147,6 +149,9 @@ for run in $(seq "$runs"); do
     measure decode_json "$decode" -j 1 --format json "$work/dict" "$work/capture.pcap.gz"
     measure decode_json2 "$decode" -j 2 --format json "$work/dict" "$work/capture.pcap.gz"
     measure decode_csv2 "$decode" -j 2 --format csv "$work/dict" "$work/capture.pcap.gz"
+    measure summary2 "$decode" -j 2 --summary "$work/dict" "$work/capture.pcap.gz"
+    measure report2 "$decode" -j 2 --report "$work/report.html" "$work/dict" \
+        "$work/capture.pcap.gz"
     measure filter_level "$decode" -j 2 --filter 'level == CRITICAL' "$work/dict" \
         "$work/capture.pcap.gz"
     measure filter_log "$decode" -j 2 --filter 'module == SUB3:mod3 && log == Timer' \
@@ -184,6 +189,8 @@ report "binlog-decode -j 2, Ethernet capture" decode_eth gzip_eth
 report "binlog-decode -j 1 --format json" decode_json gzip
 report "binlog-decode -j 2 --format json" decode_json2 gzip
 report "binlog-decode -j 2 --format csv" decode_csv2 gzip
+report "binlog-decode -j 2 --summary" summary2 gzip
+report "binlog-decode -j 2 --report FILE" report2 gzip
 report "binlog-decode -j 2 -Y 'level == CRITICAL'" filter_level gzip
 report "binlog-decode -j 2 -Y module and log" filter_log gzip
 printf '%-40s peak RSS %.1f MiB (20000 records) vs %.1f MiB (%s records)\n' "memory" \

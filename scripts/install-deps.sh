@@ -6,8 +6,9 @@
 #
 #   scripts/install-deps.sh [--tests] [--bench] [extra-package ...]
 #
-#   --tests   also GoogleTest (WEXBL_BUILD_TESTS), and Python 3 and jq, which
-#             check the JSON and CSV output
+#   --tests   also GoogleTest (WEXBL_BUILD_TESTS), Python 3 and jq, which
+#             check the JSON and CSV output, and chromium, which renders the
+#             HTML report in the browser tests
 #   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
 set -euo pipefail
 exec >&2
@@ -15,7 +16,7 @@ exec >&2
 packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libisal-dev)
 while [ $# -gt 0 ]; do
     case $1 in
-    --tests) packages+=(libgtest-dev python3 jq) ;;
+    --tests) packages+=(libgtest-dev python3 jq chromium) ;;
     --bench) packages+=(libbenchmark-dev isal) ;;
     *) packages+=("$1") ;;
     esac

@@ -78,6 +78,30 @@ void printUsage(FILE* to) {
             "      --unknown=hex        print a record of an unknown log id as a line of\n"
             "                           its own with its payload in hex (default: skip)\n"
             "\n"
+            "Summary and report:\n"
+            "      --summary            after the records, a table per module (see below)\n"
+            "      --summary-only       the table alone: no records, no statistics lines\n"
+            "      --report FILE        write an HTML report of the records kept (charts\n"
+            "                           and tables in one self-contained page) to FILE;\n"
+            "                           combines with any format, filter and --summary\n"
+            "\n"
+            "The summary has one row per module (\"SUBSYSTEM:module\", 0xKEY for a module\n"
+            "the dictionary lacks, (syslog), (capture)), in byte order of the names, and\n"
+            "a last row (total). Columns: module, first, last (the earliest and latest\n"
+            "record time, as the JSON \"time\" field; - or empty or null for none),\n"
+            "records (records shown), gaps, missing, reorders (the gap and reorder\n"
+            "events of the --stats statistics, so missing and reorders add up to their\n"
+            "missingRecords and outOfOrderRecords; a late record is taken off its own\n"
+            "module's missing, or off the module with the most when its own has none),\n"
+            "duplicates (a sequence number equal to the module's last one, which the\n"
+            "statistics skip), unknown_ids, version_mismatches, level_errors and\n"
+            "malformed (unknown packet types, syslog records too short). Text: aligned\n"
+            "columns with a header line; json: one object per row,\n"
+            "{\"summary\":\"module\",\"module\":...} and {\"summary\":\"total\",...}, keys\n"
+            "in column order; csv: a header row and one row per line (CR LF), on\n"
+            "standard error when records are written too. Gaps, missing and reorders\n"
+            "count every record read; the other columns the records the filter keeps.\n"
+            "\n"
             "Selecting:\n"
             "  -Y, --filter EXPR        only the records EXPR keeps, e.g.\n"
             "                           'level <= WARN && module == L2:mac && ueId == 17'\n"
@@ -227,6 +251,9 @@ enum LongOnly {
     kRotateSeconds,
     kBufferSize,
     kNoLint,
+    kSummary,
+    kSummaryOnly,
+    kReport,
 };
 
 /// Parses "PORT", "ADDRESS:PORT" or "[IPV6-ADDRESS]:PORT" (numeric
@@ -323,6 +350,9 @@ int parseCommandLine(int argc, char** argv, Options& options) {
         {"buffer-size", required_argument, nullptr, kBufferSize},
         {"line-buffered", no_argument, nullptr, kLineBuffered},
         {"no-lint", no_argument, nullptr, kNoLint},
+        {"summary", no_argument, nullptr, kSummary},
+        {"summary-only", no_argument, nullptr, kSummaryOnly},
+        {"report", required_argument, nullptr, kReport},
         {nullptr, 0, nullptr, 0},
     };
     // getopt_long names the program by argv[0] in its messages; name it as
@@ -505,6 +535,20 @@ int parseCommandLine(int argc, char** argv, Options& options) {
             case kNoLint:
                 options.lint = false;
                 break;
+            case kSummary:
+                options.summary = true;
+                break;
+            case kSummaryOnly:
+                options.summary = true;
+                options.summaryOnly = true;
+                break;
+            case kReport:
+                if (*optarg == '\0') {
+                    message("invalid --report '': expected a file name");
+                    return kExitUsage;
+                }
+                options.reportPath = optarg;
+                break;
             case 'h':
                 printUsage(stdout);
                 return kExitOk;
@@ -536,6 +580,10 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     if (options.listen && (options.follow || options.merge)) {
         return usage(options.follow ? "--follow reads captures: not with --listen"
                                     : "--merge reads captures: not with --listen");
+    }
+    if (options.listen && (options.summary || options.reportPath != nullptr)) {
+        return usage(options.summary ? "--summary reads captures: not with --listen"
+                                     : "--report reads captures: not with --listen");
     }
     if (options.follow && options.merge) {
         return usage("--follow and --merge cannot be combined");

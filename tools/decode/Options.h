@@ -67,6 +67,13 @@ struct Options {
     /// Check the dictionary when it is loaded and show its errors as
     /// warnings (--no-lint: not).
     bool lint = true;
+
+    /// --summary: the per-module table at the end; --summary-only: the
+    /// table and no records.
+    bool summary = false;
+    bool summaryOnly = false;
+    /// --report FILE: the HTML report written there (null: none).
+    const char* reportPath = nullptr;
 };
 
 /// Reads the command line into `options`. Returns -1 to go on, or the exit

@@ -44,6 +44,8 @@
 #include "Options.h"
 #include "Output.h"
 #include "Progress.h"
+#include "Report.h"
+#include "Summary.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/Filter.h"
 #include "WexOamBinLogXmlReader/ParallelStream.h"
@@ -350,6 +352,8 @@ class Run {
     void merge(const std::vector<CaptureInput>& inputs);
 
     int status() const { return status_; }
+    /// --summary and --report: what the run counts (null: nothing).
+    void setSummary(wexbl_decode::Summary* summary) { summary_ = summary; }
     bool done() const { return interrupted.load() || limitReached(); }
 
   private:
@@ -373,7 +377,9 @@ class Run {
         Tav::StreamOptions options;
         options.udpPort = static_cast<std::uint16_t>(options_.udpPort < 0 ? 0 : options_.udpPort);
         options.maxVarBinaryBytes = static_cast<std::uint16_t>(options_.maxVarBytes);
-        options.stats = options_.stats;
+        // The summary counts the statistics' gaps and reorders; they are
+        // shown only with --stats.
+        options.stats = options_.stats || summary_ != nullptr;
         options.utcOffsetMinutes = static_cast<int>(options_.utcOffset);
         // A text tally needs no line, but a filter that compares a value's
         // text (an enumeration name) needs the values' texts.
@@ -394,6 +400,7 @@ class Run {
 
     void decodeFile(const CaptureInput& input) {
         if (input.statError != 0) {
+            notDecoded(input.name, "not opened");
             fail("cannot open '%s': %s", input.name.c_str(), strerror(input.statError));
             return;
         }
@@ -487,9 +494,17 @@ class Run {
         return true;
     }
 
+    /// A capture that the summary lists without records.
+    void notDecoded(const std::string& name, const char* why) {
+        if (summary_ != nullptr) {
+            summary_->captureFailed(name, why);
+        }
+    }
+
     /// Says why a capture that did not open is not decoded.
     /// `current`: next() already moved to the first event.
     void reportUnopened(Tav::CaptureStream& stream, const std::string& name, bool current = false) {
+        notDecoded(name, "not opened");
         while (current || stream.next()) {
             current = false;
             const Tav::Event* event = stream.event();
@@ -536,6 +551,7 @@ class Run {
         }
         while (!interrupted.load() && stream.next()) {
         }
+        notDecoded(name, "not decoded: no --udp-port");
         const std::string ports = portList(stream.udpPorts());
         const std::string seen = ports.empty() ? " (no UDP datagram in it)"
                                                : " (UDP destination ports seen: " + ports + ")";
@@ -556,7 +572,12 @@ class Run {
     /// One item of a stream; false once the run should stop.
     bool handle(Tav::CaptureStream& stream, Writer& writer) {
         if (const Tav::Record* record = stream.record()) {
-            writer.record(*record);
+            if (summary_ != nullptr) {
+                summary_->record(*record);
+            }
+            if (!options_.summaryOnly) {
+                writer.record(*record);
+            }
             ++records_;
             progress_.update(stream.inputBytesRead(), records_);
             return !limitReached();
@@ -568,8 +589,16 @@ class Run {
         if (event.kind == Tav::EventKind::Summary) {
             summarySeen_ = true;
         }
+        if (summary_ != nullptr) {
+            summary_->event(event);
+        }
         if (event.stream == Tav::EventStream::Output) {
-            writer.outputEvent(event);
+            const bool statistics = event.kind == Tav::EventKind::Gap ||
+                                    event.kind == Tav::EventKind::Reorder ||
+                                    event.kind == Tav::EventKind::Summary;
+            if (!options_.summaryOnly && (options_.stats || !statistics)) {
+                writer.outputEvent(event);
+            }
             return true;
         }
         if (event.kind == Tav::EventKind::UnknownLogId && options_.unknownHex) {
@@ -577,7 +606,9 @@ class Run {
         } else if (diagnostics_.report(event)) {
             status_ = kExitFailure;  // a damaged capture
         }
-        writer.errorEvent(event);
+        if (!options_.summaryOnly) {
+            writer.errorEvent(event);
+        }
         return true;
     }
 
@@ -585,7 +616,13 @@ class Run {
     /// event as handle() takes it.
     bool handleParallel(Tav::CaptureStream& stream, Tav::ParallelStream& workers) {
         if (workers.isRecord()) {
-            out_.write(workers.rendered());
+            std::string_view rendered = workers.rendered();
+            if (summary_ != nullptr) {
+                wexbl_decode::RecordFacts facts;
+                rendered = wexbl_decode::Summary::takeFacts(rendered, facts);
+                summary_->record(facts);
+            }
+            out_.write(rendered);
             ++records_;
             progress_.update(stream.inputBytesRead(), records_);
             return !limitReached();
@@ -628,6 +665,9 @@ class Run {
                       const struct stat* followed, bool inParallel = false) {
         Active registered(stream);
         diagnostics_.startCapture(name);
+        if (summary_ != nullptr) {
+            summary_->startCapture(name);
+        }
         progress_.startCapture(name, size);
         // A followed capture or a pipe may not have its header yet: next()
         // then waits for it, else it hands out why the capture did not open.
@@ -647,10 +687,18 @@ class Run {
         summarySeen_ = false;
         if (inParallel) {
             const Writer& writer = writer_;
-            Tav::ParallelStream workers(stream, jobs_,
-                                        [&writer](const Tav::Record& record, std::string& out) {
-                                            writer.render(record, out);
-                                        });
+            const bool facts = summary_ != nullptr;
+            const bool lines = !options_.summaryOnly;
+            Tav::ParallelStream workers(
+                stream, jobs_,
+                [&writer, facts, lines](const Tav::Record& record, std::string& out) {
+                    if (lines) {
+                        writer.render(record, out);
+                    }
+                    if (facts) {
+                        wexbl_decode::Summary::appendFacts(record, out);
+                    }
+                });
             while (workers.next()) {
                 if (!handleParallel(stream, workers)) {
                     stream.requestStop();
@@ -674,7 +722,7 @@ class Run {
         }
         // (A read that a signal interrupts ends the capture, summary
         // included.)
-        if (done() && !summarySeen_) {
+        if (done() && !summarySeen_ && options_.stats && !options_.summaryOnly) {
             // The statistics of what was read before the signal or the
             // last record asked for.
             const std::string statistics = stream.statisticsSoFar();
@@ -692,6 +740,7 @@ class Run {
     Diagnostics& diagnostics_;
     Progress& progress_;
     std::string& activity_;
+    wexbl_decode::Summary* summary_ = nullptr;
     Tav::StreamSession session_;
     /// Decoding workers for a capture file (1: none, the run's own thread).
     unsigned jobs_;
@@ -727,6 +776,7 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
             continue;
         }
         if (input.statError != 0) {
+            notDecoded(input.name, "not opened");
             fail("cannot open '%s': %s", input.name.c_str(), strerror(input.statError));
             continue;
         }
@@ -768,7 +818,12 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
         diagnostics_.startCapture(source.name);
         while (source.stream->next()) {
             if (const Tav::Record* record = source.stream->record()) {
-                source.writer->record(*record);
+                if (summary_ != nullptr) {
+                    summary_->record(*record);
+                }
+                if (!options_.summaryOnly) {
+                    source.writer->record(*record);
+                }
                 source.seconds = record->pcapHeader.tsSec;
                 source.microseconds = record->pcapHeader.tsUsec;
                 source.number = record->number;
@@ -811,7 +866,9 @@ void Run::merge(const std::vector<CaptureInput>& inputs) {
     for (Source& source : sources) {
         if (!source.ended) {
             diagnostics_.startCapture(source.name);
-            out_.write(source.stream->statisticsSoFar());
+            if (options_.stats && !options_.summaryOnly) {
+                out_.write(source.stream->statisticsSoFar());
+            }
             closeCapture(*source.stream);
         }
     }
@@ -902,6 +959,13 @@ int run(int argc, char** argv, std::string& activity) {
                 same->name.c_str());
         return kExitUsage;
     }
+    if (options.reportPath != nullptr) {
+        if (const CaptureInput* same = wexbl_decode::findSameFile(inputs, -1, options.reportPath)) {
+            message("the report '%s' is the capture '%s': refusing to overwrite it",
+                    options.reportPath, same->name.c_str());
+            return kExitUsage;
+        }
+    }
 
     // The library takes the directory as a literal path prefix.
     std::string dictionary = options.dictionary;
@@ -967,9 +1031,19 @@ int run(int argc, char** argv, std::string& activity) {
     }
     Run decoder(reader, options, filter.get(), output, writer, diagnostics, progress, activity,
                 jobs);
+    std::unique_ptr<wexbl_decode::Summary> summary;
+    if (options.summary || options.reportPath != nullptr) {
+        summary = std::make_unique<wexbl_decode::Summary>(reader, options.utcOffset);
+        if (options.merge) {
+            summary->separateStatistics();
+        }
+        decoder.setSummary(summary.get());
+    }
     installSignalHandlers();
 
-    writer.start();
+    if (!options.summaryOnly) {
+        writer.start();
+    }
     int listenStatus = kExitOk;
     if (options.listen) {
         installSummarySignal();
@@ -983,8 +1057,28 @@ int run(int argc, char** argv, std::string& activity) {
             decoder.decode(input);
         }
     }
-    writer.finish();
+    if (!options.summaryOnly) {
+        writer.finish();
+    }
     progress.erase();
+    if (summary && options.summary) {
+        // A CSV file holds records only: with records the table goes to
+        // standard error, as the statistics do.
+        const std::string table = summary->table(options.format);
+        if (options.format == Format::Csv && !options.summaryOnly) {
+            output.flush();
+            fwrite(table.data(), 1, table.size(), stderr);
+        } else {
+            output.write(table);
+        }
+    }
+    if (summary && options.reportPath != nullptr) {
+        activity = std::string("writing the report '") + options.reportPath + "'";
+        if (!wexbl_decode::writeReport(options.reportPath, *summary, reader, options)) {
+            message("cannot write the report '%s': %s", options.reportPath, strerror(errno));
+            return kExitFailure;
+        }
+    }
 
     activity = "writing the output";
     output.flush();

@@ -1,0 +1,276 @@
+// What binlog-decode counts for --summary and --report: per module the
+// records, their time span, sequence gaps, missing and reordered records,
+// repeated sequence numbers and the records that were not shown (unknown
+// log ids, version mismatches, levels out of range, malformed records);
+// per capture the same and whether it was damaged; and, for the report,
+// records over time in a fixed number of time buckets, the levels, the most
+// frequent logs and the unknown log ids. Memory does not grow with the
+// number of records: only with the modules, logs and levels seen.
+//
+// Fed in capture order from the thread that writes the output: records
+// (or the facts a worker thread appended to a record's rendering) and
+// events.
+#ifndef WEXBL_TOOLS_DECODE_SUMMARY_H
+#define WEXBL_TOOLS_DECODE_SUMMARY_H
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "BinaryLogXmlReader.h"
+#include "Options.h"
+#include "WexOamBinLogXmlReader/Record.h"
+
+namespace wexbl_decode {
+
+/// What the summary takes of a record.
+struct RecordFacts {
+    Tav::RecordKind kind = Tav::RecordKind::BinLog;
+    std::uint16_t moduleKey = 0;
+    std::uint16_t logIndex = 0;
+    std::uint16_t level = 0;
+    std::uint32_t seconds = 0;
+    std::uint32_t microseconds = 0;
+    std::uint32_t seqNo = 0;
+    std::uint32_t logId = 0;
+    std::uint32_t packetType = 0;
+    std::uint64_t number = 0;
+    std::string_view subsystem;
+    std::string_view module;
+    /// The log's name; a syslog record's tag.
+    std::string_view log;
+    std::string_view levelName;
+};
+
+/// A time as the JSON "time" field shows it: shown seconds and microseconds.
+struct ShownTime {
+    std::uint32_t seconds = 0;
+    std::uint32_t microseconds = 0;
+    std::int64_t micros() const {
+        return static_cast<std::int64_t>(seconds) * 1000000 + microseconds;
+    }
+};
+
+/// The earliest and the latest record time.
+struct TimeSpan {
+    bool any = false;
+    ShownTime first;
+    ShownTime last;
+    void add(ShownTime time);
+    void add(const TimeSpan& other);
+};
+
+struct Counts {
+    std::uint64_t records = 0;
+    std::uint64_t gaps = 0;
+    std::uint64_t missing = 0;
+    std::uint64_t reorders = 0;
+    std::uint64_t duplicates = 0;
+    std::uint64_t unknownIds = 0;
+    std::uint64_t versionMismatches = 0;
+    std::uint64_t levelErrors = 0;
+    std::uint64_t malformed = 0;
+    void add(const Counts& other);
+};
+
+/// One row of the module table.
+struct ModuleRow {
+    std::string name;
+    Counts counts;
+    TimeSpan span;
+    /// Records per level number: levels 0 to 15 in an array (counted for
+    /// every record), the others in a map.
+    std::array<std::uint64_t, 16> lowLevels{};
+    std::map<std::uint16_t, std::uint64_t> highLevels;
+    /// Records per level number, the levels that have any.
+    std::map<std::uint16_t, std::uint64_t> levels() const;
+};
+
+/// One row of the capture table.
+struct CaptureRow {
+    std::string name;
+    Counts counts;
+    TimeSpan span;
+    /// Empty, or what damaged the capture ("truncated", "oversized record",
+    /// "damaged compressed data", "read error", "bytes skipped",
+    /// "not opened", "not decoded: no --udp-port"), separated by ", ".
+    std::string damage;
+};
+
+/// A gap or a reorder, where it happened.
+struct Mark {
+    bool gap = true;
+    std::size_t row = 0;
+    std::int32_t lastSeqNo = 0;
+    std::int32_t seqNo = 0;
+    std::int32_t missing = 0;
+    ShownTime time;
+    bool timed = false;
+};
+
+/// An unknown log id: how often, and where first.
+struct UnknownId {
+    std::uint64_t count = 0;
+    std::string capture;
+    std::uint64_t record = 0;
+};
+
+class Summary {
+  public:
+    /// Buckets of the time charts.
+    static constexpr std::size_t kBuckets = 120;
+    /// Gaps and reorders kept for the timeline: when there are more, every
+    /// second one is dropped and from then on only every second one kept
+    /// (and so on), an even sample over the whole run.
+    static constexpr std::size_t kMaxMarks = 500;
+    /// Distinct syslog tags and unknown log ids kept (more are not listed).
+    static constexpr std::size_t kMaxLogs = 20000;
+    static constexpr std::size_t kMaxUnknownIds = 20000;
+
+    Summary(const Tav::BinaryLogXmlReader& reader, long utcOffsetMinutes);
+
+    /// --merge: every capture has statistics of its own (else one run of
+    /// statistics goes from one capture to the next, as the stream
+    /// session's).
+    void separateStatistics() { separate_ = true; }
+    void startCapture(std::string_view name);
+    void record(const Tav::Record& record);
+    void record(const RecordFacts& facts);
+    void event(const Tav::Event& event);
+    /// A capture that could not be opened or decoded at all, and why.
+    void captureFailed(std::string_view name, const char* why);
+
+    /// Appends a record's facts to `out` (in a worker thread, after its
+    /// rendering); takeFacts() takes them off again in capture order.
+    static void appendFacts(const Tav::Record& record, std::string& out);
+    /// Splits `rendered` into the rendering and the facts after it.
+    static std::string_view takeFacts(std::string_view rendered, RecordFacts& facts);
+
+    /// The table in a format (layouts in the README and --help).
+    std::string table(Format format) const;
+
+    /// The rows in table order (by name, bytewise).
+    std::vector<const ModuleRow*> sortedRows() const;
+    const std::vector<ModuleRow>& rows() const { return rows_; }
+    const std::vector<CaptureRow>& captures() const { return captures_; }
+    Counts totals() const;
+    TimeSpan span() const;
+    long utcOffset() const { return utcOffset_; }
+
+    /// Time buckets: the first bucket's start and the width, in shown
+    /// microseconds; per row its records per bucket.
+    std::int64_t bucketOrigin() const { return origin_; }
+    std::int64_t bucketWidth() const { return width_; }
+    const std::vector<std::vector<std::uint64_t>>& rowBuckets() const { return rowBuckets_; }
+    /// Records of levels 1 (CRITICAL) and 2 (ERROR) per bucket.
+    const std::vector<std::uint64_t>& criticalBuckets() const { return criticalBuckets_; }
+    const std::vector<std::uint64_t>& errorBuckets() const { return errorBuckets_; }
+    const std::vector<Mark>& marks() const { return marks_; }
+    /// Gaps and reorders in all, and the sample's step (1: all kept).
+    std::uint64_t marksSeen() const { return marksSeen_; }
+    std::uint64_t marksStride() const { return marksStride_; }
+    /// Records per (row, log name); a syslog record's tag is its log.
+    std::map<std::pair<std::size_t, std::string>, std::uint64_t> logs() const;
+    const std::map<std::uint32_t, UnknownId>& unknownIds() const { return unknownIds_; }
+    std::uint64_t unknownIdsDropped() const { return unknownIdsDropped_; }
+    /// Records per dictionary log id (module key << 16 | log index).
+    const std::map<std::uint32_t, std::uint64_t>& seenLogIds() const { return seenLogIds_; }
+    /// The level names seen, by number.
+    const std::map<std::uint16_t, std::string>& levelNames() const { return levelNames_; }
+    const std::vector<std::string>& captureNames() const { return captureNames_; }
+
+    /// "2024-05-01T14:00:00.020+02:00": a time as the JSON "time" field.
+    std::string formatTime(ShownTime time) const;
+    /// The row name of a module key: "SUBSYSTEM:module", or "0x0707".
+    std::string moduleName(std::uint16_t key) const;
+
+  private:
+    std::size_t rowFor(std::uint32_t key, std::string_view subsystem, std::string_view module);
+    std::size_t moduleRow(std::uint16_t key);
+    CaptureRow& capture();
+    /// Counts the waiting gaps and reorders: those of record `number` in
+    /// `row` at `time`, the others in their module's row.
+    void resolvePending(std::uint64_t number, std::size_t row, const ShownTime* time);
+    void addMark(const Mark& mark);
+    void rescale(std::int64_t time);
+    void countSequence(std::uint32_t packetType, std::uint32_t logId, std::uint32_t seqNo,
+                       std::size_t row);
+    void addToBuckets(std::size_t row, ShownTime time, std::uint16_t level);
+    void damaged(const char* what);
+
+    const Tav::BinaryLogXmlReader& reader_;
+    long utcOffset_;
+    std::vector<ModuleRow> rows_;
+    std::map<std::uint32_t, std::size_t> rowIndex_;
+    /// The row, log and sequence space of the record before: most records
+    /// are of the module and log of the one before.
+    std::uint32_t lastRowKey_ = 0xffffffff;
+    std::size_t lastRow_ = 0;
+    std::uint32_t lastLogId_ = 0xffffffff;
+    std::uint64_t* lastLogCount_ = nullptr;
+    std::uint32_t* lastSeqEntry_ = nullptr;
+    std::uint32_t lastSeqKey_ = 0;
+    std::vector<CaptureRow> captures_;
+    std::vector<std::string> captureNames_;
+    std::map<std::string, std::size_t, std::less<>> captureIndex_;
+    std::size_t current_ = 0;
+    bool hasCapture_ = false;
+    /// The earliest and latest bucketed times.
+    std::int64_t lowest_ = 0;
+    std::int64_t highest_ = 0;
+
+    /// What the summary follows of one run of statistics.
+    struct Statistics {
+        /// Their count of missing records (one for all modules, as theirs),
+        /// and per row the missing records of it attributed to the row.
+        std::uint64_t missing = 0;
+        std::vector<std::uint64_t> rowMissing;
+        /// The last sequence number per sequence space, by the statistics'
+        /// rule, to tell repeated numbers.
+        std::map<std::uint32_t, std::uint32_t> lastSeq;
+    };
+    Statistics& statistics();
+    bool separate_ = false;
+    /// One, or with separate statistics one per capture.
+    std::vector<Statistics> statistics_;
+    /// Gaps and reorders waiting for the record that revealed them.
+    struct Pending {
+        bool gap = true;
+        std::uint16_t module = 0;
+        std::int32_t lastSeqNo = 0;
+        std::int32_t seqNo = 0;
+        std::int32_t missing = 0;
+        std::uint64_t record = 0;
+    };
+    std::vector<Pending> pending_;
+    ShownTime lastTime_;
+    bool anyTime_ = false;
+
+    std::int64_t origin_ = 0;
+    std::int64_t width_ = 1000;
+    bool bucketsStarted_ = false;
+    std::vector<std::vector<std::uint64_t>> rowBuckets_;
+    std::vector<std::uint64_t> criticalBuckets_;
+    std::vector<std::uint64_t> errorBuckets_;
+    std::vector<Mark> marks_;
+    std::uint64_t marksSeen_ = 0;
+    std::uint64_t marksStride_ = 1;
+    /// Marks waiting for a time: that of the next record.
+    std::vector<std::size_t> untimed_;
+    /// Syslog records per tag (at most kMaxLogs tags), and the names of
+    /// the logs seen.
+    std::map<std::string, std::uint64_t, std::less<>> tags_;
+    std::map<std::uint32_t, std::pair<std::size_t, std::string>> logNames_;
+    std::map<std::uint32_t, UnknownId> unknownIds_;
+    std::uint64_t unknownIdsDropped_ = 0;
+    std::map<std::uint32_t, std::uint64_t> seenLogIds_;
+    std::map<std::uint16_t, std::string> levelNames_;
+};
+
+}  // namespace wexbl_decode
+
+#endif
