@@ -36,7 +36,7 @@ for pkg in "${needed[@]}"; do
         missing+=("$pkg")
 done
 if [ ${#missing[@]} -ne 0 ]; then
-    say "missing packages; run: scripts/install-deps.sh ${missing[*]}"
+    say "missing packages (${missing[*]}); run: scripts/install-deps.sh --debs"
     exit 1
 fi
 

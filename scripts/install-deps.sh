@@ -4,11 +4,14 @@
 # apt-get; otherwise it prints the command. Everything it prints goes to
 # standard error.
 #
-#   scripts/install-deps.sh [--tests] [--bench] [extra-package ...]
+#   scripts/install-deps.sh [--tests] [--bench] [--debs] [extra-package ...]
 #
 #   --tests   also GoogleTest (WEXBL_BUILD_TESTS), and Python 3 and jq, which
 #             check the JSON and CSV output
 #   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
+#   --debs    also what building and checking the Debian packages needs
+#             (scripts/build-debs.sh, scripts/test-debs.sh; the armhf cross
+#             toolchain comes from scripts/setup-arm.sh)
 set -euo pipefail
 exec >&2
 
@@ -17,6 +20,7 @@ while [ $# -gt 0 ]; do
     case $1 in
     --tests) packages+=(libgtest-dev python3 jq) ;;
     --bench) packages+=(libbenchmark-dev isal) ;;
+    --debs) packages+=(dpkg-dev debhelper help2man lintian debootstrap) ;;
     *) packages+=("$1") ;;
     esac
     shift
