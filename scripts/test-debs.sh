@@ -154,8 +154,11 @@ fresh_root() {
 
 test_amd64() {
     local lib tools dev
-    lib=$(deb amd64 $library_package) && tools=$(deb amd64 $tools_package) &&
-        dev=$(deb amd64 libwexoambinlogxmlreader-dev) || { fail "amd64 packages built"; return; }
+    if ! { lib=$(deb amd64 $library_package) && tools=$(deb amd64 $tools_package) &&
+        dev=$(deb amd64 libwexoambinlogxmlreader-dev); }; then
+        fail "amd64 packages built"
+        return
+    fi
 
     local changes
     changes=$(compgen -G "$debs_dir/amd64/*_amd64.changes" | head -n1 || true)
@@ -214,6 +217,7 @@ test_amd64() {
     check "amd64 (minimal root): binlog-decode loads the packaged library ($got)" \
         test "$got" = "/lib/x86_64-linux-gnu/$soname" -o "$got" = "/usr/lib/x86_64-linux-gnu/$soname"
     local status=0
+    # shellcheck disable=SC2016 # expanded by the shell in the root
     "${in_root[@]}" sh -c 'cd "$1" && shift && exec binlog-decode "$@"' sh "/$examples" "${example_args[@]}" \
         >"$work/example.out" 2>"$work/example.err" || status=$?
     check "amd64 (minimal root): the bundled example exits 0" test "$status" = 0
@@ -232,8 +236,11 @@ test_amd64() {
 
 test_armhf() {
     local lib tools dev f
-    lib=$(deb armhf $library_package) && tools=$(deb armhf $tools_package) &&
-        dev=$(deb armhf libwexoambinlogxmlreader-dev) || { fail "armhf packages built"; return; }
+    if ! { lib=$(deb armhf $library_package) && tools=$(deb armhf $tools_package) &&
+        dev=$(deb armhf libwexoambinlogxmlreader-dev); }; then
+        fail "armhf packages built"
+        return
+    fi
     local ok=0
     for f in "$debs_dir"/armhf/*.deb; do
         [ "$(dpkg-deb -f "$f" Architecture)" = armhf ] || { echo "${f##*/}: not armhf"; ok=1; }
