@@ -48,12 +48,12 @@ tree_files() {
         done
 }
 
-# stage ARCH_DIR: copies the work tree to ARCH_DIR/src, keeping the CMake
-# build directory (obj-*) of the previous run. Prints nothing; returns 1
+# stage ARCH_DIR ARCH: copies the work tree to ARCH_DIR/src, keeping the CMake
+# build directory (obj-*) of the previous run where it was configured alike. Prints nothing; returns 1
 # when ARCH_DIR/src already holds these very files and packages were built
 # from them.
 stage() {
-    local dir=$1 stamp
+    local dir=$1 arch=$2 stamp key
     stamp=$(tree_files | tar -C "$root" --null -T - --sort=name --mtime=@0 --owner=0 \
         --group=0 --numeric-owner -cf - | sha256sum | cut -d' ' -f1)
     if [ "${DEBS_FRESH:-0}" != 1 ] && [ -f "$dir/stamp" ] &&
@@ -62,8 +62,15 @@ stage() {
     fi
     rm -f "$dir"/*.deb "$dir"/*.changes "$dir"/*.buildinfo "$dir/stamp"
     mkdir -p "$dir"
+    # CMake takes the compiler flags (dpkg-buildflags) and the toolchain file
+    # at the first configure only: a build directory made with other ones
+    # is not kept.
+    key=$(cat debian/rules "cmake/toolchain-$arch.cmake" 2>/dev/null |
+        cat - <(DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS:-} dpkg-architecture -a "$arch" -c dpkg-buildflags 2>/dev/null) |
+        sha256sum | cut -d' ' -f1)
     local keep=()
-    if [ "${DEBS_FRESH:-0}" != 1 ] && [ -d "$dir/src" ]; then
+    if [ "${DEBS_FRESH:-0}" != 1 ] && [ -d "$dir/src" ] && [ -f "$dir/configure-key" ] &&
+        [ "$(cat "$dir/configure-key")" = "$key" ]; then
         for obj in "$dir"/src/obj-*; do
             [ -d "$obj" ] && mv "$obj" "$dir/" && keep+=("${obj##*/}")
         done
@@ -75,6 +82,7 @@ stage() {
         mv "$dir/$obj" "$dir/src/$obj"
     done
     echo "$stamp" >"$dir/stamp.new"
+    echo "$key" >"$dir/configure-key"
 }
 
 # The host-architecture packages a cross build links against, each unpacked
@@ -106,7 +114,7 @@ cross_link_packages() {
 
 for arch in "${arches[@]}"; do
     dir=$debs_dir/$arch
-    if ! stage "$dir"; then
+    if ! stage "$dir" "$arch"; then
         say "$arch: packages in $dir are up to date"
         continue
     fi

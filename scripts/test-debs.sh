@@ -88,7 +88,8 @@ same_output() {
     return 1
 }
 
-# The tools of an unpacked package tree: one manual page each, no run path.
+# The tools of an unpacked package tree: one manual page each, no run path,
+# linked with Debian's hardening flags.
 check_tree() {
     local tree=$1 arch=$2 tool ok=0 count=0
     for tool in "$tree"/usr/bin/*; do
@@ -103,6 +104,11 @@ check_tree() {
         fi
         if grep -qE '\((RPATH|RUNPATH)\)' <<<"$(readelf -d "$tool")"; then
             echo "$name has a run path: $(readelf -d "$tool" | grep -E 'RPATH|RUNPATH')"
+            ok=1
+        fi
+        # Built with Debian's hardening flags (hardening=+all): bound at load time.
+        if ! grep -qE '\(FLAGS_1\) +Flags: .*\bNOW\b' <<<"$(readelf -d "$tool")"; then
+            echo "$name was not linked with -z now"
             ok=1
         fi
     done
@@ -172,7 +178,7 @@ test_amd64() {
     local tree=$work/amd64
     mkdir -p "$tree"
     for f in "$lib" "$tools" "$dev"; do dpkg-deb -x "$f" "$tree"; done
-    check "amd64: a manual page with examples for every tool, no run path" check_tree "$tree" amd64
+    check "amd64: a manual page with examples for every tool, no run path, -z now" check_tree "$tree" amd64
     check "amd64: the library is a 64-bit x86-64 ELF with SONAME $soname" \
         library_elf "$tree" ELF64 "Advanced Micro Devices X86-64"
     check "amd64: the tools depend on the library package and libxml2" \
@@ -252,7 +258,7 @@ test_armhf() {
     mkdir -p "$tree"
     for f in "$lib" "$tools" "$dev"; do dpkg-deb -x "$f" "$tree"; done
     check "armhf: the library is a 32-bit ARM ELF with SONAME $soname" library_elf "$tree" ELF32 ARM
-    check "armhf: a manual page with examples for every tool, no run path" check_tree "$tree" armhf
+    check "armhf: a manual page with examples for every tool, no run path, -z now" check_tree "$tree" armhf
     # The Depends name armhf packages of the Debian archive, not the cross
     # toolchain's.
     check "armhf: the tools depend on the library package, libxml2 and libc6" \
