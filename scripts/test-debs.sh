@@ -3,10 +3,12 @@
 # build-debs/<arch>/, or DEBS_DIR):
 #
 #   amd64: lintian reports no errors; the tools have a manual page each and no
-#          run path, and depend on the library package; installed into a
-#          fresh minimal Debian root (debootstrap --variant=minbase, chroot,
-#          dependencies from the Debian mirror) they print their version and
-#          decode the bundled example from the installed files alone.
+#          run path, and depend on the library package; a program builds
+#          against the development package (CMake package and pkg-config);
+#          installed into a fresh minimal Debian root (debootstrap
+#          --variant=minbase, chroot, dependencies from the Debian mirror)
+#          the tools print their version and decode the bundled example from
+#          the installed files alone.
 #   armhf: every package says Architecture: armhf; the library is a 32-bit
 #          ARM ELF with the SONAME libWexOamBinLogXmlReader.so.2; the tools,
 #          unpacked with the library, run under qemu-arm against that library
@@ -136,6 +138,34 @@ depends_on() {
     grep -qE "$2" <<<"$depends" || { echo "${1##*/}: Depends: $depends (wants $2)"; return 1; }
 }
 
+# dev_consumers TREE: the small consumer program of the tests, built against
+# the library and development packages unpacked into TREE through the CMake
+# package and through pkg-config, loads the example dictionary.
+dev_consumers() {
+    local tree=$1 libdir got
+    libdir=$tree/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+    if ! { cmake -S tests/consumer -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$tree/usr" &&
+        cmake --build "$work/cmake-consumer"; } >"$work/consumer.log" 2>&1; then
+        tail -n 20 "$work/consumer.log"
+        return 1
+    fi
+    got=$(LD_LIBRARY_PATH=$libdir "$work/cmake-consumer/consumer" examples/dictionary/ 2>&1)
+    [[ "$got" =~ ^modules=[1-9][0-9]*\ levels=9$ ]] || { echo "CMake package consumer printed '$got'"; return 1; }
+    local flags
+    flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs WexOamBinLogXmlReader) || return 1
+    local include
+    include=$(grep -oE -- '-I[^ ]*/include/WexOamBinLogXmlReader( |$)' <<<"$flags" | head -n1 || true)
+    include=${include#-I}
+    if [ -z "$include" ] || [ "$(realpath -m "${include% }")" != "$tree/usr/include/WexOamBinLogXmlReader" ]; then
+        echo "pkg-config flags do not name the unpacked headers: $flags"
+        return 1
+    fi
+    # shellcheck disable=SC2086 # the flags are words
+    c++ -std=c++17 tests/consumer/consumer.cpp -o "$work/pc-consumer" $flags || return 1
+    got=$(LD_LIBRARY_PATH=$libdir "$work/pc-consumer" examples/dictionary/ 2>&1)
+    [[ "$got" =~ ^modules=[1-9][0-9]*\ levels=9$ ]] || { echo "pkg-config consumer printed '$got'"; return 1; }
+}
+
 # A pristine minimal root, unpacked for this run from the cached one.
 fresh_root() {
     local dir=$1 cache=$debs_dir/cache
@@ -185,6 +215,9 @@ test_amd64() {
         depends_on "$tools" "$library_package \(>= $version\).*libxml2 \(|libxml2 \(.*$library_package \(>= $version\)"
     check "amd64: the library has a shlibs file" \
         sh -c "dpkg-deb --ctrl-tarfile '$lib' | tar -xOf - ./shlibs | grep -qx 'libWexOamBinLogXmlReader 2 $library_package (>= $version)'"
+
+    check "amd64: a program builds against the unpacked -dev package (CMake package, pkg-config)" \
+        dev_consumers "$tree"
 
     # The fresh minimal root.
     if [ "$(id -u)" -ne 0 ]; then
