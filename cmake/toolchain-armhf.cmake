@@ -12,6 +12,10 @@ if(NOT WEXBL_ARM_SYSROOT)
   get_filename_component(WEXBL_ARM_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build-arm-sysroot" ABSOLUTE)
 endif()
 set(WEXBL_ARM_SYSROOT "${WEXBL_ARM_SYSROOT}" CACHE PATH "armhf libraries unpacked by scripts/setup-arm.sh")
+# try_compile() projects read this file again: hand them the same sysroot, or
+# they would point pkg-config (an environment setting, shared with the main
+# project) at the default one.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES WEXBL_ARM_SYSROOT)
 set(WEXBL_ARM_LIBDIRS
   "${WEXBL_ARM_SYSROOT}/usr/lib/arm-linux-gnueabihf"
   "${WEXBL_ARM_SYSROOT}/lib/arm-linux-gnueabihf")

@@ -4,12 +4,15 @@
 # apt-get; otherwise it prints the command. Everything it prints goes to
 # standard error.
 #
-#   scripts/install-deps.sh [--tests] [--bench] [extra-package ...]
+#   scripts/install-deps.sh [--tests] [--bench] [--debs] [extra-package ...]
 #
 #   --tests   also GoogleTest (WEXBL_BUILD_TESTS), Python 3 and jq, which
 #             check the JSON and CSV output, and chromium, which renders the
 #             HTML report in the browser tests
 #   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
+#   --debs    also what building and checking the Debian packages needs
+#             (scripts/build-debs.sh, scripts/test-debs.sh; the armhf cross
+#             toolchain comes from scripts/setup-arm.sh)
 set -euo pipefail
 exec >&2
 
@@ -18,6 +21,7 @@ while [ $# -gt 0 ]; do
     case $1 in
     --tests) packages+=(libgtest-dev python3 jq chromium) ;;
     --bench) packages+=(libbenchmark-dev isal) ;;
+    --debs) packages+=(dpkg-dev debhelper help2man lintian debootstrap) ;;
     *) packages+=("$1") ;;
     esac
     shift

@@ -7,7 +7,10 @@
 #      UndefinedBehaviorSanitizer;
 #   4. runs the decoder over the golden corpus under valgrind memcheck;
 #   5. builds the libFuzzer targets and runs each for FUZZ_SECONDS (default 30);
-#   6. cross-builds for 32-bit ARM and runs the suite under qemu-arm.
+#   6. cross-builds for 32-bit ARM and runs the suite under qemu-arm;
+#   7. builds the Debian packages for amd64 and armhf and checks them
+#      (lintian, an install into a minimal Debian root, the armhf tools under
+#      qemu-arm).
 # Set WEXBL_QUICK=1 to run step 1 only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,7 +20,8 @@ quick=${WEXBL_QUICK:-0}
 if [ "$quick" = 1 ]; then
     scripts/install-deps.sh --tests --bench
 else
-    scripts/install-deps.sh --tests --bench clang libclang-rt-dev valgrind clang-format abigail-tools
+    scripts/install-deps.sh --tests --bench --debs clang libclang-rt-dev valgrind clang-format \
+        abigail-tools
 fi
 
 passed=0
@@ -106,6 +110,13 @@ if [ "$quick" != 1 ]; then
         -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" \
         -DWEXBL_ARM_SYSROOT="$root/build-arm-sysroot"
     run_ctest build-arm
+
+    step "Debian packages: build, lintian, install into a minimal root, armhf inspection"
+    if scripts/build-debs.sh all && scripts/test-debs.sh all; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+    fi
 fi
 
 echo
