@@ -252,6 +252,10 @@ test_amd64() {
     got=$("${in_root[@]}" binlog-synth --version 2>&1 || true)
     check "amd64 (minimal root): binlog-synth --version prints 'binlog-synth $version'" \
         test "$got" = "binlog-synth $version"
+    # The bundled example dictionary lints clean: no finding, status 0.
+    got=$("${in_root[@]}" binlog-lint "/$examples/dictionary" 2>&1; echo "status $?")
+    check "amd64 (minimal root): binlog-lint finds nothing in the bundled example dictionary" \
+        test "$got" = "status 0"
     got=$("${in_root[@]}" ldd /usr/bin/binlog-decode | awk -v s="$soname" '$1 == s { print $3 }')
     check "amd64 (minimal root): binlog-decode loads the packaged library ($got)" \
         test "$got" = "/lib/x86_64-linux-gnu/$soname" -o "$got" = "/usr/lib/x86_64-linux-gnu/$soname"
@@ -267,7 +271,8 @@ test_amd64() {
     # The manual pages are where man looks for them.
     check "amd64 (minimal root): the manual pages are installed" \
         test -s "$chroot_dir/usr/share/man/man1/binlog-decode.1.gz" -a \
-        -s "$chroot_dir/usr/share/man/man1/binlog-synth.1.gz"
+        -s "$chroot_dir/usr/share/man/man1/binlog-synth.1.gz" -a \
+        -s "$chroot_dir/usr/share/man/man1/binlog-lint.1.gz"
     umount "$chroot_dir/proc"
     rm -rf "$chroot_dir"
     chroot_dir=
@@ -313,6 +318,10 @@ test_armhf() {
     got=$("${qemu[@]}" "$tree/usr/bin/binlog-synth" --version 2>&1 || true)
     check "armhf (qemu-arm): binlog-synth --version prints 'binlog-synth $version'" \
         test "$got" = "binlog-synth $version"
+    got=$("${qemu[@]}" "$tree/usr/bin/binlog-lint" "$tree/$examples/dictionary" 2>&1
+        echo "status $?")
+    check "armhf (qemu-arm): binlog-lint finds nothing in the bundled example dictionary" \
+        test "$got" = "status 0"
     got=$("${qemu[@]}" -E LD_TRACE_LOADED_OBJECTS=1 "$tree/usr/bin/binlog-decode" 2>&1 |
         awk -v s="$soname" '$1 == s { print $3 }')
     check "armhf (qemu-arm): binlog-decode loads the packaged library ($got)" \
