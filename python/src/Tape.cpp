@@ -120,13 +120,16 @@ void TapeWriter::hexNumber(std::uint32_t value) {
 }
 
 void TapeWriter::hexBytes(std::string_view bytes) {
-    scratch_.clear();
+    const std::size_t start = startString();
+    tape_.resize(start + 2 * bytes.size());
+    char* at = &tape_[start];
     for (const char byte : bytes) {
         const auto c = static_cast<unsigned char>(byte);
-        scratch_ += kHexDigits[c >> 4];
-        scratch_ += kHexDigits[c & 0xF];
+        at[0] = kHexDigits[c >> 4];
+        at[1] = kHexDigits[c & 0xF];
+        at += 2;
     }
-    string(scratch_);
+    finishString(start);
 }
 
 void TapeWriter::fields(Tav::View<Tav::ParamField> values, bool texts) {
@@ -176,9 +179,9 @@ void TapeWriter::record(const Tav::Record& record) {
     key(kKind);
     cached(kindName(record.kind));
     key(kTime);
-    scratch_.clear();
-    Tav::appendIsoTime(scratch_, record);
-    string(scratch_);
+    const std::size_t time = startString();
+    Tav::appendIsoTime(tape_, record);
+    finishString(time);
     key(kEpochUs);
     unsignedValue(std::uint64_t{record.pcapHeader.tsSec} * 1000000u + record.pcapHeader.tsUsec);
     switch (record.kind) {

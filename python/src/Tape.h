@@ -88,7 +88,9 @@ enum Op : char {
     kNull = 'Z',
 };
 
-/// Appends records and events to a tape.
+/// Appends records and events to a tape (allocates nothing but the tape's
+/// growth: worker threads write records with it side by side, each into a
+/// string of its own).
 class TapeWriter {
   public:
     explicit TapeWriter(std::string& tape) : tape_(tape) {}
@@ -100,6 +102,17 @@ class TapeWriter {
     void key(Key k) {
         const char bytes[2] = {static_cast<char>(kKeyOp), static_cast<char>(k)};
         tape_.append(bytes, 2);
+    }
+    /// Starts a string whose bytes the caller appends; finishString() sets
+    /// its length.
+    std::size_t startString() {
+        const char head[5] = {static_cast<char>(kString), 0, 0, 0, 0};
+        tape_.append(head, 5);
+        return tape_.size();
+    }
+    void finishString(std::size_t start) {
+        const auto length = static_cast<std::uint32_t>(tape_.size() - start);
+        std::memcpy(&tape_[start - 4], &length, 4);
     }
     void string(std::string_view text, Op code = kString) {
         char head[5];
@@ -124,7 +137,6 @@ class TapeWriter {
     void fields(Tav::View<Tav::ParamField> fields, bool texts);
 
     std::string& tape_;
-    std::string scratch_;
 };
 
 }  // namespace wexbl_python

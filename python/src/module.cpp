@@ -15,6 +15,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <limits>
 #include <map>
 #include <memory>
@@ -28,6 +29,7 @@
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/Filter.h"
 #include "WexOamBinLogXmlReader/Format.h"
+#include "WexOamBinLogXmlReader/ParallelStream.h"
 
 namespace py = pybind11;
 
@@ -206,6 +208,17 @@ class Builder {
 
     /// Appends the objects of `tape` to `out`.
     void build(const std::string& tape, py::list& out) {
+        // The new objects hold no cycles: the collector is not run over
+        // them while they are made (it runs as usual afterwards).
+        const int wasEnabled = PyGC_Disable();
+        struct Restore {
+            int enabled;
+            ~Restore() {
+                if (enabled) {
+                    PyGC_Enable();
+                }
+            }
+        } restore{wasEnabled};
         const char* p = tape.data();
         const char* const end = p + tape.size();
         while (p < end) {
@@ -230,21 +243,22 @@ class Builder {
     }
 
     PyObject* cachedText(const char* data, std::size_t size) {
-        std::string key(data, size);
+        const std::string_view key(data, size);
         auto found = cache_.find(key);
         if (found != cache_.end()) {
-            PyObject* object = found->second.ptr();
-            Py_INCREF(object);
-            return object;
+            Py_INCREF(found->second.ptr());
+            return found->second.ptr();
         }
         // A dictionary has a bounded number of names; the capture's names
         // are few. The cap only guards against the unforeseen.
         if (cache_.size() > 100000) {
             cache_.clear();
+            names_.clear();
         }
         PyObject* object = textObject(data, size);
         if (object != nullptr) {
-            cache_.emplace(std::move(key), py::reinterpret_borrow<py::object>(object));
+            names_.emplace_back(data, size);
+            cache_.emplace(names_.back(), py::reinterpret_borrow<py::object>(object));
         }
         return object;
     }
@@ -254,10 +268,13 @@ class Builder {
         const char code = *p++;
         switch (code) {
             case kDictBegin: {
-                PyObject* dict = PyDict_New();
+                // A record or event (at the top) gets room for its keys at
+                // once; a value's dict has a few keys.
+                PyObject* dict = depth_ == 0 ? _PyDict_NewPresized(16) : PyDict_New();
                 if (dict == nullptr) {
                     return nullptr;
                 }
+                ++depth_;
                 while (*p != kEnd) {
                     // kKeyOp, then the key's number.
                     const auto k = static_cast<unsigned char>(p[1]);
@@ -266,10 +283,12 @@ class Builder {
                     if (item == nullptr || PyDict_SetItem(dict, keys_[k].ptr(), item) != 0) {
                         Py_XDECREF(item);
                         Py_DECREF(dict);
+                        --depth_;
                         return nullptr;
                     }
                     Py_DECREF(item);
                 }
+                --depth_;
                 ++p;
                 return dict;
             }
@@ -334,7 +353,11 @@ class Builder {
     }
 
     py::object keys_[kKeyCount];
-    std::unordered_map<std::string, py::object> cache_;
+    /// How deep in dicts the value being made is.
+    int depth_ = 0;
+    /// Name -> its str; the keys view the strings of names_.
+    std::unordered_map<std::string_view, py::object> cache_;
+    std::deque<std::string> names_;
 };
 
 // ---- Opening a capture as binlog-decode does ---------------------------------------------
@@ -436,13 +459,18 @@ class Reader {
         options.maxVarBinaryBytes = static_cast<std::uint16_t>(maxVarBytes);
         options.stats = stats;
         options.utcOffsetMinutes = utcOffset;
-        options.texts = true;
-        options.values = true;
         options.filter = filter_.get();
-        // Inflating runs beside the decoding.
+        // Inflating runs in a thread of its own, decoding in a worker
+        // thread (which makes the texts and values), while this thread turns
+        // the decoded records into Python objects.
         options.inflateThread = true;
+        options.texts = filter_ != nullptr && filter_->usesValues();
+        options.values = false;
         stream_ = std::make_unique<Tav::CaptureStream>(*loaded_->reader, capture, options);
         openOrRaise(*stream_, name_, options.udpPort);
+        workers_ = std::make_unique<Tav::ParallelStream>(
+            *stream_, 1,
+            [](const Tav::Record& record, std::string& out) { TapeWriter(out).record(record); });
     }
 
     py::object next() {
@@ -454,7 +482,12 @@ class Reader {
                 throw py::stop_iteration();
             }
             busy_ = true;
-            fill();
+            try {
+                fill();
+            } catch (...) {
+                busy_ = false;
+                throw;
+            }
             busy_ = false;
         }
         return pending_[index_++];
@@ -468,15 +501,20 @@ class Reader {
             py::gil_scoped_release unlocked;
             TapeWriter writer(tape_);
             for (unsigned items = 0; items < kBatchItems && tape_.size() < kBatchBytes; ++items) {
-                if (!stream_->next()) {
+                if (!workers_->next()) {
                     ended_ = true;
                     break;
                 }
-                if (const Tav::Record* record = stream_->record()) {
-                    writer.record(*record);
+                if (workers_->isRecord()) {
+                    const std::string_view rendered = workers_->rendered();
+                    tape_.append(rendered.data(), rendered.size());
                 } else {
-                    writer.event(*stream_->event());
+                    writer.event(*workers_->event());
                 }
+            }
+            if (ended_) {
+                // The worker threads stop as soon as the capture is read.
+                workers_.reset();
             }
         }
         py::list batch;
@@ -485,13 +523,14 @@ class Reader {
         index_ = 0;
     }
 
-    static constexpr unsigned kBatchItems = 512;
+    static constexpr unsigned kBatchItems = 1024;
     static constexpr std::size_t kBatchBytes = 1u << 20;
 
     std::shared_ptr<Loaded> loaded_;
     std::string name_;
     std::unique_ptr<Tav::Filter> filter_;
     std::unique_ptr<Tav::CaptureStream> stream_;
+    std::unique_ptr<Tav::ParallelStream> workers_;
     std::string tape_;
     Builder builder_;
     py::list pending_;
