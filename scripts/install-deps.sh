@@ -6,8 +6,10 @@
 #
 #   scripts/install-deps.sh [--tests] [--bench] [extra-package ...]
 #
-#   --tests   also GoogleTest (WEXBL_BUILD_TESTS), and Python 3 and jq, which
-#             check the JSON and CSV output
+#   --tests   also GoogleTest (WEXBL_BUILD_TESTS), Python 3 and jq, which
+#             check the JSON and CSV output, and what the wexbinlog Python
+#             package is built and tested with (pybind11, pandas, Dask
+#             distributed, pytest)
 #   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
 set -euo pipefail
 exec >&2
@@ -15,7 +17,8 @@ exec >&2
 packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libisal-dev)
 while [ $# -gt 0 ]; do
     case $1 in
-    --tests) packages+=(libgtest-dev python3 jq) ;;
+    --tests) packages+=(libgtest-dev python3 jq pybind11-dev python3-pybind11 python3-dev
+        python3-pandas python3-distributed python3-pytest) ;;
     --bench) packages+=(libbenchmark-dev isal) ;;
     *) packages+=("$1") ;;
     esac
