@@ -2,10 +2,13 @@
 """Records per second of the wexbinlog package against `gzip -dc`.
 
     PYTHONPATH=build/python /usr/bin/python3 bench/python_read.py \
-        --synth build/bin/binlog-synth [--records 2000000] [--rounds 5] [--fleet 20]
+        --synth build/bin/binlog-synth [--dict DIR] [--capture FILE] \
+        [--records 2000000] [--rounds 5] [--fleet 20]
 
 Writes a gzip capture of RECORDS random records with binlog-synth (the
-golden dictionary unless --dict says otherwise), then times in RUNS
+golden dictionary unless --dict says otherwise), or takes --capture (for
+the figures beside scripts/bench-e2e.sh's: its dictionary and 2,000,000-record
+capture, kept with BENCH_KEEP=1 BENCH_WORK=DIR), then times in ROUNDS
 alternating rounds: `gzip -dc CAPTURE > /dev/null`, `d.read` (every dict
 built and dropped) and `d.to_pandas`. Prints the medians as records per
 second and as a ratio to the `gzip -dc` rate. With --fleet N, also times
@@ -39,6 +42,7 @@ def main():
     parser.add_argument("--synth", required=True, help="the binlog-synth tool")
     parser.add_argument("--dict", default=os.path.join(here, "..", "tests", "golden", "dict",
                                                        "main"))
+    parser.add_argument("--capture", help="an existing capture of RECORDS records")
     parser.add_argument("--records", type=int, default=2000000)
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--fleet", type=int, default=0, metavar="N")
@@ -48,16 +52,20 @@ def main():
     import wexbinlog
 
     work = tempfile.mkdtemp(prefix="wexbl-pybench-")
-    capture = os.path.join(work, "bench.pcap.gz")
-    subprocess.run([args.synth, "--dict", args.dict, "--output", capture, "--records",
-                    str(args.records), "--seed", "7", "--gzip"], check=True,
-                   stdout=subprocess.DEVNULL)
+    capture = args.capture
+    if capture is None:
+        capture = os.path.join(work, "bench.pcap.gz")
+        subprocess.run([args.synth, "--dict", args.dict, "--output", capture, "--records",
+                        str(args.records), "--seed", "7", "--gzip-level", "6"], check=True,
+                       stdout=subprocess.DEVNULL)
     d = wexbinlog.Dictionary(args.dict)
 
     def read_all():
+        # Records (the dicts of events are built too, and not counted).
         count = 0
-        for _ in d.read(capture):
-            count += 1
+        for item in d.read(capture):
+            if "event" not in item:
+                count += 1
         return count
 
     times = {"gzip -dc": [], "d.read (dicts)": [], "d.to_pandas": []}
@@ -71,7 +79,7 @@ def main():
             counts["d.to_pandas"] = len(frame)
             del frame
             times["d.to_pandas"].append(seconds)
-    records = args.records
+    records = counts["d.read (dicts)"]
     base = records / statistics.median(times["gzip -dc"])
     print("%-28s %14s %8s" % ("route", "records/s", "ratio"))
     for name, samples in times.items():
@@ -88,7 +96,8 @@ def main():
         for i in range(args.fleet):
             path = os.path.join(work, "fleet%02d.pcap.gz" % i)
             subprocess.run([args.synth, "--dict", args.dict, "--output", path, "--records",
-                            str(records // args.fleet), "--seed", str(10 + i), "--gzip"],
+                            str(records // args.fleet), "--seed", str(10 + i),
+                            "--gzip-level", "6"],
                            check=True, stdout=subprocess.DEVNULL)
             paths.append(path)
         for workers in (1, 2):

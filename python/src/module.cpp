@@ -625,9 +625,7 @@ py::dict summarize(const Loaded& loaded, const std::string& capture, int udpPort
                     while (!text.empty() && text.back() == '\n') {
                         text.remove_suffix(1);
                     }
-                    if (!error.empty()) {
-                        error += "; ";
-                    }
+                    error += error.empty() ? "'" + capture + "': " : "; ";
                     error += text;
                     break;
                 }

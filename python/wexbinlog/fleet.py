@@ -116,8 +116,13 @@ def _summary_frame(rows):
     )
     for column in ("records", "missing", "reorders", "unknown_ids"):
         frame[column] = frame[column].astype("int64")
-    frame["first_time"] = pandas.to_datetime(frame.pop("first_us"), unit="us", utc=True)
-    frame["last_time"] = pandas.to_datetime(frame.pop("last_us"), unit="us", utc=True)
+    # Empty in an error row.
+    frame["module_key"] = pandas.array(list(frame["module_key"]), dtype="Int64")
+    # Through a nullable integer array: a float column would round the
+    # microseconds.
+    for column in ("first", "last"):
+        micros = pandas.array(list(frame.pop(column + "_us")), dtype="Int64")
+        frame[column + "_time"] = pandas.to_datetime(micros, unit="us", utc=True)
     return frame[SUMMARY_COLUMNS]
 
 
@@ -243,14 +248,15 @@ def _parser():
 
 
 def _json_rows(frame):
+    import pandas
+
     out = []
     for row in frame.to_dict(orient="records"):
         for key in ("first_time", "last_time"):
             value = row[key]
             row[key] = None if value is None or value != value else value.isoformat()
-        for key in ("module_key",):
-            value = row[key]
-            row[key] = None if value is None or value != value else int(value)
+        value = row["module_key"]
+        row["module_key"] = None if value is None or value is pandas.NA else int(value)
         if row["module"] != row["module"]:
             row["module"] = None
         out.append(json.dumps(row, ensure_ascii=False))

@@ -1,4 +1,4 @@
-"""Fleet decoding on a local Dask cluster of two worker processes."""
+"""Fleet decoding on local Dask clusters of worker processes."""
 import json
 import os
 import subprocess
@@ -53,6 +53,26 @@ def test_summary_equals_stats(cluster_client, tools, golden_dict, fleet_captures
         assert rows["records"].sum() == total, capture
         assert rows["missing"].sum() == lost, capture
         assert (rows["first_time"] <= rows["last_time"]).all()
+    # The first and last times of a module whose counted records all came
+    # out as records: those of its records, to the microsecond.
+    import pandas
+    import wexbinlog
+
+    d = wexbinlog.Dictionary(golden_dict)
+    compared = 0
+    for capture in fleet_captures[:4]:
+        times = {}
+        for item in d.read(capture, udp_port=5000):
+            if item.get("kind") in ("binlog", "legacy"):
+                name = "%s:%s" % (item["subsystem"], item["module"])
+                times.setdefault(name, []).append(item["epoch_us"])
+        for row in table[table["capture"] == capture].itertuples():
+            if row.module in times and len(times[row.module]) == row.records:
+                first = pandas.Timestamp(min(times[row.module]), unit="us", tz="UTC")
+                last = pandas.Timestamp(max(times[row.module]), unit="us", tz="UTC")
+                assert (row.first_time, row.last_time) == (first, last)
+                compared += 1
+    assert compared >= 4
     # The gaps written into the odd captures show.
     assert table[table["capture"].isin(fleet_captures[1::2])]["missing"].sum() > 0
     assert table[table["capture"].isin(fleet_captures[1::2])]["reorders"].sum() > 0
@@ -60,6 +80,7 @@ def test_summary_equals_stats(cluster_client, tools, golden_dict, fleet_captures
     assert len(gone) == 1 and "cannot open" in gone["error"].iloc[0]
     cut = table[table["capture"] == damaged]
     assert cut["error"].notna().sum() == 1
+    assert cut["error"].dropna().iloc[0].startswith("'%s': " % damaged)
     # The cluster is still there.
     assert cluster_client.submit(sum, [1, 2], pure=False).result(timeout=60) == 3
 
@@ -101,3 +122,56 @@ def test_binlog_fleet_command(tools, golden_dict, fleet_captures, tmp_path):
     usage = subprocess.run([tools["fleet"], golden_dict], stdout=subprocess.PIPE,
                            stderr=subprocess.PIPE, timeout=60)
     assert usage.returncode == 2 and usage.stderr.startswith(b"binlog-fleet: ")
+
+
+BIG_DICTIONARY = """<?xml version="1.0" encoding="UTF-8"?>
+<LoggingSubSystem subsystem="BIG" subsystemId="3" module="BLOB" moduleid="1" binlogversion="1">
+  <LogId name="Blob" logString="blob {n}" category="DATA">
+    <Param type="TavUint32_t" nameList="n"/>
+    <Param type="binarystring" nameList="data" size="20000"/>
+  </LogId>
+</LoggingSubSystem>
+"""
+
+
+def test_records_memory_bounded(tools, tmp_path):
+    """Two captures of about 300 MB each (records of 20,000 bytes, which as
+    dicts take more still) through a worker whose memory limit is 300 MB: a
+    filter keeps about 1 % of the records, and the worker, which decodes one
+    capture at a time and never holds more than its matches, finishes."""
+    import dask
+    from distributed import Client, LocalCluster
+
+    import wexbinlog
+    from wexbinlog import fleet
+
+    dictionary = tmp_path / "dict"
+    dictionary.mkdir()
+    (dictionary / "big_binlog.xml").write_text(BIG_DICTIONARY)
+    limit = 300 * 1000 * 1000
+    paths = []
+    for seed in (1, 2):
+        path = synth(tools, str(dictionary), str(tmp_path / ("big%d.pcap" % seed)), 16000,
+                     seed, "--plain")
+        assert os.path.getsize(path) > limit
+        paths.append(path)
+    expression = "level == CRITICAL"
+    d = wexbinlog.Dictionary(str(dictionary))
+    expected = [(item["capture"], item["record"]) for path in paths
+                for item in d.read(path, filter=expression) if "event" not in item]
+    assert 0 < len(expected) < 1000
+    # The nanny ends a worker that goes over 95 % of its limit (and the task
+    # then fails); nothing is spilled or paused on the way.
+    with dask.config.set({"distributed.worker.memory.target": False,
+                          "distributed.worker.memory.spill": False,
+                          "distributed.worker.memory.pause": False,
+                          "distributed.worker.memory.terminate": 0.95}):
+        with LocalCluster(n_workers=1, processes=True, threads_per_worker=1,
+                          memory_limit=limit, dashboard_address=None) as cluster:
+            with Client(cluster, timeout="60s") as client:
+                frame = fleet.records(paths, str(dictionary), client, filter=expression)
+                result = client.compute(frame).result(timeout=120)
+                memory = client.run(lambda dask_worker: dask_worker.monitor.get_process_memory())
+    assert result["error"].isna().all()
+    assert list(zip(result["capture"], result["record"])) == expected
+    assert all(0 < used < limit for used in memory.values())
