@@ -10,8 +10,9 @@ golden dictionary unless --dict says otherwise), or takes --capture (for
 the figures beside scripts/bench-e2e.sh's: its dictionary and 2,000,000-record
 capture, kept with BENCH_KEEP=1 BENCH_WORK=DIR), then times in ROUNDS
 alternating rounds: `gzip -dc CAPTURE > /dev/null`, `d.read` (every dict
-built and dropped) and `d.to_pandas`. Prints the medians as records per
-second and as a ratio to the `gzip -dc` rate. With --fleet N, also times
+built and dropped) and, in the first PANDAS_ROUNDS of them, `d.to_pandas`.
+Prints the medians as records per second and as a ratio to the `gzip -dc`
+rate. With --fleet N, also times
 fleet.summary over N captures of RECORDS / N records on a local cluster of 1
 and of 2 worker processes (the cluster is started before the clock runs).
 The machine's other load moves these figures: compare ratios of one run.
@@ -46,7 +47,8 @@ def main():
     parser.add_argument("--records", type=int, default=2000000)
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--fleet", type=int, default=0, metavar="N")
-    parser.add_argument("--no-pandas", action="store_true")
+    parser.add_argument("--pandas-rounds", type=int, default=1, metavar="N",
+                        help="rounds that also time to_pandas (the slowest route; 0: none)")
     args = parser.parse_args()
 
     import wexbinlog
@@ -70,11 +72,13 @@ def main():
 
     times = {"gzip -dc": [], "d.read (dicts)": [], "d.to_pandas": []}
     counts = {}
-    for _ in range(args.rounds):
+    for round_ in range(args.rounds):
         times["gzip -dc"].append(timed(lambda: gzip_dc(capture))[0])
         seconds, counts["d.read (dicts)"] = timed(read_all)
         times["d.read (dicts)"].append(seconds)
-        if not args.no_pandas:
+        print("round %d: gzip -dc %.2f s, d.read %.2f s" % (
+            round_ + 1, times["gzip -dc"][-1], seconds), file=sys.stderr, flush=True)
+        if round_ < args.pandas_rounds:
             seconds, frame = timed(lambda: d.to_pandas(capture))
             counts["d.to_pandas"] = len(frame)
             del frame

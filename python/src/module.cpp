@@ -692,6 +692,12 @@ PYBIND11_MODULE(_wexbinlog, m) {
     using wexbl_python::Dictionary;
     using wexbl_python::Reader;
     m.doc() = "Binary log captures decoded with XML dictionaries";
+    m.def(
+        "check_filter",
+        [](const std::string& expression) { wexbl_python::compileFilter(py::str(expression)); },
+        py::arg("expression"),
+        "Raises ValueError, with what is wrong and where, when the filter expression does not "
+        "compile.");
     py::class_<Reader>(m, "Reader")
         .def("__iter__", [](Reader& self) -> Reader& { return self; })
         .def("__next__", &Reader::next);

@@ -17,7 +17,7 @@ import argparse
 import json
 import sys
 
-from . import Dictionary
+from . import Dictionary, check_filter
 
 __all__ = ["summary", "records", "SUMMARY_COLUMNS", "RECORDS_COLUMNS", "main"]
 
@@ -197,11 +197,13 @@ def records(paths, dictionary_dir, client=None, filter=None, udp_port=0, utc_off
     computed, and a worker decodes one capture per task, so it holds at most
     one capture's matches at a time. Compute it on `client`:
     `client.compute(frame)` (or `frame.compute()` with `client` the default
-    client)."""
+    client). A bad filter expression raises ValueError at once."""
     import dask
     import dask.dataframe
     import pandas
 
+    if filter is not None:
+        check_filter(filter)  # a bad expression is said here, not by every task
     paths = list(paths)
     parts = [
         dask.delayed(records_of_capture, pure=False)(

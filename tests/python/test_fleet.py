@@ -102,6 +102,9 @@ def test_records_lazy_per_capture(cluster_client, golden_dict, fleet_captures):
     assert list(result["record"]) == [item["record"] for item in expected]
     assert (result["level_no"] <= 2).all()
     assert result["error"].isna().all()
+    with pytest.raises(ValueError) as error:
+        fleet.records(fleet_captures, golden_dict, cluster_client, filter="level <=")
+    assert "invalid filter expression" in str(error.value)
 
 
 def test_binlog_fleet_command(tools, golden_dict, fleet_captures, tmp_path):
