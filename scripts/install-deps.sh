@@ -7,8 +7,10 @@
 #   scripts/install-deps.sh [--tests] [--bench] [--debs] [extra-package ...]
 #
 #   --tests   also GoogleTest (WEXBL_BUILD_TESTS), Python 3 and jq, which
-#             check the JSON and CSV output, and chromium, which renders the
-#             HTML report in the browser tests
+#             check the JSON and CSV output, chromium, which renders the
+#             HTML report in the browser tests, and what the wexbinlog
+#             Python package is built and tested with (pybind11, pandas,
+#             Dask distributed, pytest)
 #   --bench   also Google Benchmark (WEXBL_BUILD_BENCH)
 #   --debs    also what building and checking the Debian packages needs
 #             (scripts/build-debs.sh, scripts/test-debs.sh; the armhf cross
@@ -19,7 +21,8 @@ exec >&2
 packages=(g++ make cmake pkg-config libxml2-dev zlib1g-dev libisal-dev)
 while [ $# -gt 0 ]; do
     case $1 in
-    --tests) packages+=(libgtest-dev python3 jq chromium) ;;
+    --tests) packages+=(libgtest-dev python3 jq chromium pybind11-dev python3-pybind11
+        python3-dev python3-pandas python3-distributed python3-pytest) ;;
     --bench) packages+=(libbenchmark-dev isal) ;;
     --debs) packages+=(dpkg-dev debhelper help2man lintian debootstrap) ;;
     *) packages+=("$1") ;;
