@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "BinaryLogXmlReader.h"
+#include "Lint.h"
 #include "Tape.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/Filter.h"
@@ -674,9 +675,40 @@ py::dict summarize(const Loaded& loaded, const std::string& capture, int udpPort
 
 // ---- The Dictionary type -----------------------------------------------------------------
 
+/// Writes every error the dictionary checker finds in a dictionary that
+/// loaded to Python's sys.stderr, once, as a warning (as binlog-decode does):
+/// such a dictionary loads, but its records show wrong, shifted or missing
+/// values. Warnings are left to binlog-lint.
+void warnAboutDictionary(const std::string& path) {
+    const std::vector<wexbl_lint::Finding> findings = wexbl_lint::lintDictionary(path);
+    if (!wexbl_lint::hasErrors(findings)) {
+        return;
+    }
+    std::string text;
+    for (const wexbl_lint::Finding& finding : findings) {
+        if (finding.severity != wexbl_lint::Severity::Error) {
+            continue;
+        }
+        text += "wexbinlog: warning: " + finding.file;
+        if (finding.line > 0) {
+            text += ":" + std::to_string(finding.line);
+        }
+        text += ": " + finding.message + " [" + finding.check + "]\n";
+    }
+    // Bytes a file name or a message holds that are not UTF-8 are shown
+    // escaped rather than failing the load.
+    py::module_::import("sys").attr("stderr").attr("write")(
+        py::reinterpret_steal<py::object>(
+            PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace")));
+}
+
 class Dictionary {
   public:
-    explicit Dictionary(const std::string& path) : loaded_(loadDictionary(path)) {}
+    Dictionary(const std::string& path, bool lint) : loaded_(loadDictionary(path)) {
+        if (lint) {
+            warnAboutDictionary(path);
+        }
+    }
     const std::string& path() const { return loaded_->path; }
     std::shared_ptr<Loaded> loaded() const { return loaded_; }
 
@@ -702,7 +734,7 @@ PYBIND11_MODULE(_wexbinlog, m) {
         .def("__iter__", [](Reader& self) -> Reader& { return self; })
         .def("__next__", &Reader::next);
     py::class_<Dictionary>(m, "Dictionary")
-        .def(py::init<const std::string&>(), py::arg("path"))
+        .def(py::init<const std::string&, bool>(), py::arg("path"), py::arg("lint") = true)
         .def_property_readonly("path", &Dictionary::path)
         .def(
             "read",
@@ -729,6 +761,9 @@ PYBIND11_MODULE(_wexbinlog, m) {
                             if (state.size() != 1) {
                                 throw py::value_error("a Dictionary pickles its path only");
                             }
-                            return std::make_unique<Dictionary>(state[0].cast<std::string>());
+                            // The checker's warnings were shown where the
+                            // dictionary was first loaded.
+                            return std::make_unique<Dictionary>(state[0].cast<std::string>(),
+                                                                false);
                         }));
 }

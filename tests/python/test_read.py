@@ -127,3 +127,32 @@ def test_bad_input_raises(golden_dict, golden_captures, tmp_path):
         items = list(d.read(capture, udp_port=5000))
         assert any(item.get("event") in ("truncated", "data-error", "oversized")
                    for item in items), name
+
+
+def test_a_dictionary_with_mistakes_warns_when_loaded(tools, capsys, tmp_path):
+    # Loads, but the typo shifts every value after it: the checker's error
+    # is shown once, as binlog-decode shows it, and lint=False silences it.
+    typo = tmp_path / "typo"
+    typo.mkdir()
+    (typo / "l2_mac_binlog.xml").write_text(
+        '<?xml version="1.0"?>\n'
+        '<LoggingSubSystem subsystem="L2" subsystemId="2" module="mac" moduleid="1"'
+        ' binlogversion="1">\n'
+        '  <LogId name="Grant" category="SCHED" logString="Grant">\n'
+        '    <param type="TavUInt64_t" nameList="imsi"/>\n'
+        '  </LogId>\n'
+        '</LoggingSubSystem>\n')
+    d = wexbinlog.Dictionary(str(typo))
+    expected = ('wexbinlog: warning: %s/l2_mac_binlog.xml:4: unknown type "TavUInt64_t" '
+                '(did you mean "TavUint64_t"?): its parameters take no bytes and show no '
+                'value [unknown-type]\n' % typo)
+    assert capsys.readouterr().err == expected
+    # binlog-decode says the same of it.
+    run = subprocess.run([tools["decode"], "--dict", str(typo), "/dev/null"],
+                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    first = run.stderr.decode().splitlines()[0]
+    assert first == expected.replace("wexbinlog:", "binlog-decode:", 1).rstrip("\n")
+    # Unpickled where it goes, and with lint=False: nothing.
+    pickle.loads(pickle.dumps(d))
+    wexbinlog.Dictionary(str(typo), lint=False)
+    assert capsys.readouterr().err == ""
