@@ -91,16 +91,6 @@ bool takeName(std::string_view& from, std::string_view& name) {
 
 }  // namespace
 
-void TimeSpan::add(ShownTime time) {
-    if (!any || time.micros() < first.micros()) {
-        first = time;
-    }
-    if (!any || time.micros() > last.micros()) {
-        last = time;
-    }
-    any = true;
-}
-
 void TimeSpan::add(const TimeSpan& other) {
     if (other.any) {
         add(other.first);
@@ -148,13 +138,12 @@ std::string Summary::moduleName(std::uint16_t key) const {
 
 std::size_t Summary::rowFor(std::uint32_t key, std::string_view subsystem,
                             std::string_view module) {
-    if (key == lastRowKey_) {
-        return lastRow_;
+    if (const std::size_t* cached = rowCache_.find(key)) {
+        return *cached;
     }
     const auto found = rowIndex_.find(key);
     if (found != rowIndex_.end()) {
-        lastRowKey_ = key;
-        lastRow_ = found->second;
+        rowCache_.put(key, &found->second);
         return found->second;
     }
     ModuleRow row;
@@ -182,7 +171,7 @@ void Summary::startCapture(std::string_view name) {
         return;
     }
     // The sequence space cached is that of another capture's statistics.
-    lastSeqEntry_ = nullptr;
+    seqCache_.clear();
     const auto found = captureIndex_.find(name);
     if (found != captureIndex_.end()) {
         current_ = found->second;
@@ -249,14 +238,15 @@ void Summary::record(const RecordFacts& facts) {
             row = rowFor(facts.moduleKey, facts.subsystem, facts.module);
             const std::uint32_t id =
                 static_cast<std::uint32_t>(facts.moduleKey) << 16 | facts.logIndex;
-            if (id != lastLogId_ || lastLogCount_ == nullptr) {
-                lastLogId_ = id;
-                lastLogCount_ = &seenLogIds_[id];
-                if (*lastLogCount_ == 0) {
+            std::uint64_t* count = logCache_.find(id);
+            if (count == nullptr) {
+                count = &seenLogIds_[id];
+                logCache_.put(id, count);
+                if (*count == 0) {
                     logNames_[id] = std::make_pair(row, std::string(facts.log));
                 }
             }
-            ++*lastLogCount_;
+            ++*count;
             break;
         }
     }
@@ -314,30 +304,27 @@ void Summary::countSequence(std::uint32_t packetType, std::uint32_t logId, std::
         return;
     }
     const std::uint32_t key = module | (packetType == 2 ? 0x10000u : 0u);
-    if (lastSeqEntry_ == nullptr || key != lastSeqKey_) {
+    std::uint32_t* last = seqCache_.find(key);
+    if (last == nullptr) {
         std::map<std::uint32_t, std::uint32_t>& lastSeq = statistics().lastSeq;
         const auto found = lastSeq.find(key);
         if (found == lastSeq.end()) {
-            lastSeqEntry_ = &lastSeq.emplace(key, seqNo).first->second;
-            lastSeqKey_ = key;
+            seqCache_.put(key, &lastSeq.emplace(key, seqNo).first->second);
             return;
         }
-        lastSeqEntry_ = &found->second;
-        lastSeqKey_ = key;
+        last = &found->second;
+        seqCache_.put(key, last);
     }
-    const std::uint32_t diff = seqNo - *lastSeqEntry_;
+    const std::uint32_t diff = seqNo - *last;
     if (diff == 0) {
         ++rows_[row].counts.duplicates;
         ++capture().counts.duplicates;
     } else if (diff < 0x80000000u) {
-        *lastSeqEntry_ = seqNo;  // ahead: a step or a gap
+        *last = seqNo;  // ahead: a step or a gap
     }
 }
 
-void Summary::resolvePending(std::uint64_t number, std::size_t row, const ShownTime* time) {
-    if (pending_.empty()) {
-        return;
-    }
+void Summary::resolvePendingNow(std::uint64_t number, std::size_t row, const ShownTime* time) {
     std::vector<Pending> pending;
     pending.swap(pending_);
     for (const Pending& one : pending) {
@@ -515,7 +502,7 @@ void Summary::event(const Tav::Event& event) {
         case Tav::EventKind::Summary:
             // The statistics start afresh after a capture's normal end.
             statistics() = Statistics();
-            lastSeqEntry_ = nullptr;
+            seqCache_.clear();
             break;
         case Tav::EventKind::Oversized:
             damaged("oversized record");

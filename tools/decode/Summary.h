@@ -60,7 +60,18 @@ struct TimeSpan {
     bool any = false;
     ShownTime first;
     ShownTime last;
-    void add(ShownTime time);
+    void add(ShownTime time) {
+        // Called for every record: kept inline.
+        const std::int64_t at = time.micros();
+        if (!any) {
+            any = true;
+            first = last = time;
+        } else if (at < first.micros()) {
+            first = time;
+        } else if (at > last.micros()) {
+            last = time;
+        }
+    }
     void add(const TimeSpan& other);
 };
 
@@ -194,7 +205,14 @@ class Summary {
     CaptureRow& capture();
     /// Counts the waiting gaps and reorders: those of record `number` in
     /// `row` at `time`, the others in their module's row.
-    void resolvePending(std::uint64_t number, std::size_t row, const ShownTime* time);
+    /// Settles the gaps and reorders that wait for the record `number`
+    /// (most records find none: kept inline).
+    void resolvePending(std::uint64_t number, std::size_t row, const ShownTime* time) {
+        if (!pending_.empty()) {
+            resolvePendingNow(number, row, time);
+        }
+    }
+    void resolvePendingNow(std::uint64_t number, std::size_t row, const ShownTime* time);
     void addMark(const Mark& mark);
     void rescale(std::int64_t time);
     void countSequence(std::uint32_t packetType, std::uint32_t logId, std::uint32_t seqNo,
@@ -206,14 +224,39 @@ class Summary {
     long utcOffset_;
     std::vector<ModuleRow> rows_;
     std::map<std::uint32_t, std::size_t> rowIndex_;
-    /// The row, log and sequence space of the record before: most records
-    /// are of the module and log of the one before.
-    std::uint32_t lastRowKey_ = 0xffffffff;
-    std::size_t lastRow_ = 0;
-    std::uint32_t lastLogId_ = 0xffffffff;
-    std::uint64_t* lastLogCount_ = nullptr;
-    std::uint32_t* lastSeqEntry_ = nullptr;
-    std::uint32_t lastSeqKey_ = 0;
+    /// A few recent entries of a map, found again by their key without a
+    /// walk down the tree: records come from a handful of modules and logs
+    /// at a time, interleaved. The entries of a std::map never move, so
+    /// holding their addresses is safe for as long as the map lives.
+    template <typename T>
+    class EntryCache {
+      public:
+        EntryCache() { clear(); }
+        T* find(std::uint32_t key) const {
+            const std::size_t slot = key % kSlots;
+            return keys_[slot] == key ? entries_[slot] : nullptr;
+        }
+        void put(std::uint32_t key, T* entry) {
+            const std::size_t slot = key % kSlots;
+            keys_[slot] = key;
+            entries_[slot] = entry;
+        }
+        void clear() {
+            keys_.fill(kNoKey);
+            entries_.fill(nullptr);
+        }
+
+      private:
+        static constexpr std::size_t kSlots = 61;  // prime: keys spread over it
+        static constexpr std::uint32_t kNoKey = 0xffffffff;
+        std::array<std::uint32_t, kSlots> keys_;
+        std::array<T*, kSlots> entries_;
+    };
+    /// Of rowIndex_ by module key, seenLogIds_ by log, and the sequence
+    /// numbers of the current statistics by sequence space.
+    EntryCache<std::size_t> rowCache_;
+    EntryCache<std::uint64_t> logCache_;
+    EntryCache<std::uint32_t> seqCache_;
     std::vector<CaptureRow> captures_;
     std::vector<std::string> captureNames_;
     std::map<std::string, std::size_t, std::less<>> captureIndex_;
