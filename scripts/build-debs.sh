@@ -30,6 +30,9 @@ esac
 say() { echo "build-debs: $*" >&2; }
 
 needed=(dpkg-dev debhelper cmake help2man pkgconf)
+# The native build makes the Python package too.
+[[ " ${arches[*]} " == *" $(dpkg --print-architecture) "* ]] &&
+    needed+=(dh-python pybind11-dev python3-dev python3-pybind11)
 missing=()
 for pkg in "${needed[@]}"; do
     dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
@@ -133,7 +136,9 @@ for arch in "${arches[@]}"; do
         # -d: the build dependencies are in the sysroot, not installed for
         # armhf on this machine. The package build runs no tests (nocheck
         # says so to debhelper, which would warn about a cross build).
-        build_args+=(-a "$arch" -d)
+        # -Pnopython: no python3-wexbinlog (the sysroot has no Python, and
+        # the project does not cross build the extension).
+        build_args+=(-a "$arch" -d -Pnopython)
         cross_options=nocheck
         env_args=(WEXBL_ARM_SYSROOT="$root/build-arm-sysroot"
             WEXBL_SHLIBDEPS_FLAGS="${shlibdeps_flags# }")

@@ -24,7 +24,8 @@ while [ $# -gt 0 ]; do
     --tests) packages+=(libgtest-dev python3 jq chromium pybind11-dev python3-pybind11
         python3-dev python3-pandas python3-distributed python3-pytest) ;;
     --bench) packages+=(libbenchmark-dev isal) ;;
-    --debs) packages+=(dpkg-dev debhelper help2man lintian debootstrap) ;;
+    --debs) packages+=(dpkg-dev debhelper help2man lintian debootstrap dh-python pybind11-dev
+        python3-dev python3-pybind11) ;;
     *) packages+=("$1") ;;
     esac
     shift

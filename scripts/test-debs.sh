@@ -5,14 +5,17 @@
 #   amd64: lintian reports no errors; the tools have a manual page each and no
 #          run path, and depend on the library package; a program builds
 #          against the development package (CMake package and pkg-config);
-#          installed into a fresh minimal Debian root (debootstrap
-#          --variant=minbase, chroot, dependencies from the Debian mirror)
-#          the tools print their version and decode the bundled example from
-#          the installed files alone.
-#   armhf: every package says Architecture: armhf; the library is a 32-bit
-#          ARM ELF with the SONAME libWexOamBinLogXmlReader.so.2; the tools,
-#          unpacked with the library, run under qemu-arm against that library
-#          and decode the bundled example.
+#          python3-wexbinlog holds the extension without a run path, the
+#          modules, binlog-fleet and its manual page; installed into a fresh
+#          minimal Debian root (debootstrap --variant=minbase, chroot,
+#          dependencies from the Debian mirror) the tools print their version
+#          and decode the bundled example from the installed files alone, and
+#          the Python package reads the example capture into the same lines.
+#   armhf: every package says Architecture: armhf; there is no Python package
+#          (the cross build uses the nopython profile); the library is a
+#          32-bit ARM ELF with the SONAME libWexOamBinLogXmlReader.so.2; the
+#          tools, unpacked with the library, run under qemu-arm against that
+#          library and decode the bundled example.
 #
 #   scripts/test-debs.sh [amd64|armhf|all]     (default: all)
 #
@@ -36,6 +39,7 @@ esac
 suite=bookworm
 library_package=libwexoambinlogxmlreader2
 tools_package=wexbinlog-tools
+python_package=python3-wexbinlog
 soname=libWexOamBinLogXmlReader.so.2
 examples=usr/share/doc/$tools_package/examples
 version=$(sed -nE 's/^project\([^ ]+ VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
@@ -43,6 +47,10 @@ version=$(sed -nE 's/^project\([^ ]+ VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
 # and the note on the one datagram of the IPv4 capture that went to port 5001.
 expected_out=$(mktemp)
 expected_err=$(mktemp)
+# What the Python package reads from the link-type-150 example capture: the
+# "text" of its records, one a line, are binlog-decode's lines without the
+# notes and statistics (the lines starting with ">>").
+expected_python=$(mktemp)
 work=$(mktemp -d)
 chroot_dir=
 cleanup() {
@@ -50,11 +58,12 @@ cleanup() {
         mountpoint -q "$chroot_dir/proc" && umount "$chroot_dir/proc"
         rm -rf "$chroot_dir"
     fi
-    rm -rf "$work" "$expected_out" "$expected_err"
+    rm -rf "$work" "$expected_out" "$expected_err" "$expected_python"
 }
 trap cleanup EXIT
 cat tests/tools/expected/link150_stats.out tests/tools/expected/ipv4_port5000_stats.out >"$expected_out"
 printf '%s\n' "binlog-decode: captures/ipv4_port5000.pcap.gz: 1 frame carried no log record (to other UDP ports: 1); UDP destination ports seen: 5000 (12 datagrams), 5001 (1 datagram)" >"$expected_err"
+grep -v '^>>' tests/tools/expected/link150_stats.out >"$expected_python"
 example_args=(--stats --udp-port 5000 -d dictionary captures/link150.pcap.gz captures/ipv4_port5000.pcap.gz)
 
 passed=0
@@ -115,6 +124,35 @@ check_tree() {
         fi
     done
     [ "$count" -ge 2 ] || { echo "$arch: only $count tools packaged"; ok=1; }
+    return $ok
+}
+
+# python_tree TREE: the unpacked Python package holds the extension (no run
+# path), the package's modules, binlog-fleet and its manual page with
+# examples; nothing else in usr/bin.
+python_tree() {
+    local tree=$1 ok=0 package=$1/usr/lib/python3/dist-packages/wexbinlog ext f
+    ext=$(compgen -G "$package/_wexbinlog.cpython-*-x86_64-linux-gnu.so" | head -n1 || true)
+    if [ -z "$ext" ]; then
+        echo "no extension module _wexbinlog in $package"
+        ok=1
+    elif grep -qE '\((RPATH|RUNPATH)\)' <<<"$(readelf -d "$ext")"; then
+        echo "${ext##*/} has a run path: $(readelf -d "$ext" | grep -E 'RPATH|RUNPATH')"
+        ok=1
+    fi
+    for f in __init__.py fleet.py; do
+        [ -s "$package/$f" ] || { echo "no $f in $package"; ok=1; }
+    done
+    [ "$(ls "$tree/usr/bin")" = binlog-fleet ] || { echo "usr/bin holds: $(ls "$tree/usr/bin")"; ok=1; }
+    head -n1 "$tree/usr/bin/binlog-fleet" | grep -qx '#! */usr/bin/python3' ||
+        { echo "binlog-fleet starts with $(head -n1 "$tree/usr/bin/binlog-fleet")"; ok=1; }
+    if [ ! -s "$tree/usr/share/man/man1/binlog-fleet.1.gz" ]; then
+        echo "binlog-fleet has no manual page"
+        ok=1
+    elif ! zcat "$tree/usr/share/man/man1/binlog-fleet.1.gz" | grep -q "^\.SH EXAMPLES"; then
+        echo "the manual page of binlog-fleet has no EXAMPLES section"
+        ok=1
+    fi
     return $ok
 }
 
@@ -189,9 +227,9 @@ fresh_root() {
 }
 
 test_amd64() {
-    local lib tools dev
+    local lib tools dev python
     if ! { lib=$(deb amd64 $library_package) && tools=$(deb amd64 $tools_package) &&
-        dev=$(deb amd64 libwexoambinlogxmlreader-dev); }; then
+        dev=$(deb amd64 libwexoambinlogxmlreader-dev) && python=$(deb amd64 $python_package); }; then
         fail "amd64 packages built"
         return
     fi
@@ -218,6 +256,21 @@ test_amd64() {
 
     check "amd64: a program builds against the unpacked -dev package (CMake package, pkg-config)" \
         dev_consumers "$tree"
+    check "amd64: binlog-fleet and its manual page are not in $tools_package" \
+        test ! -e "$tree/usr/bin/binlog-fleet" -a ! -e "$tree/usr/share/man/man1/binlog-fleet.1.gz"
+
+    mkdir -p "$work/amd64-python"
+    dpkg-deb -x "$python" "$work/amd64-python"
+    check "amd64: $python_package holds the extension (no run path), the modules, binlog-fleet and its manual page" \
+        python_tree "$work/amd64-python"
+    # The interpreter bounds come from dh_python3: the extension is built
+    # for one python3 minor version.
+    check "amd64: $python_package depends on the library package, python3 within bounds and pandas" \
+        sh -c "depends=\$(dpkg-deb -f '$python' Depends); echo \"\$depends\" | grep -q '$library_package (>= $version)' &&
+            echo \"\$depends\" | grep -q 'python3 (>= 3\.[0-9]*~)' && echo \"\$depends\" | grep -q 'python3 (<< 3\.[0-9]*)' &&
+            echo \"\$depends\" | grep -q 'python3-pandas' || { echo \"Depends: \$depends\"; false; }"
+    check "amd64: $python_package recommends python3-distributed" \
+        test "$(dpkg-deb -f "$python" Recommends)" = python3-distributed
 
     # The fresh minimal root.
     if [ "$(id -u)" -ne 0 ]; then
@@ -232,13 +285,14 @@ test_amd64() {
     fi
     cp /etc/resolv.conf "$chroot_dir/etc/resolv.conf"
     mkdir -p "$chroot_dir/tmp/debs"
-    cp "$lib" "$tools" "$chroot_dir/tmp/debs/"
+    cp "$lib" "$tools" "$python" "$chroot_dir/tmp/debs/"
     mount -t proc proc "$chroot_dir/proc"
     local in_root=(chroot "$chroot_dir" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8
         DEBIAN_FRONTEND=noninteractive)
     if "${in_root[@]}" sh -c 'apt-get update -q && apt-get install -y -q --no-install-recommends /tmp/debs/*.deb' \
         >"$work/install.log" 2>&1; then
-        pass "amd64: $library_package and $tools_package installed into a minimal $suite root with their dependencies"
+        # What the packages' dependencies add to the download (apt says it).
+        pass "amd64: $library_package, $tools_package and $python_package installed into a minimal $suite root with their dependencies ($(grep -o 'Need to get [^ ]* [kMG]*B' "$work/install.log" | head -n1 || echo 'download size not shown'))"
     else
         tail -n 30 "$work/install.log"
         fail "amd64: installing into a minimal $suite root"
@@ -272,7 +326,50 @@ test_amd64() {
     check "amd64 (minimal root): the manual pages are installed" \
         test -s "$chroot_dir/usr/share/man/man1/binlog-decode.1.gz" -a \
         -s "$chroot_dir/usr/share/man/man1/binlog-synth.1.gz" -a \
-        -s "$chroot_dir/usr/share/man/man1/binlog-lint.1.gz"
+        -s "$chroot_dir/usr/share/man/man1/binlog-lint.1.gz" -a \
+        -s "$chroot_dir/usr/share/man/man1/binlog-fleet.1.gz"
+
+    # The Python package: the records of the bundled link-type-150 capture,
+    # read() and to_pandas(), give the lines binlog-decode prints for it.
+    got=$("${in_root[@]}" python3 -c 'import wexbinlog; print(wexbinlog.__version__)' 2>&1 || true)
+    check "amd64 (minimal root): python3 imports wexbinlog $version" test "$got" = "$version"
+    status=0
+    "${in_root[@]}" python3 -c '
+import sys
+import wexbinlog
+examples = sys.argv[1]
+capture = examples + "/captures/link150.pcap.gz"
+d = wexbinlog.Dictionary(examples + "/dictionary")
+texts = [item["text"] for item in d.read(capture) if "event" not in item]
+sys.stdout.write("".join(text + "\n" for text in texts))
+frame = d.to_pandas(capture)
+if list(frame["text"]) != texts:
+    sys.exit("to_pandas() gives other texts than read()")
+' "/$examples" >"$work/python.out" 2>"$work/python.err" || status=$?
+    check "amd64 (minimal root): python3 reads the bundled example capture (status $status)" \
+        test "$status" = 0 -a ! -s "$work/python.err"
+    if [ -s "$work/python.err" ]; then head -n 20 "$work/python.err"; fi
+    check "amd64 (minimal root): the records' texts from python3 are the example's lines" \
+        same_output "the records' text" "$expected_python" "$work/python.out"
+    # Without python3-distributed (a recommendation, not installed here):
+    # --help and --version need no Dask.
+    status=0
+    "${in_root[@]}" binlog-fleet --help >"$work/fleet-help" 2>&1 || status=$?
+    check "amd64 (minimal root): binlog-fleet --help exits 0 and shows the usage" \
+        sh -c "test $status = 0 && grep -q '^Usage: binlog-fleet' '$work/fleet-help' || { cat '$work/fleet-help'; false; }"
+    got=$("${in_root[@]}" binlog-fleet --version 2>&1 || true)
+    check "amd64 (minimal root): binlog-fleet --version prints 'binlog-fleet $version'" \
+        test "$got" = "binlog-fleet $version"
+    # Decoding on a cluster without Dask: a message and status 1.
+    got=$("${in_root[@]}" binlog-fleet --local 1 "/$examples/dictionary" \
+        "/$examples/captures/link150.pcap.gz" 2>&1; echo "status $?")
+    local fleet_ok=1
+    case $got in
+    "binlog-fleet: Dask distributed is not installed: "*$'\n'"status 1") fleet_ok=0 ;;
+    *) echo "$got" ;;
+    esac
+    check "amd64 (minimal root): binlog-fleet without python3-distributed says so and exits 1" \
+        test "$fleet_ok" = 0
     umount "$chroot_dir/proc"
     rm -rf "$chroot_dir"
     chroot_dir=
@@ -291,6 +388,11 @@ test_armhf() {
         grep -qx ' Architecture: armhf' <<<"$(dpkg-deb -I "$f")" || { echo "${f##*/}: dpkg-deb -I"; ok=1; }
     done
     check "armhf: dpkg-deb -I shows Architecture: armhf for every package" test $ok = 0
+    # The cross build uses the nopython profile: no Python package, and the
+    # .changes names none.
+    check "armhf: no $python_package package (nopython profile)" \
+        bash -c "! compgen -G '$debs_dir/armhf/${python_package}_*' >/dev/null &&
+            ! grep -q '$python_package' '$debs_dir'/armhf/*_armhf.changes"
 
     local tree=$work/armhf
     mkdir -p "$tree"

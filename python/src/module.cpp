@@ -724,6 +724,7 @@ PYBIND11_MODULE(_wexbinlog, m) {
     using wexbl_python::Dictionary;
     using wexbl_python::Reader;
     m.doc() = "Binary log captures decoded with XML dictionaries";
+    m.attr("__version__") = WEXBL_VERSION;
     m.def(
         "check_filter",
         [](const std::string& expression) { wexbl_python::compileFilter(py::str(expression)); },

@@ -14,9 +14,9 @@ capture without udp_port; damage after the first record comes as event
 dicts ("truncated", "data-error", ...), as binlog-decode writes them.
 """
 
-from ._wexbinlog import Dictionary, Reader, check_filter
+from ._wexbinlog import Dictionary, Reader, __version__, check_filter
 
-__all__ = ["Dictionary", "Reader", "RECORD_COLUMNS", "check_filter"]
+__all__ = ["Dictionary", "Reader", "RECORD_COLUMNS", "__version__", "check_filter"]
 
 #: The columns of to_pandas() before the parameters' own, in this order.
 RECORD_COLUMNS = [

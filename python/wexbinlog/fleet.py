@@ -17,7 +17,7 @@ import argparse
 import json
 import sys
 
-from . import Dictionary, check_filter
+from . import Dictionary, __version__, check_filter
 
 __all__ = ["summary", "records", "SUMMARY_COLUMNS", "RECORDS_COLUMNS", "main"]
 
@@ -220,7 +220,21 @@ def records(paths, dictionary_dir, client=None, filter=None, udp_port=0, utc_off
 PROGRAM = "binlog-fleet"
 
 
+class _Formatter(argparse.HelpFormatter):
+    """Starts the usage with "Usage:", as the other tools do (and as help2man
+    reads it for the manual page's synopsis)."""
+
+    def add_usage(self, usage, actions, groups, prefix=None):
+        if prefix is None:
+            prefix = "Usage: "
+        super().add_usage(usage, actions, groups, prefix)
+
+
 class _Parser(argparse.ArgumentParser):
+    def __init__(self, **kwargs):
+        kwargs.setdefault("formatter_class", _Formatter)
+        super().__init__(**kwargs)
+
     def error(self, message):
         sys.stderr.write("%s: %s\n" % (PROGRAM, message))
         sys.stderr.write("usage: %s\n" % self.format_usage().split(": ", 1)[1].strip())
@@ -233,6 +247,9 @@ def _parser():
         description="Decode captures on a Dask cluster and print one row per capture "
         "and module.",
     )
+    # --help and --version need neither Dask nor pandas: those are imported
+    # once there is work to do.
+    parser.add_argument("--version", action="version", version="%s %s" % (PROGRAM, __version__))
     where = parser.add_mutually_exclusive_group(required=True)
     where.add_argument("--scheduler", metavar="ADDRESS",
                        help="the Dask scheduler to run on (tcp://host:8786)")
