@@ -697,9 +697,8 @@ void warnAboutDictionary(const std::string& path) {
     }
     // Bytes a file name or a message holds that are not UTF-8 are shown
     // escaped rather than failing the load.
-    py::module_::import("sys").attr("stderr").attr("write")(
-        py::reinterpret_steal<py::object>(
-            PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace")));
+    py::module_::import("sys").attr("stderr").attr("write")(py::reinterpret_steal<py::object>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace")));
 }
 
 class Dictionary {
