@@ -67,13 +67,6 @@ struct FixedFacts {
     std::uint8_t unused;
 };
 
-void appendName(std::string& out, std::string_view name) {
-    const std::uint16_t length =
-        static_cast<std::uint16_t>(std::min<std::size_t>(name.size(), 0xffff));
-    out.append(reinterpret_cast<const char*>(&length), sizeof length);
-    out.append(name.data(), length);
-}
-
 bool takeName(std::string_view& from, std::string_view& name) {
     std::uint16_t length = 0;
     if (from.size() < sizeof length) {
@@ -582,7 +575,6 @@ void Summary::addToBuckets(std::size_t row, ShownTime time, std::uint16_t level)
 }
 
 void Summary::appendFacts(const Tav::Record& record, std::string& out) {
-    const std::size_t start = out.size();
     FixedFacts fixed;
     std::memset(&fixed, 0, sizeof fixed);
     fixed.number = record.number;
@@ -595,13 +587,32 @@ void Summary::appendFacts(const Tav::Record& record, std::string& out) {
     fixed.logIndex = record.logIndex;
     fixed.level = record.level;
     fixed.kind = static_cast<std::uint8_t>(record.kind);
-    out.append(reinterpret_cast<const char*>(&fixed), sizeof fixed);
-    appendName(out, record.subsystem);
-    appendName(out, record.module);
-    appendName(out, record.kind == Tav::RecordKind::Syslog ? record.syslogTag : record.log);
-    appendName(out, record.levelName);
-    const std::uint32_t length = static_cast<std::uint32_t>(out.size() - start + 4);
-    out.append(reinterpret_cast<const char*>(&length), sizeof length);
+    const std::string_view names[] = {
+        record.subsystem, record.module,
+        record.kind == Tav::RecordKind::Syslog ? record.syslogTag : record.log, record.levelName};
+    // One resize, then the pieces copied in place: this runs for every
+    // record a worker renders.
+    std::size_t length = sizeof fixed + sizeof(std::uint32_t);
+    std::uint16_t sizes[4];
+    for (std::size_t i = 0; i < 4; ++i) {
+        sizes[i] = static_cast<std::uint16_t>(std::min<std::size_t>(names[i].size(), 0xffff));
+        length += sizeof sizes[i] + sizes[i];
+    }
+    const std::size_t start = out.size();
+    out.resize(start + length);
+    char* at = &out[start];
+    std::memcpy(at, &fixed, sizeof fixed);
+    at += sizeof fixed;
+    for (std::size_t i = 0; i < 4; ++i) {
+        std::memcpy(at, &sizes[i], sizeof sizes[i]);
+        at += sizeof sizes[i];
+        if (sizes[i] != 0) {
+            std::memcpy(at, names[i].data(), sizes[i]);
+            at += sizes[i];
+        }
+    }
+    const auto total = static_cast<std::uint32_t>(length);
+    std::memcpy(at, &total, sizeof total);
 }
 
 std::string_view Summary::takeFacts(std::string_view rendered, RecordFacts& facts) {
