@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "WexOamBinLogXmlReader/Format.h"
+#include "Writer.h"
 
 namespace wexbl_decode {
 
@@ -32,22 +33,6 @@ std::int64_t nextWidth(std::int64_t width) {
 
 std::int64_t floorTo(std::int64_t value, std::int64_t width) {
     return value / width * width;  // times are never negative
-}
-
-/// CSV quoting (RFC 4180).
-void appendCsvField(std::string& out, std::string_view text) {
-    if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
-        out.append(text.data(), text.size());
-        return;
-    }
-    out += '"';
-    for (const char c : text) {
-        if (c == '"') {
-            out += '"';
-        }
-        out += c;
-    }
-    out += '"';
 }
 
 /// The facts a worker appends after a record's rendering: the fixed part,

@@ -50,6 +50,11 @@ bool field(std::string_view text, int n, std::size_t& begin, std::size_t& end) {
     return true;
 }
 
+const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN",  "NOTICE",
+                                   "INFO", "DEBUG",    "DEVEL", "ALWAYS"};
+
+}  // namespace
+
 /// CSV quoting (RFC 4180).
 void appendCsvField(std::string& out, std::string_view text) {
     if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
@@ -65,11 +70,6 @@ void appendCsvField(std::string& out, std::string_view text) {
     }
     out += '"';
 }
-
-const char* const kLevelNames[] = {"",     "CRITICAL", "ERROR", "WARN",  "NOTICE",
-                                   "INFO", "DEBUG",    "DEVEL", "ALWAYS"};
-
-}  // namespace
 
 Writer::Writer(Output& output, const Options& options, bool colour)
     : output_(output), options_(options), colour_(colour) {}

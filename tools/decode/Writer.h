@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <tuple>
 
 #include "Options.h"
@@ -47,6 +48,10 @@ class Writer {
     /// --tally: (module, log, level) -> records.
     std::map<std::tuple<std::string, std::string, std::string>, std::uint64_t> tally_;
 };
+
+/// Appends `text` as one CSV field: as it is, or quoted with its quotes
+/// doubled when it holds a comma, a quote or a line break (RFC 4180).
+void appendCsvField(std::string& out, std::string_view text);
 
 }  // namespace wexbl_decode
 

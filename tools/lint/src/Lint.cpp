@@ -36,28 +36,6 @@ void Sink::add(const std::string& file, long line, Severity severity, const char
     findings_.push_back(std::move(finding));
 }
 
-std::int32_t parseDecimal32(const std::string& text) {
-    std::size_t i = 0;
-    const std::size_t n = text.size();
-    while (i < n && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) {
-        ++i;
-    }
-    bool negative = false;
-    if (i < n && (text[i] == '+' || text[i] == '-')) {
-        negative = text[i] == '-';
-        ++i;
-    }
-    const std::int64_t limit = negative ? 2147483648LL : 2147483647LL;
-    std::int64_t magnitude = 0;
-    for (; i < n && text[i] >= '0' && text[i] <= '9'; ++i) {
-        magnitude = magnitude * 10 + (text[i] - '0');
-        if (magnitude > limit) {
-            magnitude = limit;
-        }
-    }
-    return static_cast<std::int32_t>(negative ? -magnitude : magnitude);
-}
-
 unsigned integerWidth(const std::string& type) {
     if (type == "TavUint64_t" || type == "TavInt64_t") {
         return 8;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "BinLogDictionary.h"
 #include "Lint.h"
 
 namespace wexbl_lint {
@@ -96,8 +97,8 @@ class Sink {
     std::vector<Finding> findings_;
 };
 
-/// The number text as the loader reads it: strtol with a 32-bit long.
-std::int32_t parseDecimal32(const std::string& text);
+/// The loader's reading of a decimal attribute (strtol with a 32-bit long).
+using Tav::parseDecimal32;
 
 /// Integer types' widths in bytes (0: not an integer type).
 unsigned integerWidth(const std::string& type);
