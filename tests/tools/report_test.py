@@ -16,6 +16,7 @@ browser-golden, browser-large: the page rendered by headless Chromium
 import html.parser
 import json
 import os
+import random
 import shutil
 import struct
 import subprocess
@@ -244,6 +245,49 @@ def case_static():
               f"{count}: marks sampled")
     check(abs(sizes[0] - sizes[1]) < sizes[0] // 20 and max(sizes) < 400000,
           f"report sizes: {sizes[0]} for 100,000 records, {sizes[1]} for 200,000")
+    check_timeline_order()
+
+
+def pcap_in_order(source, target, order):
+    """Writes the records of the plain pcap `source` to `target` in another
+    order: "reversed", or "shuffled" (a fixed seed)."""
+    with open(source, "rb") as f:
+        data = f.read()
+    records, at = [], 24
+    while at + 16 <= len(data):
+        length = struct.unpack_from("<I", data, at + 8)[0]
+        records.append(data[at:at + 16 + length])
+        at += 16 + length
+    if order == "reversed":
+        records.reverse()
+    else:
+        random.Random(7).shuffle(records)
+    with open(target, "wb") as f:
+        f.write(data[:24] + b"".join(records))
+
+
+def check_timeline_order():
+    """The timeline's buckets do not depend on the order of the records:
+    the same records in time order, reversed and shuffled (times spread
+    over hours, so the buckets widen many times) give the same charts."""
+    ordered = os.path.join(WORK, "ordered.pcap")
+    subprocess.run([SYNTH, "-d", DICT, "-o", ordered, "--plain", "-n", "20000", "--rate",
+                    "2.5", "--seed", "5"], check=True, capture_output=True)
+    pages = {}
+    for order in ("ordered", "reversed", "shuffled"):
+        capture = os.path.join(WORK, order + ".pcap")
+        if order != "ordered":
+            pcap_in_order(ordered, capture, order)
+        for jobs in ("1", "2"):
+            _, data = make_report("-j", jobs, capture, name=f"{order}-{jobs}.html")
+            page = parse(data.decode("utf-8"))
+            pages[(order, jobs)] = (page.tables.get("timeline-table"),
+                                    page.tables.get("levels-table"))
+    first = pages[("ordered", "1")]
+    check(first[0] is not None and len(first[0]) > 2 and
+          sum(int(r[-1]) for r in first[0][1:]) == 20000, f"timeline of 20,000: {first[0]}")
+    for key, tables in pages.items():
+        check(tables == first, f"timeline and levels of {key} as in time order")
 
 
 def chromium(*args):

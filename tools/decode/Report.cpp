@@ -668,7 +668,7 @@ void Page::coverageTable() {
         for (const auto& [index, log] : logs) {
             ++total;
             const std::uint32_t id = static_cast<std::uint32_t>(key) << 16 | index;
-            if (s_.seenLogIds().count(id) != 0) {
+            if (s_.seenLogId(id)) {
                 continue;
             }
             if (++unseen > kMaxTableRows) {

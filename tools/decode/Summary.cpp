@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 
 #include "WexOamBinLogXmlReader/Format.h"
 #include "Writer.h"
@@ -35,39 +36,29 @@ std::int64_t floorTo(std::int64_t value, std::int64_t width) {
     return value / width * width;  // times are never negative
 }
 
-/// The facts a worker appends after a record's rendering: the fixed part,
-/// then the four names, each with its 16-bit length in front, then the
-/// whole trailer's length (32 bits).
-struct FixedFacts {
-    std::uint64_t number;
-    std::uint32_t seconds;
-    std::uint32_t microseconds;
-    std::uint32_t seqNo;
-    std::uint32_t logId;
-    std::uint32_t packetType;
-    std::uint16_t moduleKey;
-    std::uint16_t logIndex;
-    std::uint16_t level;
-    std::uint8_t kind;
-    std::uint8_t unused;
-};
-
-bool takeName(std::string_view& from, std::string_view& name) {
-    std::uint16_t length = 0;
-    if (from.size() < sizeof length) {
-        return false;
-    }
-    std::memcpy(&length, from.data(), sizeof length);
-    from.remove_prefix(sizeof length);
-    if (from.size() < length) {
-        return false;
-    }
-    name = from.substr(0, length);
-    from.remove_prefix(length);
-    return true;
-}
+static_assert(std::is_trivially_copyable_v<RecordFacts>,
+              "the facts travel behind a rendering as bytes");
 
 }  // namespace
+
+RecordFacts Summary::factsOf(const Tav::Record& record) {
+    RecordFacts facts;
+    facts.kind = record.kind;
+    facts.moduleKey = record.moduleKey;
+    facts.logIndex = record.logIndex;
+    facts.level = record.level;
+    facts.seconds = record.seconds;
+    facts.microseconds = record.microseconds;
+    facts.seqNo = record.binLogHeader.seqNo;
+    facts.logId = record.binLogHeader.logId;
+    facts.packetType = record.binLogHeader.packetType;
+    facts.number = record.number;
+    facts.subsystem = record.subsystem;
+    facts.module = record.module;
+    facts.log = record.kind == Tav::RecordKind::Syslog ? record.syslogTag : record.log;
+    facts.levelName = record.levelName;
+    return facts;
+}
 
 void TimeSpan::add(const TimeSpan& other) {
     if (other.any) {
@@ -176,31 +167,20 @@ Summary::Statistics& Summary::statistics() {
     return stats;
 }
 
-CaptureRow& Summary::capture() {
-    if (!hasCapture_) {
-        startCapture("-");
-    }
-    return captures_[current_];
-}
-
 void Summary::record(const Tav::Record& record) {
     startCapture(record.capture);
-    RecordFacts facts;
-    facts.kind = record.kind;
-    facts.moduleKey = record.moduleKey;
-    facts.logIndex = record.logIndex;
-    facts.level = record.level;
-    facts.seconds = record.seconds;
-    facts.microseconds = record.microseconds;
-    facts.seqNo = record.binLogHeader.seqNo;
-    facts.logId = record.binLogHeader.logId;
-    facts.packetType = record.binLogHeader.packetType;
-    facts.number = record.number;
-    facts.subsystem = record.subsystem;
-    facts.module = record.module;
-    facts.log = record.kind == Tav::RecordKind::Syslog ? record.syslogTag : record.log;
-    facts.levelName = record.levelName;
-    this->record(facts);
+    this->record(factsOf(record));
+}
+
+Summary::LogEntry& Summary::newLog(std::uint32_t id, const RecordFacts& facts) {
+    const auto [entry, added] = logs_.try_emplace(id);
+    LogEntry& log = entry->second;
+    if (added) {
+        log.row = rowFor(facts.moduleKey, facts.subsystem, facts.module);
+        log.name = std::string(facts.log);
+    }
+    logCache_.put(id, &log);
+    return log;
 }
 
 void Summary::record(const RecordFacts& facts) {
@@ -213,18 +193,15 @@ void Summary::record(const RecordFacts& facts) {
             row = rowFor(kCaptureRow, {}, {});
             break;
         default: {
-            row = rowFor(facts.moduleKey, facts.subsystem, facts.module);
+            // One look-up finds the log's count and its module's row.
             const std::uint32_t id =
                 static_cast<std::uint32_t>(facts.moduleKey) << 16 | facts.logIndex;
-            std::uint64_t* count = logCache_.find(id);
-            if (count == nullptr) {
-                count = &seenLogIds_[id];
-                logCache_.put(id, count);
-                if (*count == 0) {
-                    logNames_[id] = std::make_pair(row, std::string(facts.log));
-                }
+            LogEntry* log = logCache_.find(id);
+            if (log == nullptr) {
+                log = &newLog(id, facts);
             }
-            ++*count;
+            ++log->count;
+            row = log->row;
             break;
         }
     }
@@ -538,8 +515,7 @@ void Summary::rescale(std::int64_t time) {
     origin_ = origin;
 }
 
-void Summary::addToBuckets(std::size_t row, ShownTime time, std::uint16_t level) {
-    const std::int64_t at = time.micros();
+void Summary::findBucket(std::int64_t at) {
     if (!bucketsStarted_) {
         bucketsStarted_ = true;
         lowest_ = highest_ = at;
@@ -550,91 +526,41 @@ void Summary::addToBuckets(std::size_t row, ShownTime time, std::uint16_t level)
     }
     lowest_ = std::min(lowest_, at);
     highest_ = std::max(highest_, at);
-    const std::size_t index = static_cast<std::size_t>((at - origin_) / width_);
-    ++rowBuckets_[row][index];
-    if (level == 1) {
-        ++criticalBuckets_[index];
-    } else if (level == 2) {
-        ++errorBuckets_[index];
-    }
+    bucket_ = static_cast<std::size_t>((at - origin_) / width_);
+    bucketStart_ = origin_ + static_cast<std::int64_t>(bucket_) * width_;
+    bucketEnd_ = bucketStart_ + width_;
 }
 
 void Summary::appendFacts(const Tav::Record& record, std::string& out) {
-    FixedFacts fixed;
-    std::memset(&fixed, 0, sizeof fixed);
-    fixed.number = record.number;
-    fixed.seconds = record.seconds;
-    fixed.microseconds = record.microseconds;
-    fixed.seqNo = record.binLogHeader.seqNo;
-    fixed.logId = record.binLogHeader.logId;
-    fixed.packetType = record.binLogHeader.packetType;
-    fixed.moduleKey = record.moduleKey;
-    fixed.logIndex = record.logIndex;
-    fixed.level = record.level;
-    fixed.kind = static_cast<std::uint8_t>(record.kind);
-    const std::string_view names[] = {
-        record.subsystem, record.module,
-        record.kind == Tav::RecordKind::Syslog ? record.syslogTag : record.log, record.levelName};
-    // One resize, then the pieces copied in place: this runs for every
-    // record a worker renders.
-    std::size_t length = sizeof fixed + sizeof(std::uint32_t);
-    std::uint16_t sizes[4];
-    for (std::size_t i = 0; i < 4; ++i) {
-        sizes[i] = static_cast<std::uint16_t>(std::min<std::size_t>(names[i].size(), 0xffff));
-        length += sizeof sizes[i] + sizes[i];
+    RecordFacts facts = factsOf(record);
+    // A syslog tag lies in the decoder's buffer, which the next record
+    // reuses: its bytes go along, before the facts (whose view of it
+    // takeFacts() points at them).
+    if (facts.kind == Tav::RecordKind::Syslog) {
+        out.append(facts.log);
     }
-    const std::size_t start = out.size();
-    out.resize(start + length);
-    char* at = &out[start];
-    std::memcpy(at, &fixed, sizeof fixed);
-    at += sizeof fixed;
-    for (std::size_t i = 0; i < 4; ++i) {
-        std::memcpy(at, &sizes[i], sizeof sizes[i]);
-        at += sizeof sizes[i];
-        if (sizes[i] != 0) {
-            std::memcpy(at, names[i].data(), sizes[i]);
-            at += sizes[i];
-        }
-    }
-    const auto total = static_cast<std::uint32_t>(length);
-    std::memcpy(at, &total, sizeof total);
+    out.append(reinterpret_cast<const char*>(&facts), sizeof facts);
 }
 
 std::string_view Summary::takeFacts(std::string_view rendered, RecordFacts& facts) {
-    std::uint32_t length = 0;
-    if (rendered.size() < sizeof length + sizeof(FixedFacts)) {
-        return rendered;
-    }
-    std::memcpy(&length, rendered.data() + rendered.size() - sizeof length, sizeof length);
-    if (length > rendered.size() || length < sizeof length + sizeof(FixedFacts)) {
-        return rendered;
-    }
-    std::string_view trailer = rendered.substr(rendered.size() - length, length - sizeof length);
-    FixedFacts fixed;
-    std::memcpy(&fixed, trailer.data(), sizeof fixed);
-    trailer.remove_prefix(sizeof fixed);
-    facts.number = fixed.number;
-    facts.seconds = fixed.seconds;
-    facts.microseconds = fixed.microseconds;
-    facts.seqNo = fixed.seqNo;
-    facts.logId = fixed.logId;
-    facts.packetType = fixed.packetType;
-    facts.moduleKey = fixed.moduleKey;
-    facts.logIndex = fixed.logIndex;
-    facts.level = fixed.level;
-    facts.kind = static_cast<Tav::RecordKind>(fixed.kind);
-    if (!takeName(trailer, facts.subsystem) || !takeName(trailer, facts.module) ||
-        !takeName(trailer, facts.log) || !takeName(trailer, facts.levelName)) {
+    if (rendered.size() < sizeof facts) {
         facts = RecordFacts();
+        return rendered;
     }
-    return rendered.substr(0, rendered.size() - length);
+    std::size_t end = rendered.size() - sizeof facts;
+    std::memcpy(&facts, rendered.data() + end, sizeof facts);
+    if (facts.kind == Tav::RecordKind::Syslog) {
+        const std::size_t tag = std::min(facts.log.size(), end);
+        end -= tag;
+        facts.log = rendered.substr(end, tag);
+    }
+    return rendered.substr(0, end);
 }
 
 std::map<std::pair<std::size_t, std::string>, std::uint64_t> Summary::logs() const {
     std::map<std::pair<std::size_t, std::string>, std::uint64_t> logs;
-    for (const auto& [id, count] : seenLogIds_) {
-        const auto& name = logNames_.at(id);
-        logs[name] += count;
+    for (const auto& [id, log] : logs_) {
+        logs[std::make_pair(log.row, log.name)] += log.count;
     }
     const auto syslog = rowIndex_.find(kSyslogRow);
     if (syslog != rowIndex_.end()) {

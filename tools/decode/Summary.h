@@ -27,7 +27,9 @@
 
 namespace wexbl_decode {
 
-/// What the summary takes of a record.
+/// What the summary takes of a record. The names of a dictionary log point
+/// into the dictionary, the level's name into the level table of the thread
+/// that decoded it: both outlive the record.
 struct RecordFacts {
     Tav::RecordKind kind = Tav::RecordKind::BinLog;
     std::uint16_t moduleKey = 0;
@@ -149,12 +151,16 @@ class Summary {
     /// session's).
     void separateStatistics() { separate_ = true; }
     void startCapture(std::string_view name);
+    /// A record of any capture (--merge).
     void record(const Tav::Record& record);
+    /// A record of the capture started last.
     void record(const RecordFacts& facts);
+    void recordOfCapture(const Tav::Record& record) { this->record(factsOf(record)); }
     void event(const Tav::Event& event);
     /// A capture that could not be opened or decoded at all, and why.
     void captureFailed(std::string_view name, const char* why);
 
+    static RecordFacts factsOf(const Tav::Record& record);
     /// Appends a record's facts to `out` (in a worker thread, after its
     /// rendering); takeFacts() takes them off again in capture order.
     static void appendFacts(const Tav::Record& record, std::string& out);
@@ -188,8 +194,9 @@ class Summary {
     std::map<std::pair<std::size_t, std::string>, std::uint64_t> logs() const;
     const std::map<std::uint32_t, UnknownId>& unknownIds() const { return unknownIds_; }
     std::uint64_t unknownIdsDropped() const { return unknownIdsDropped_; }
-    /// Records per dictionary log id (module key << 16 | log index).
-    const std::map<std::uint32_t, std::uint64_t>& seenLogIds() const { return seenLogIds_; }
+    /// Whether a record of the dictionary log id (module key << 16 | log
+    /// index) was counted.
+    bool seenLogId(std::uint32_t id) const { return logs_.count(id) != 0; }
     /// The level names seen, by number.
     const std::map<std::uint16_t, std::string>& levelNames() const { return levelNames_; }
     const std::vector<std::string>& captureNames() const { return captureNames_; }
@@ -202,7 +209,20 @@ class Summary {
   private:
     std::size_t rowFor(std::uint32_t key, std::string_view subsystem, std::string_view module);
     std::size_t moduleRow(std::uint16_t key);
-    CaptureRow& capture();
+    CaptureRow& capture() {
+        if (!hasCapture_) {
+            startCapture("-");
+        }
+        return captures_[current_];
+    }
+    /// A dictionary log: its records, row and name.
+    struct LogEntry {
+        std::uint64_t count = 0;
+        std::size_t row = 0;
+        std::string name;
+    };
+    /// The entry of a dictionary log, made at its first record.
+    LogEntry& newLog(std::uint32_t id, const RecordFacts& facts);
     /// Counts the waiting gaps and reorders: those of record `number` in
     /// `row` at `time`, the others in their module's row.
     /// Settles the gaps and reorders that wait for the record `number`
@@ -217,7 +237,23 @@ class Summary {
     void rescale(std::int64_t time);
     void countSequence(std::uint32_t packetType, std::uint32_t logId, std::uint32_t seqNo,
                        std::size_t row);
-    void addToBuckets(std::size_t row, ShownTime time, std::uint16_t level);
+    void addToBuckets(std::size_t row, ShownTime time, std::uint16_t level) {
+        // Records come in time order, mostly: most fall into the bucket of
+        // the one before.
+        const std::int64_t at = time.micros();
+        if (at < bucketStart_ || at >= bucketEnd_) {
+            findBucket(at);
+        }
+        ++rowBuckets_[row][bucket_];
+        if (level == 1) {
+            ++criticalBuckets_[bucket_];
+        } else if (level == 2) {
+            ++errorBuckets_[bucket_];
+        }
+    }
+    /// Makes the bucket of `at` the current one, widening the buckets when
+    /// it lies outside them.
+    void findBucket(std::int64_t at);
     void damaged(const char* what);
 
     const Tav::BinaryLogXmlReader& reader_;
@@ -233,11 +269,11 @@ class Summary {
       public:
         EntryCache() { clear(); }
         T* find(std::uint32_t key) const {
-            const std::size_t slot = key % kSlots;
+            const std::size_t slot = slotOf(key);
             return keys_[slot] == key ? entries_[slot] : nullptr;
         }
         void put(std::uint32_t key, T* entry) {
-            const std::size_t slot = key % kSlots;
+            const std::size_t slot = slotOf(key);
             keys_[slot] = key;
             entries_[slot] = entry;
         }
@@ -247,24 +283,35 @@ class Summary {
         }
 
       private:
-        static constexpr std::size_t kSlots = 61;  // prime: keys spread over it
+        static constexpr std::size_t kSlots = 256;
+        /// Fibonacci hashing: the key's bits all play a part in the slot
+        /// (log ids of one module differ in their low bits, modules in
+        /// their high bits).
+        static std::size_t slotOf(std::uint32_t key) { return (key * 0x9E3779B1u) >> 24; }
         static constexpr std::uint32_t kNoKey = 0xffffffff;
         std::array<std::uint32_t, kSlots> keys_;
         std::array<T*, kSlots> entries_;
     };
-    /// Of rowIndex_ by module key, seenLogIds_ by log, and the sequence
+    /// Of rowIndex_ by module key, logs_ by log id, and the sequence
     /// numbers of the current statistics by sequence space.
     EntryCache<std::size_t> rowCache_;
-    EntryCache<std::uint64_t> logCache_;
+    EntryCache<LogEntry> logCache_;
     EntryCache<std::uint32_t> seqCache_;
     std::vector<CaptureRow> captures_;
     std::vector<std::string> captureNames_;
     std::map<std::string, std::size_t, std::less<>> captureIndex_;
     std::size_t current_ = 0;
     bool hasCapture_ = false;
-    /// The earliest and latest bucketed times.
+    /// The earliest and latest bucketed times (but for those that fell
+    /// into the bucket of the record before: widening the buckets comes to
+    /// the same without them).
     std::int64_t lowest_ = 0;
     std::int64_t highest_ = 0;
+    /// The bucket of the last record, and its start and end (empty at
+    /// first, and after the buckets were widened).
+    std::size_t bucket_ = 0;
+    std::int64_t bucketStart_ = 0;
+    std::int64_t bucketEnd_ = 0;
 
     /// What the summary follows of one run of statistics.
     struct Statistics {
@@ -307,10 +354,10 @@ class Summary {
     /// Syslog records per tag (at most kMaxLogs tags), and the names of
     /// the logs seen.
     std::map<std::string, std::uint64_t, std::less<>> tags_;
-    std::map<std::uint32_t, std::pair<std::size_t, std::string>> logNames_;
+    /// By dictionary log id.
+    std::map<std::uint32_t, LogEntry> logs_;
     std::map<std::uint32_t, UnknownId> unknownIds_;
     std::uint64_t unknownIdsDropped_ = 0;
-    std::map<std::uint32_t, std::uint64_t> seenLogIds_;
     std::map<std::uint16_t, std::string> levelNames_;
 };
 

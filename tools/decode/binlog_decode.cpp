@@ -573,7 +573,8 @@ class Run {
     bool handle(Tav::CaptureStream& stream, Writer& writer) {
         if (const Tav::Record* record = stream.record()) {
             if (summary_ != nullptr) {
-                summary_->record(*record);
+                // decodeStream() started the capture.
+                summary_->recordOfCapture(*record);
             }
             if (!options_.summaryOnly) {
                 writer.record(*record);
