@@ -16,6 +16,10 @@
 
 #include "records/Text.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Tav {
 
 namespace {
@@ -251,6 +255,84 @@ const unsigned char* plainRunEnd(const unsigned char* p, const unsigned char* en
     return p;
 }
 
+/// Eight bytes at `p`, in memory order.
+std::uint64_t loadWord(const unsigned char* p) {
+    std::uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    return word;
+}
+
+/// Whether the `n` bytes at `p` are all plain. Most strings are (names,
+/// numbers as text, the line): they are checked in whole words, the last
+/// word overlapping the one before rather than going byte by byte.
+bool allPlain(const unsigned char* p, std::size_t n) {
+#if defined(__SSE2__)
+    if (n >= 16) {
+        // Sixteen at a time: a signed compare with 0x20 takes the control
+        // characters and the bytes from 0x80 up at once.
+        const __m128i space = _mm_set1_epi8(0x20);
+        const __m128i del = _mm_set1_epi8(0x7F);
+        const __m128i quote = _mm_set1_epi8('"');
+        const __m128i backslash = _mm_set1_epi8('\\');
+        auto care = [&](const unsigned char* at) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+            const __m128i bad =
+                _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(v, space), _mm_cmpeq_epi8(v, del)),
+                             _mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)));
+            return _mm_movemask_epi8(bad) != 0;
+        };
+        std::size_t i = 0;
+        for (; i + 16 <= n; i += 16) {
+            if (care(p + i)) {
+                return false;
+            }
+        }
+        return i == n || !care(p + n - 16);
+    }
+#endif
+    if (n >= 8) {
+        std::size_t i = 0;
+        for (; i + 8 <= n; i += 8) {
+            if (careBytes(loadWord(p + i)) != 0) {
+                return false;
+            }
+        }
+        return i == n || careBytes(loadWord(p + n - 8)) == 0;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!kPlain.plain[p[i]]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Copies `n` bytes; up to sixteen without a call, in two overlapping
+/// moves of the largest size that fits.
+void copyBytes(char* to, const unsigned char* from, std::size_t n) {
+    if (n >= 8 && n <= 16) {
+        std::uint64_t first;
+        std::uint64_t last;
+        std::memcpy(&first, from, sizeof first);
+        std::memcpy(&last, from + n - 8, sizeof last);
+        std::memcpy(to, &first, sizeof first);
+        std::memcpy(to + n - 8, &last, sizeof last);
+    } else if (n >= 4 && n < 8) {
+        std::uint32_t first;
+        std::uint32_t last;
+        std::memcpy(&first, from, sizeof first);
+        std::memcpy(&last, from + n - 4, sizeof last);
+        std::memcpy(to, &first, sizeof first);
+        std::memcpy(to + n - 4, &last, sizeof last);
+    } else if (n < 4) {
+        for (std::size_t i = 0; i < n; ++i) {
+            to[i] = static_cast<char>(from[i]);
+        }
+    } else {
+        std::memcpy(to, from, n);
+    }
+}
+
 /// Length of the well-formed UTF-8 sequence at `p` (2 to 4), or 0 when the
 /// byte at `p` (at least 0x80) does not start one: a stray continuation
 /// byte, an overlong form, a surrogate, a code point above U+10FFFF, or a
@@ -308,6 +390,16 @@ void appendJsonString(Sink& out, std::string_view text) {
     constexpr std::size_t kBlock = 4096;
     const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
     const unsigned char* const end = p + text.size();
+    if (allPlain(p, text.size())) {
+        // Nothing to escape: the quotes and one copy.
+        const std::size_t n = text.size();
+        char* const to = out.room(n + 2);
+        to[0] = '"';
+        copyBytes(to + 1, p, n);
+        to[n + 1] = '"';
+        out.advance(n + 2);
+        return;
+    }
     out.push_back('"');
     for (;;) {
         const std::size_t left = static_cast<std::size_t>(end - p);

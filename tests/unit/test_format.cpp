@@ -1305,3 +1305,97 @@ TEST_F(FormatTest, EveryShortByteSequence) {
 }
 
 }  // namespace
+
+namespace {
+
+/// The escaping rules one byte at a time: printable ASCII but the quote and
+/// the backslash as they are; \" \\ \n \r \t; other control characters and
+/// DEL as \u00xx; a well-formed UTF-8 sequence as it is, any other byte from
+/// 0x80 up as \u00xx.
+std::string referenceJsonString(const std::string& text) {
+    static const char hex[] = "0123456789abcdef";
+    std::string out = "\"";
+    for (std::size_t i = 0; i < text.size();) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        auto cont = [&](std::size_t k) {
+            return i + k < text.size() && (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80;
+        };
+        auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[i + k]); };
+        std::size_t sequence = 0;
+        if (c >= 0xC2 && c <= 0xDF && cont(1)) {
+            sequence = 2;
+        } else if (c >= 0xE0 && c <= 0xEF && cont(1) && cont(2) &&
+                   byte(1) >= (c == 0xE0 ? 0xA0 : 0x80) && byte(1) <= (c == 0xED ? 0x9F : 0xBF)) {
+            sequence = 3;
+        } else if (c >= 0xF0 && c <= 0xF4 && cont(1) && cont(2) && cont(3) &&
+                   byte(1) >= (c == 0xF0 ? 0x90 : 0x80) && byte(1) <= (c == 0xF4 ? 0x8F : 0xBF)) {
+            sequence = 4;
+        }
+        if (sequence != 0) {
+            out.append(text, i, sequence);
+            i += sequence;
+            continue;
+        }
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c >= 0x7F) {
+            out += "\\u00";
+            out += hex[c >> 4];
+            out += hex[c & 0xF];
+        } else {
+            out += static_cast<char>(c);
+        }
+        ++i;
+    }
+    return out + "\"";
+}
+
+}  // namespace
+
+// Strings are checked in whole words where they can be (sixteen or eight
+// bytes, the last word overlapping): a byte to escape at any place of a
+// string of any length up to past two words must be found.
+TEST(JsonStringTest, EveryLengthWithAnEscapeAtEveryPlace) {
+    const std::string specials[] = {"\"",
+                                    "\\",
+                                    "\n",
+                                    "\x01",
+                                    "\x1f",
+                                    "\x7f",
+                                    "\x80",
+                                    "\xff",
+                                    "\xc3\xa9",
+                                    "\xe2\x82\xac",
+                                    "\xf0\x9f\x98\x80",
+                                    "\xed\xa0\x80"};
+    for (std::size_t length = 0; length <= 40; ++length) {
+        std::string plain;
+        for (std::size_t i = 0; i < length; ++i) {
+            plain += static_cast<char>('a' + i % 26);
+        }
+        std::string out;
+        Tav::appendJsonString(out, plain);
+        EXPECT_EQ(out, "\"" + plain + "\"") << length;
+        for (std::size_t at = 0; at < length; ++at) {
+            for (const std::string& special : specials) {
+                std::string text = plain;
+                text.replace(at, 1, special);
+                out = "prefix";
+                Tav::appendJsonString(out, text);
+                EXPECT_EQ(out, "prefix" + referenceJsonString(text))
+                    << "length " << length << ", at " << at;
+            }
+        }
+    }
+    // Space and tilde are the ends of the plain range.
+    std::string out;
+    Tav::appendJsonString(out, std::string(20, ' ') + std::string(20, '~'));
+    EXPECT_EQ(out, "\"" + std::string(20, ' ') + std::string(20, '~') + "\"");
+}
