@@ -498,6 +498,24 @@ std::string_view typeName(ParamType type) {
                                                               : std::string_view();
 }
 
+/// `,"type":"TYPE","value":` of a field of the type: written in one piece.
+std::string_view typeAndValueKeys(ParamType type) {
+    struct Keys {
+        std::string keys[static_cast<std::size_t>(ParamType::VarBinaryString) + 2];
+        Keys() {
+            for (std::size_t i = 0; i < sizeof keys / sizeof keys[0]; ++i) {
+                keys[i] = ",\"type\":\"";
+                keys[i] += typeName(static_cast<ParamType>(i));
+                keys[i] += "\",\"value\":";
+            }
+        }
+    };
+    static const Keys table;
+    const auto index = static_cast<std::size_t>(type);
+    const std::size_t last = sizeof table.keys / sizeof table.keys[0] - 1;  // no such type
+    return table.keys[index < last ? index : last];
+}
+
 std::string_view kindName(RecordKind kind) {
     switch (kind) {
         case RecordKind::BinLog:
@@ -562,9 +580,7 @@ void appendJsonFields(Sink& out, View<ParamField> fields, bool texts) {
             appendLiteral(out, ",\"index\":");
             appendSigned(out, field.index);
         }
-        appendLiteral(out, ",\"type\":\"");
-        out.append(typeName(field.type));
-        appendLiteral(out, "\",\"value\":");
+        out.append(typeAndValueKeys(field.type));
         appendJsonValue(out, field);
         if (texts) {
             appendLiteral(out, ",\"text\":");
