@@ -42,7 +42,7 @@ static_assert(std::is_trivially_copyable_v<RecordFacts>,
 }  // namespace
 
 RecordFacts Summary::factsOf(const Tav::Record& record) {
-    RecordFacts facts;
+    RecordFacts facts{};
     facts.kind = record.kind;
     facts.moduleKey = record.moduleKey;
     facts.logIndex = record.logIndex;
@@ -140,7 +140,7 @@ void Summary::startCapture(std::string_view name) {
         return;
     }
     // The sequence space cached is that of another capture's statistics.
-    seqCache_.clear();
+    forgetSequences();
     const auto found = captureIndex_.find(name);
     if (found != captureIndex_.end()) {
         current_ = found->second;
@@ -185,6 +185,7 @@ Summary::LogEntry& Summary::newLog(std::uint32_t id, const RecordFacts& facts) {
 
 void Summary::record(const RecordFacts& facts) {
     std::size_t row = 0;
+    LogEntry* log = nullptr;
     switch (facts.kind) {
         case Tav::RecordKind::Syslog:
             row = rowFor(kSyslogRow, {}, {});
@@ -193,10 +194,11 @@ void Summary::record(const RecordFacts& facts) {
             row = rowFor(kCaptureRow, {}, {});
             break;
         default: {
-            // One look-up finds the log's count and its module's row.
+            // One look-up finds the log's count, its module's row and the
+            // last sequence number of its module.
             const std::uint32_t id =
                 static_cast<std::uint32_t>(facts.moduleKey) << 16 | facts.logIndex;
-            LogEntry* log = logCache_.find(id);
+            log = logCache_.find(id);
             if (log == nullptr) {
                 log = &newLog(id, facts);
             }
@@ -214,14 +216,24 @@ void Summary::record(const RecordFacts& facts) {
         marks_[i].timed = true;
     }
     untimed_.clear();
-    countSequence(facts.packetType, facts.logId, facts.seqNo, row);
+    if (log != nullptr && log->sequence.generation == seqGeneration_ &&
+        log->sequence.logId == facts.logId && log->sequence.last != nullptr) {
+        checkSequence(*log->sequence.last, facts.seqNo, row);
+    } else if (log != nullptr) {
+        log->sequence.last = countSequence(facts.packetType, facts.logId, facts.seqNo, row);
+        log->sequence.logId = facts.logId;
+        log->sequence.generation = seqGeneration_;
+    } else {
+        countSequence(facts.packetType, facts.logId, facts.seqNo, row);
+    }
 
     ModuleRow& module = rows_[row];
     CaptureRow& file = capture();
     ++module.counts.records;
     ++file.counts.records;
-    module.span.add(time);
-    file.span.add(time);
+    const std::int64_t at = time.micros();
+    module.span.add(time, at);
+    file.span.add(time, at);
     lastTime_ = time;
     anyTime_ = true;
     if (facts.kind != Tav::RecordKind::Capture) {
@@ -247,16 +259,16 @@ void Summary::record(const RecordFacts& facts) {
             }
         }
     }
-    addToBuckets(row, time, facts.kind == Tav::RecordKind::Capture ? 0 : facts.level);
+    addToBuckets(row, at, facts.kind == Tav::RecordKind::Capture ? 0 : facts.level);
 }
 
-void Summary::countSequence(std::uint32_t packetType, std::uint32_t logId, std::uint32_t seqNo,
-                            std::size_t row) {
+std::uint32_t* Summary::countSequence(std::uint32_t packetType, std::uint32_t logId,
+                                      std::uint32_t seqNo, std::size_t row) {
     // The statistics' rule: plain capture records and modules 0x8000 and
     // above are not checked; syslog numbers are a space of their own.
     const std::uint32_t module = logId >> 16;
     if (packetType == 3 || (module & 0x8000) != 0) {
-        return;
+        return nullptr;
     }
     const std::uint32_t key = module | (packetType == 2 ? 0x10000u : 0u);
     std::uint32_t* last = seqCache_.find(key);
@@ -264,19 +276,20 @@ void Summary::countSequence(std::uint32_t packetType, std::uint32_t logId, std::
         std::map<std::uint32_t, std::uint32_t>& lastSeq = statistics().lastSeq;
         const auto found = lastSeq.find(key);
         if (found == lastSeq.end()) {
-            seqCache_.put(key, &lastSeq.emplace(key, seqNo).first->second);
-            return;
+            last = &lastSeq.emplace(key, seqNo).first->second;
+            seqCache_.put(key, last);
+            return last;
         }
         last = &found->second;
         seqCache_.put(key, last);
     }
-    const std::uint32_t diff = seqNo - *last;
-    if (diff == 0) {
-        ++rows_[row].counts.duplicates;
-        ++capture().counts.duplicates;
-    } else if (diff < 0x80000000u) {
-        *last = seqNo;  // ahead: a step or a gap
-    }
+    checkSequence(*last, seqNo, row);
+    return last;
+}
+
+void Summary::forgetSequences() {
+    seqCache_.clear();
+    ++seqGeneration_;
 }
 
 void Summary::resolvePendingNow(std::uint64_t number, std::size_t row, const ShownTime* time) {
@@ -457,7 +470,7 @@ void Summary::event(const Tav::Event& event) {
         case Tav::EventKind::Summary:
             // The statistics start afresh after a capture's normal end.
             statistics() = Statistics();
-            seqCache_.clear();
+            forgetSequences();
             break;
         case Tav::EventKind::Oversized:
             damaged("oversized record");

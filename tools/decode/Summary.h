@@ -30,17 +30,19 @@ namespace wexbl_decode {
 /// What the summary takes of a record. The names of a dictionary log point
 /// into the dictionary, the level's name into the level table of the thread
 /// that decoded it: both outlive the record.
+/// (No initial values: a record's are copied over them whole; RecordFacts{}
+/// is all zeros.)
 struct RecordFacts {
-    Tav::RecordKind kind = Tav::RecordKind::BinLog;
-    std::uint16_t moduleKey = 0;
-    std::uint16_t logIndex = 0;
-    std::uint16_t level = 0;
-    std::uint32_t seconds = 0;
-    std::uint32_t microseconds = 0;
-    std::uint32_t seqNo = 0;
-    std::uint32_t logId = 0;
-    std::uint32_t packetType = 0;
-    std::uint64_t number = 0;
+    Tav::RecordKind kind;
+    std::uint16_t moduleKey;
+    std::uint16_t logIndex;
+    std::uint16_t level;
+    std::uint32_t seconds;
+    std::uint32_t microseconds;
+    std::uint32_t seqNo;
+    std::uint32_t logId;
+    std::uint32_t packetType;
+    std::uint64_t number;
     std::string_view subsystem;
     std::string_view module;
     /// The log's name; a syslog record's tag.
@@ -62,19 +64,27 @@ struct TimeSpan {
     bool any = false;
     ShownTime first;
     ShownTime last;
-    void add(ShownTime time) {
+    void add(ShownTime time) { add(time, time.micros()); }
+    /// `at`: time.micros().
+    void add(ShownTime time, std::int64_t at) {
         // Called for every record: kept inline.
-        const std::int64_t at = time.micros();
         if (!any) {
             any = true;
             first = last = time;
-        } else if (at < first.micros()) {
+            firstAt_ = lastAt_ = at;
+        } else if (at < firstAt_) {
             first = time;
-        } else if (at > last.micros()) {
+            firstAt_ = at;
+        } else if (at > lastAt_) {
             last = time;
+            lastAt_ = at;
         }
     }
     void add(const TimeSpan& other);
+
+  private:
+    std::int64_t firstAt_ = 0;
+    std::int64_t lastAt_ = 0;
 };
 
 struct Counts {
@@ -220,6 +230,13 @@ class Summary {
         std::uint64_t count = 0;
         std::size_t row = 0;
         std::string name;
+        /// The last number of its sequence space, while `generation` is
+        /// the summary's and its records' log id is `logId`.
+        struct {
+            std::uint32_t* last = nullptr;
+            std::uint32_t logId = 0;
+            std::uint64_t generation = 0;
+        } sequence;
     };
     /// The entry of a dictionary log, made at its first record.
     LogEntry& newLog(std::uint32_t id, const RecordFacts& facts);
@@ -235,12 +252,25 @@ class Summary {
     void resolvePendingNow(std::uint64_t number, std::size_t row, const ShownTime* time);
     void addMark(const Mark& mark);
     void rescale(std::int64_t time);
-    void countSequence(std::uint32_t packetType, std::uint32_t logId, std::uint32_t seqNo,
-                       std::size_t row);
-    void addToBuckets(std::size_t row, ShownTime time, std::uint16_t level) {
+    /// Counts a repeated sequence number; returns the last number of the
+    /// record's sequence space (null: its numbers are not checked).
+    std::uint32_t* countSequence(std::uint32_t packetType, std::uint32_t logId, std::uint32_t seqNo,
+                                 std::size_t row);
+    void checkSequence(std::uint32_t& last, std::uint32_t seqNo, std::size_t row) {
+        const std::uint32_t diff = seqNo - last;
+        if (diff == 0) {
+            ++rows_[row].counts.duplicates;
+            ++capture().counts.duplicates;
+        } else if (diff < 0x80000000u) {
+            last = seqNo;  // ahead: a step or a gap
+        }
+    }
+    /// The sequence numbers cached are of statistics that ended, or of
+    /// another capture's.
+    void forgetSequences();
+    void addToBuckets(std::size_t row, std::int64_t at, std::uint16_t level) {
         // Records come in time order, mostly: most fall into the bucket of
         // the one before.
-        const std::int64_t at = time.micros();
         if (at < bucketStart_ || at >= bucketEnd_) {
             findBucket(at);
         }
@@ -297,6 +327,8 @@ class Summary {
     EntryCache<std::size_t> rowCache_;
     EntryCache<LogEntry> logCache_;
     EntryCache<std::uint32_t> seqCache_;
+    /// Counts forgetSequences().
+    std::uint64_t seqGeneration_ = 1;
     std::vector<CaptureRow> captures_;
     std::vector<std::string> captureNames_;
     std::map<std::string, std::size_t, std::less<>> captureIndex_;
