@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -543,6 +544,7 @@ class Reader {
 // ---- The summary of a capture ------------------------------------------------------------
 
 struct ModuleCounts {
+    std::uint32_t key = 0;
     std::uint64_t records = 0;
     std::int64_t missing = 0;
     std::uint64_t reorders = 0;
@@ -564,13 +566,85 @@ struct ModuleCounts {
     }
 };
 
-/// Per module (the high half of the log id): the records the statistics
-/// count (those printed and those reported as unknown, of another version,
-/// of a level out of range or of an unknown packet type), the records
-/// missing by their sequence numbers, the reorders and unknown log ids, and
-/// the first and last record times. A reorder takes one record off the
-/// missing count of its module while the capture's count is above zero, as
-/// the statistics do.
+/// Row keys of the records counted by kind, not module (as binlog-decode
+/// --summary names them).
+constexpr std::uint32_t kSyslogRow = 0x10000 + 2;
+constexpr std::uint32_t kCaptureRow = 0x10000 + 3;
+
+/// The rows of one capture's summary, in the order they were first needed,
+/// and the gaps and reorders that wait for the record that revealed them:
+/// they are that record's row's, as in binlog-decode --summary.
+class CaptureSummary {
+  public:
+    ModuleCounts& row(std::uint32_t key) { return rows_[index(key)]; }
+
+    /// A record counted in row `key`, or reported instead of printed.
+    void record(std::uint32_t key, std::uint64_t number, const Tav::PcapRecHeader& header) {
+        const std::size_t at = index(key);
+        settle(number, at);
+        rows_[at].count(header);
+    }
+    void gapOrReorder(const Tav::Event& event) { pending_.push_back(event); }
+    /// Settles what waits: with the record `number` in row `at`, or in
+    /// their modules' rows (`at` out of range).
+    void settle(std::uint64_t number, std::size_t at) {
+        for (const Tav::Event& one : pending_) {
+            const std::size_t target =
+                at < rows_.size() && one.record == number ? at : index(one.module);
+            if (one.kind == Tav::EventKind::Gap) {
+                rows_[target].missing += one.missing;
+                missing_ += one.missing;
+                continue;
+            }
+            ++rows_[target].reorders;
+            // A late record was one of those counted missing: off its own
+            // row's count, or off the row with the most missing.
+            if (missing_ > 0) {
+                --missing_;
+                std::size_t from = target;
+                if (rows_[from].missing <= 0) {
+                    from = 0;
+                    for (std::size_t i = 1; i < rows_.size(); ++i) {
+                        if (rows_[i].missing > rows_[from].missing) {
+                            from = i;
+                        }
+                    }
+                }
+                --rows_[from].missing;
+            }
+        }
+        pending_.clear();
+    }
+    void settleAll() { settle(0, rows_.size()); }
+    const std::vector<ModuleCounts>& rows() const { return rows_; }
+
+  private:
+    std::size_t index(std::uint32_t key) {
+        const auto found = index_.find(key);
+        if (found != index_.end()) {
+            return found->second;
+        }
+        rows_.emplace_back();
+        rows_.back().key = key;
+        index_.emplace(key, rows_.size() - 1);
+        return rows_.size() - 1;
+    }
+
+    std::vector<ModuleCounts> rows_;
+    std::map<std::uint32_t, std::size_t> index_;
+    std::vector<Tav::Event> pending_;
+    std::int64_t missing_ = 0;
+};
+
+/// Per module (the high half of the log id; syslog records and plain
+/// capture records in rows of their own): the records the statistics count
+/// (those printed and those reported as unknown, of another version, of a
+/// level out of range or of an unknown packet type), the records missing by
+/// their sequence numbers, the reorders and unknown log ids, and the first
+/// and last record times. A gap or reorder is the row's of the record that
+/// revealed it; a reorder takes one record off the missing count of that
+/// row (or of the row with the most) while the capture's count is above
+/// zero, as the statistics do.
 py::dict summarize(const Loaded& loaded, const std::string& capture, int udpPort) {
     Tav::StreamOptions options;
     options.udpPort = checkedPort(udpPort);
@@ -580,41 +654,40 @@ py::dict summarize(const Loaded& loaded, const std::string& capture, int udpPort
     options.inflateThread = true;
     Tav::CaptureStream stream(*loaded.reader, capture, options);
     openOrRaise(stream, capture, options.udpPort);
-    std::map<std::uint32_t, ModuleCounts> modules;
+    CaptureSummary modules;
     std::string error;
-    std::int64_t missing = 0;
     bool summarySeen = false;
     Tav::StatsSummary summary;
     {
         py::gil_scoped_release unlocked;
         while (stream.next()) {
             if (const Tav::Record* record = stream.record()) {
-                modules[record->binLogHeader.logId >> 16].count(record->pcapHeader);
+                std::uint32_t key = record->binLogHeader.logId >> 16;
+                if (record->kind == Tav::RecordKind::Syslog) {
+                    key = kSyslogRow;
+                } else if (record->kind == Tav::RecordKind::Capture) {
+                    key = kCaptureRow;
+                }
+                modules.record(key, record->number, record->pcapHeader);
                 continue;
             }
             const Tav::Event& event = *stream.event();
             switch (event.kind) {
                 case Tav::EventKind::UnknownLogId:
-                    ++modules[event.logId >> 16].unknownIds;
-                    modules[event.logId >> 16].count(event.pcapHeader);
+                    modules.record(event.logId >> 16, event.record, event.pcapHeader);
+                    ++modules.row(event.logId >> 16).unknownIds;
                     break;
                 case Tav::EventKind::VersionMismatch:
                 case Tav::EventKind::LevelOutOfRange:
                 case Tav::EventKind::InvalidPacketType:
-                    modules[event.logId >> 16].count(event.pcapHeader);
+                    modules.record(event.logId >> 16, event.record, event.pcapHeader);
                     break;
                 case Tav::EventKind::Gap:
-                    modules[event.module].missing += event.missing;
-                    missing += event.missing;
-                    break;
                 case Tav::EventKind::Reorder:
-                    ++modules[event.module].reorders;
-                    if (missing > 0) {
-                        --missing;
-                        --modules[event.module].missing;
-                    }
+                    modules.gapOrReorder(event);
                     break;
                 case Tav::EventKind::Summary:
+                    modules.settleAll();
                     summarySeen = true;
                     summary = event.summary;
                     break;
@@ -622,6 +695,7 @@ py::dict summarize(const Loaded& loaded, const std::string& capture, int udpPort
                 case Tav::EventKind::Truncated:
                 case Tav::EventKind::DataError:
                 case Tav::EventKind::ReadError: {
+                    modules.settleAll();
                     std::string_view text = event.text;
                     while (!text.empty() && text.back() == '\n') {
                         text.remove_suffix(1);
@@ -631,33 +705,47 @@ py::dict summarize(const Loaded& loaded, const std::string& capture, int udpPort
                     break;
                 }
                 default:
+                    modules.settleAll();
                     break;
             }
         }
+        modules.settleAll();
         if (error.empty() && stream.damaged()) {
             error = "'" + capture + "' is damaged";
         }
     }
+    // In the order of their keys, syslog and plain capture records last.
+    std::vector<const ModuleCounts*> sorted;
+    for (const ModuleCounts& counts : modules.rows()) {
+        sorted.push_back(&counts);
+    }
+    std::sort(sorted.begin(), sorted.end(),
+              [](const ModuleCounts* a, const ModuleCounts* b) { return a->key < b->key; });
     py::list rows;
-    for (const auto& [key, counts] : modules) {
+    for (const ModuleCounts* counts : sorted) {
+        const std::uint32_t key = counts->key;
         py::dict row;
-        row["module_key"] = key;
         std::string name;
         const auto found = loaded.reader->moduleDetailsMap.find(static_cast<std::uint16_t>(key));
-        if (key <= 0xFFFF && found != loaded.reader->moduleDetailsMap.end()) {
+        if (key == kSyslogRow) {
+            name = "(syslog)";
+        } else if (key == kCaptureRow) {
+            name = "(capture)";
+        } else if (found != loaded.reader->moduleDetailsMap.end()) {
             name = found->second.subsystemName + ":" + found->second.moduleName;
         } else {
             char hex[16];
-            snprintf(hex, sizeof hex, "0x%x", static_cast<unsigned>(key));
+            snprintf(hex, sizeof hex, "0x%04x", static_cast<unsigned>(key));
             name = hex;
         }
+        row["module_key"] = key <= 0xFFFF ? py::object(py::int_(key)) : py::object(py::none());
         row["module"] = py::reinterpret_steal<py::object>(textObject(name.data(), name.size()));
-        row["records"] = counts.records;
-        row["missing"] = counts.missing;
-        row["reorders"] = counts.reorders;
-        row["unknown_ids"] = counts.unknownIds;
-        row["first_us"] = counts.timed ? py::object(py::int_(counts.firstUs)) : py::none();
-        row["last_us"] = counts.timed ? py::object(py::int_(counts.lastUs)) : py::none();
+        row["records"] = counts->records;
+        row["missing"] = counts->missing;
+        row["reorders"] = counts->reorders;
+        row["unknown_ids"] = counts->unknownIds;
+        row["first_us"] = counts->timed ? py::object(py::int_(counts->firstUs)) : py::none();
+        row["last_us"] = counts->timed ? py::object(py::int_(counts->lastUs)) : py::none();
         rows.append(row);
     }
     py::dict result;

@@ -129,7 +129,10 @@ def _summary_frame(rows):
 def summary(paths, dictionary_dir, client, udp_port=0, timeout=None):
     """Decodes every capture on the cluster of `client` (one task each) and
     returns a pandas DataFrame of SUMMARY_COLUMNS, one row per capture and
-    module in the order of `paths`: the records the statistics count (those
+    module in the order of `paths` (syslog records and plain capture records
+    in the rows "(syslog)" and "(capture)", as binlog-decode --summary has
+    them; a gap or reorder in the row of the record that revealed it): the
+    records the statistics count (those
     decoded and those of unknown log ids, other versions, levels out of
     range or unknown packet types), the records missing by their sequence
     numbers, reorders and unknown log ids, and the first and last record
