@@ -307,23 +307,24 @@ bool allPlain(const unsigned char* p, std::size_t n) {
     return true;
 }
 
-/// Copies `n` bytes; up to sixteen without a call, in two overlapping
-/// moves of the largest size that fits.
+/// Copies `n` bytes, sizeof(Word) <= n <= 2 * sizeof(Word), as two words
+/// that overlap when n is less than two.
+template <typename Word>
+void copyTwoWords(char* to, const unsigned char* from, std::size_t n) {
+    Word first;
+    Word last;
+    std::memcpy(&first, from, sizeof first);
+    std::memcpy(&last, from + n - sizeof last, sizeof last);
+    std::memcpy(to, &first, sizeof first);
+    std::memcpy(to + n - sizeof last, &last, sizeof last);
+}
+
+/// Copies `n` bytes; up to sixteen without a call.
 void copyBytes(char* to, const unsigned char* from, std::size_t n) {
     if (n >= 8 && n <= 16) {
-        std::uint64_t first;
-        std::uint64_t last;
-        std::memcpy(&first, from, sizeof first);
-        std::memcpy(&last, from + n - 8, sizeof last);
-        std::memcpy(to, &first, sizeof first);
-        std::memcpy(to + n - 8, &last, sizeof last);
+        copyTwoWords<std::uint64_t>(to, from, n);
     } else if (n >= 4 && n < 8) {
-        std::uint32_t first;
-        std::uint32_t last;
-        std::memcpy(&first, from, sizeof first);
-        std::memcpy(&last, from + n - 4, sizeof last);
-        std::memcpy(to, &first, sizeof first);
-        std::memcpy(to + n - 4, &last, sizeof last);
+        copyTwoWords<std::uint32_t>(to, from, n);
     } else if (n < 4) {
         for (std::size_t i = 0; i < n; ++i) {
             to[i] = static_cast<char>(from[i]);
