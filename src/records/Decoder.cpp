@@ -120,6 +120,9 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
         countRecord(*stats_, pcap, static_cast<int>(header.logId >> 16), header.packetType,
                     static_cast<int>(header.seqNo), statsLength, *this);
     }
+    if (settings.headerOnly) {
+        return decodeHeaderOnly(plans, settings, pcap, header, payload);
+    }
 
     // Every field a record kind does not set is reset here.
     record_.kind = RecordKind::Capture;
@@ -152,7 +155,36 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     record_.seconds = pcap.tsSec + 60u * static_cast<std::uint32_t>(settings.utcOffsetMinutes);
     record_.microseconds = pcap.tsUsec;
 
-    if (settings.headerOnly && (header.packetType == Syslog || header.packetType == PcapCapture)) {
+    if (header.packetType == Syslog) {
+        return decodeSyslog(payload);
+    }
+    if (header.packetType == PcapCapture) {
+        decodeCapture();
+        return 0;
+    }
+    const LogPlan* plan = nullptr;
+    const int checked = checkLog(plans, settings, header, plan);
+    if (checked != 1) {
+        return checked;
+    }
+    if (header.packetType == Legacy) {
+        decodeLegacy(*plan, payload);
+        return 0;
+    }
+    if (header.packetType == BinLog) {
+        decodeBinLog(*plan, payload);
+        return 0;
+    }
+    return invalidPacketType(header);
+}
+
+int RecordDecoder::decodeHeaderOnly(const PlanSet& plans, const DecodeSettings& settings,
+                                    const PcapRecHeader& pcap, const BinLogHeader& header,
+                                    const ByteReader& payload) {
+    // The record itself is not filled: its second decoding does that. What
+    // the events below carry is set: the origin, the headers and the payload.
+    payload_ = payload;
+    if (header.packetType == Syslog || header.packetType == PcapCapture) {
         // A syslog record long enough for its tag shows its level: the
         // table grows as when it is decoded.
         if (header.packetType == Syslog && pcap.storageLength >= kSyslogHeaderBytes) {
@@ -161,15 +193,22 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
         produced_ = true;
         return 0;
     }
-    if (header.packetType == Syslog) {
-        return decodeSyslog(payload);
+    const LogPlan* plan = nullptr;
+    const int checked = checkLog(plans, settings, header, plan);
+    if (checked != 1) {
+        return checked;
     }
-    if (header.packetType == PcapCapture) {
-        decodeCapture();
+    if (header.packetType == Legacy || header.packetType == BinLog) {
+        levels_->get(header.logLevel);
+        produced_ = true;
         return 0;
     }
+    return invalidPacketType(header);
+}
 
-    const LogPlan* plan = plans.find(header.logId);
+int RecordDecoder::checkLog(const PlanSet& plans, const DecodeSettings& settings,
+                            const BinLogHeader& header, const LogPlan*& plan) {
+    plan = plans.find(header.logId);
     if (plan == nullptr) {
         Event event;
         event.kind = EventKind::UnknownLogId;
@@ -210,19 +249,10 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
         emit(event, eventText_);
         return 0;
     }
-    if (settings.headerOnly && (header.packetType == Legacy || header.packetType == BinLog)) {
-        levels_->get(header.logLevel);
-        produced_ = true;
-        return 0;
-    }
-    if (header.packetType == Legacy) {
-        decodeLegacy(*plan, payload);
-        return 0;
-    }
-    if (header.packetType == BinLog) {
-        decodeBinLog(*plan, payload);
-        return 0;
-    }
+    return 1;
+}
+
+int RecordDecoder::invalidPacketType(const BinLogHeader& header) {
     Event event;
     event.kind = EventKind::InvalidPacketType;
     event.logId = header.logId;

@@ -211,6 +211,17 @@ class RecordDecoder : private SequenceReport {
     void decodeLegacy(const LogPlan& plan, const ByteReader& payload);
     int decodeSyslog(const ByteReader& payload);
     void decodeCapture();
+    /// What a header-only decoding does (DecodeSettings::headerOnly).
+    int decodeHeaderOnly(const PlanSet& plans, const DecodeSettings& settings,
+                         const PcapRecHeader& pcap, const BinLogHeader& header,
+                         const ByteReader& payload);
+    /// The checks of a binlog or legacy record's header: its log, its
+    /// version and its level. Sets `plan` and returns 1 when they pass, else
+    /// reports why and returns what decode() returns.
+    int checkLog(const PlanSet& plans, const DecodeSettings& settings, const BinLogHeader& header,
+                 const LogPlan*& plan);
+    /// Reports a packet type that is none of the four.
+    int invalidPacketType(const BinLogHeader& header);
 
     LevelTable* levels_;
     BinaryLogStatsCollector* stats_;
