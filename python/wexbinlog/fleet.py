@@ -132,11 +132,10 @@ def summary(paths, dictionary_dir, client, udp_port=0, timeout=None):
     module in the order of `paths` (syslog records and plain capture records
     in the rows "(syslog)" and "(capture)", as binlog-decode --summary has
     them; a gap or reorder in the row of the record that revealed it): the
-    records the statistics count (those
-    decoded and those of unknown log ids, other versions, levels out of
-    range or unknown packet types), the records missing by their sequence
-    numbers, reorders and unknown log ids, and the first and last record
-    times (the senders', UTC). Per capture, `records` sums to the
+    records the statistics count (those decoded and those of unknown log
+    ids, other versions, levels out of range or unknown packet types), the
+    records missing by their sequence numbers, reorders and unknown log ids,
+    and the first and last record times (the senders', UTC). Per capture, `records` sums to the
     >>totalRecords of `binlog-decode --stats` and `missing` to its
     >>missingRecords. A task that fails on the cluster (a worker lost, the
     timeout) gives an error row too."""

@@ -234,8 +234,6 @@ void Summary::record(const RecordFacts& facts) {
     const std::int64_t at = time.micros();
     module.span.add(time, at);
     file.span.add(time, at);
-    lastTime_ = time;
-    anyTime_ = true;
     if (facts.kind != Tav::RecordKind::Capture) {
         bool first = false;
         if (facts.level < module.lowLevels.size()) {

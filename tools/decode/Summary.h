@@ -369,8 +369,6 @@ class Summary {
         std::uint64_t record = 0;
     };
     std::vector<Pending> pending_;
-    ShownTime lastTime_;
-    bool anyTime_ = false;
 
     std::int64_t origin_ = 0;
     std::int64_t width_ = 1000;
