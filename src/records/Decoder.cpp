@@ -118,7 +118,8 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     // Every record is counted first, also those rejected below.
     if (settings.stats) {
         countRecord(*stats_, pcap, static_cast<int>(header.logId >> 16), header.packetType,
-                    static_cast<int>(header.seqNo), statsLength, *this);
+                    static_cast<int>(header.seqNo), statsLength, *this,
+                    cacheSequences_ ? &sequenceSlots_ : nullptr);
     }
     if (settings.headerOnly) {
         return decodeHeaderOnly(plans, settings, pcap, header, payload);

@@ -140,6 +140,11 @@ class RecordDecoder : private SequenceReport {
 
     /// Forgets what the decoder keeps from the level table.
     void forgetLevels() { levels_->forget(); }
+    /// The statistics collector changes nowhere but in this decoder and in
+    /// clearStats() followed by forgetSequences(): where its modules' last
+    /// sequence numbers lie is remembered between records.
+    void cacheSequences() { cacheSequences_ = true; }
+    void forgetSequences() { sequenceSlots_.forget(); }
     /// Events go to `sink` from now on.
     void setSink(EventSink& sink) { sink_ = &sink; }
     /// Lines are appended to `buffer` from now on (null: the decoder's own
@@ -225,6 +230,8 @@ class RecordDecoder : private SequenceReport {
 
     LevelTable* levels_;
     BinaryLogStatsCollector* stats_;
+    SequenceSlots sequenceSlots_;
+    bool cacheSequences_ = false;
     EventSink* sink_;
     DecodeSettings settings_;
     RecordOrigin origin_;

@@ -40,7 +40,8 @@ std::string hexText(unsigned long long value) {
 }  // namespace
 
 void countRecord(BinaryLogStatsCollector& stats, const PcapRecHeader& pcapHeader, int module,
-                 unsigned int packetType, int seqNo, unsigned int length, SequenceReport& report) {
+                 unsigned int packetType, int seqNo, unsigned int length, SequenceReport& report,
+                 SequenceSlots* slots) {
     // While the stored first time has no microsecond part, each record takes
     // its place.
     if (stats.firstTsUsec == 0) {
@@ -59,16 +60,23 @@ void countRecord(BinaryLogStatsCollector& stats, const PcapRecHeader& pcapHeader
     if (packetType == PcapCapture || (module & 0x8000) != 0) {
         return;
     }
-    auto& lastByModule =
-        packetType == Syslog ? stats.lastSyslogSeqNoByModule : stats.lastSeqNoByModule;
     const std::uint32_t key = static_cast<std::uint32_t>(module);
     const std::uint32_t current = static_cast<std::uint32_t>(seqNo);
-    const auto found = lastByModule.find(key);
-    if (found == lastByModule.end()) {
-        lastByModule.emplace(key, current);
-        return;
+    const std::uint32_t slotKey = key | (packetType == Syslog ? 0x10000u : 0u);
+    std::uint32_t* lastSeqNo = slots != nullptr ? slots->find(slotKey) : nullptr;
+    if (lastSeqNo == nullptr) {
+        auto& lastByModule =
+            packetType == Syslog ? stats.lastSyslogSeqNoByModule : stats.lastSeqNoByModule;
+        const auto [found, added] = lastByModule.try_emplace(key, current);
+        if (slots != nullptr) {
+            slots->put(slotKey, &found->second);
+        }
+        if (added) {
+            return;  // the module's first record
+        }
+        lastSeqNo = &found->second;
     }
-    const std::uint32_t last = found->second;
+    const std::uint32_t last = *lastSeqNo;
     const std::int32_t diff = static_cast<std::int32_t>(current - last);
     if (diff == INT32_MIN) {
         // Half the number range away: neither ahead nor behind.
@@ -82,12 +90,12 @@ void countRecord(BinaryLogStatsCollector& stats, const PcapRecHeader& pcapHeader
         }
         ++stats.outOfOrderRecords;
     } else if (diff == 1) {
-        found->second = current;
+        *lastSeqNo = current;
     } else if (diff >= 2) {
         report.gap(key, static_cast<std::int32_t>(last), seqNo, diff - 1,
                    static_cast<std::int32_t>(stats.missingRecords));
         stats.missingRecords += static_cast<std::uint32_t>(diff - 1);
-        found->second = current;
+        *lastSeqNo = current;
     }
 }
 

@@ -66,7 +66,11 @@ inline const char* formatName(capture::CaptureFormat format) {
 /// The decoding state streams of one session share.
 struct StreamSession::State : detail::EventSink {
     explicit State(const BinaryLogXmlReader& reader)
-        : levelNames(reader.logLevelNames), levels(levelNames), decoder(levels, stats, *this) {}
+        : levelNames(reader.logLevelNames), levels(levelNames), decoder(levels, stats, *this) {
+        // The session's statistics are its own: only the decoder counts into
+        // them, and they are cleared where the decoder is told.
+        decoder.cacheSequences();
+    }
     /// Streams set themselves as the sink before they decode.
     void emit(const Event&) override {}
 
@@ -206,6 +210,7 @@ struct CaptureStream::Impl : detail::EventSink {
                     StatsSummary figures;
                     const std::string summary = detail::summaryText(stats, figures);
                     stats.clearStats();
+                    decoder.forgetSequences();
                     streamEvent(EventKind::Summary, EventStream::Output, summary).summary = figures;
                 }
                 return;

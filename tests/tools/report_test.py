@@ -177,6 +177,11 @@ def case_static():
     text = data.decode("utf-8")
     page = parse(text)
     check_golden_page(page, "static")
+    # Records rendered by worker threads hand their facts (a syslog record's
+    # tag among them) to the page as the serial run's do: the same page.
+    for jobs in ("1", "2", "3"):
+        _, other = make_report("-j", jobs, *GOLDEN, name=f"golden-j{jobs}.html")
+        check(other == data, f"-j {jobs}: the same page as the default run")
     # Self-contained: no script, nothing that loads or links anything.
     check("script" not in page.tags, "no script element")
     check(not ({"src", "href"} & page.attributes), f"no src or href: {page.attributes}")

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -375,6 +376,54 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
     }
     EXPECT_EQ(compared, 300);
     EXPECT_GT(withRecords, 100);
+}
+
+TEST(CaptureStreamDifferential, ManyModulesCountTheirSequencesAsReadBinaryFiledata) {
+    // Far more modules than the stream remembers places for, interleaved,
+    // binary log and syslog numbers of the same keys, over three captures
+    // of one session (the statistics start afresh after each): every gap
+    // and reorder line as the reader prints them.
+    Random random{20261124};
+    TempDir dict;
+    writeRandomDictionary(dict, random, 1);
+    TempDir dir;
+    std::vector<std::string> paths;
+    int gapsAndReorders = 0;
+    for (int c = 0; c < 3; ++c) {
+        std::string file = pcapHeader(150);
+        std::map<std::uint32_t, std::uint32_t> next;
+        for (int i = 0; i < 3000; ++i) {
+            LogRecord r;
+            r.tsSec = 1700000000 + static_cast<std::uint32_t>(i / 100);
+            r.tsUsec = static_cast<std::uint32_t>(i % 100) * 1000;
+            r.packetType = random.below(8) == 0 ? 2 : 0;
+            const std::uint32_t module =
+                random.below(10) == 0 ? 0x8000u | random.below(4) : 1 + random.below(300);
+            r.logId = module << 16 | random.below(7);
+            r.version = 1;
+            r.level = static_cast<std::uint16_t>(random.below(8));
+            std::uint32_t& seq = next[module << 1 | (r.packetType == 2 ? 1u : 0u)];
+            seq += random.below(9) == 0 ? 2 + random.below(3) : 1;
+            r.seqNo = random.below(12) == 0 ? seq - 2 : seq;
+            appendLink150(file, r);
+        }
+        paths.push_back(dir.writeFile("many" + std::to_string(c) + ".pcap", file));
+    }
+    StderrCapture loading;
+    Tav::BinaryLogXmlReader reader(dict.slash(), true, 5000, 4);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    const Printed expected = readWithReader(reader, paths);
+    StderrCapture loadingAgain;
+    Tav::BinaryLogXmlReader fresh(dict.slash(), true, 5000, 4);
+    loadingAgain.stop();
+    const Printed actual = readWithStreams(fresh, paths, false);
+    EXPECT_EQ(actual.out, expected.out);
+    EXPECT_EQ(actual.err, expected.err);
+    for (std::size_t at = 0; (at = expected.out.find("\n>>", at)) != std::string::npos; ++at) {
+        ++gapsAndReorders;
+    }
+    EXPECT_GT(gapsAndReorders, 1000);
 }
 
 // ---- Datagrams received live -------------------------------------------------------------------

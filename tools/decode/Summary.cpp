@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 #include "WexOamBinLogXmlReader/Format.h"
@@ -43,20 +44,22 @@ static_assert(std::is_trivially_copyable_v<RecordFacts>,
 
 RecordFacts Summary::factsOf(const Tav::Record& record) {
     RecordFacts facts{};
-    facts.kind = record.kind;
-    facts.moduleKey = record.moduleKey;
-    facts.logIndex = record.logIndex;
-    facts.level = record.level;
+    facts.number = record.number;
+    facts.levelName = record.levelName.data();
     facts.seconds = record.seconds;
     facts.microseconds = record.microseconds;
     facts.seqNo = record.binLogHeader.seqNo;
     facts.logId = record.binLogHeader.logId;
     facts.packetType = record.binLogHeader.packetType;
-    facts.number = record.number;
-    facts.subsystem = record.subsystem;
-    facts.module = record.module;
-    facts.log = record.kind == Tav::RecordKind::Syslog ? record.syslogTag : record.log;
-    facts.levelName = record.levelName;
+    facts.level = record.level;
+    // Level names and syslog tags are far shorter; a longer one is cut.
+    facts.levelNameSize = static_cast<std::uint16_t>(
+        std::min<std::size_t>(record.levelName.size(), std::numeric_limits<std::uint16_t>::max()));
+    if (record.kind == Tav::RecordKind::Syslog) {
+        facts.tagSize = static_cast<std::uint16_t>(std::min<std::size_t>(
+            record.syslogTag.size(), std::numeric_limits<std::uint16_t>::max()));
+    }
+    facts.kind = record.kind;
     return facts;
 }
 
@@ -169,21 +172,70 @@ Summary::Statistics& Summary::statistics() {
 
 void Summary::record(const Tav::Record& record) {
     startCapture(record.capture);
-    this->record(factsOf(record));
+    recordOfCapture(record);
 }
 
-Summary::LogEntry& Summary::newLog(std::uint32_t id, const RecordFacts& facts) {
+Summary::LogEntry& Summary::newLog(std::uint32_t id) {
     const auto [entry, added] = logs_.try_emplace(id);
     LogEntry& log = entry->second;
     if (added) {
-        log.row = rowFor(facts.moduleKey, facts.subsystem, facts.module);
-        log.name = std::string(facts.log);
+        // The names the record showed: those of the dictionary's log.
+        const std::uint16_t key = static_cast<std::uint16_t>(id >> 16);
+        log.row = moduleRow(key);
+        const auto module = reader_.logDetailsMap.find(key);
+        if (module != reader_.logDetailsMap.end()) {
+            const auto found = module->second.find(static_cast<std::uint16_t>(id & 0xFFFFu));
+            if (found != module->second.end()) {
+                log.name = found->second.logName;
+            }
+        }
     }
     logCache_.put(id, &log);
     return log;
 }
 
-void Summary::record(const RecordFacts& facts) {
+void Summary::record(const RecordFacts& facts, std::string_view tag) {
+    // Most records are of a dictionary log seen before, whose sequence
+    // space is known, with no gap or reorder waiting: counted here.
+    if (facts.kind == Tav::RecordKind::Syslog || facts.kind == Tav::RecordKind::Capture ||
+        !pending_.empty() || !untimed_.empty() || !hasCapture_ || facts.level >= kLowLevels) {
+        recordAny(facts, tag);
+        return;
+    }
+    LogEntry* log = logCache_.find(facts.logId);
+    if (log == nullptr || log->sequence.generation != seqGeneration_ ||
+        log->sequence.last == nullptr) {
+        recordAny(facts, tag);
+        return;
+    }
+    ++log->count;
+    const std::size_t row = log->row;
+    checkSequence(*log->sequence.last, facts.seqNo, row);
+    ModuleRow& module = rows_[row];
+    CaptureRow& file = captures_[current_];
+    ++module.counts.records;
+    ++file.counts.records;
+    const ShownTime time{facts.seconds, facts.microseconds};
+    const std::int64_t at = time.micros();
+    module.span.add(time, at);
+    file.span.add(time, at);
+    if (module.lowLevels[facts.level]++ == 0) {
+        nameLevel(facts);
+    }
+    addToBuckets(row, at, facts.level);
+}
+
+void Summary::nameLevel(const RecordFacts& facts) {
+    if (levelNames_.count(facts.level) == 0) {
+        std::string_view name(facts.levelName, facts.levelNameSize);
+        while (!name.empty() && name.front() == ' ') {
+            name.remove_prefix(1);
+        }
+        levelNames_[facts.level] = std::string(name);
+    }
+}
+
+void Summary::recordAny(const RecordFacts& facts, std::string_view tag) {
     std::size_t row = 0;
     LogEntry* log = nullptr;
     switch (facts.kind) {
@@ -196,11 +248,9 @@ void Summary::record(const RecordFacts& facts) {
         default: {
             // One look-up finds the log's count, its module's row and the
             // last sequence number of its module.
-            const std::uint32_t id =
-                static_cast<std::uint32_t>(facts.moduleKey) << 16 | facts.logIndex;
-            log = logCache_.find(id);
+            log = logCache_.find(facts.logId);
             if (log == nullptr) {
-                log = &newLog(id, facts);
+                log = &newLog(facts.logId);
             }
             ++log->count;
             row = log->row;
@@ -217,11 +267,10 @@ void Summary::record(const RecordFacts& facts) {
     }
     untimed_.clear();
     if (log != nullptr && log->sequence.generation == seqGeneration_ &&
-        log->sequence.logId == facts.logId && log->sequence.last != nullptr) {
+        log->sequence.last != nullptr) {
         checkSequence(*log->sequence.last, facts.seqNo, row);
     } else if (log != nullptr) {
         log->sequence.last = countSequence(facts.packetType, facts.logId, facts.seqNo, row);
-        log->sequence.logId = facts.logId;
         log->sequence.generation = seqGeneration_;
     } else {
         countSequence(facts.packetType, facts.logId, facts.seqNo, row);
@@ -241,19 +290,15 @@ void Summary::record(const RecordFacts& facts) {
         } else {
             first = module.highLevels[facts.level]++ == 0;
         }
-        if (first && levelNames_.count(facts.level) == 0) {
-            std::string_view name = facts.levelName;
-            while (!name.empty() && name.front() == ' ') {
-                name.remove_prefix(1);
-            }
-            levelNames_[facts.level] = std::string(name);
+        if (first) {
+            nameLevel(facts);
         }
         if (facts.kind == Tav::RecordKind::Syslog) {
-            const auto found = tags_.find(facts.log);
+            const auto found = tags_.find(tag);
             if (found != tags_.end()) {
                 ++found->second;
             } else if (tags_.size() < kMaxLogs) {
-                tags_.emplace(std::string(facts.log), 1);
+                tags_.emplace(std::string(tag), 1);
             }
         }
     }
@@ -543,28 +588,27 @@ void Summary::findBucket(std::int64_t at) {
 }
 
 void Summary::appendFacts(const Tav::Record& record, std::string& out) {
-    RecordFacts facts = factsOf(record);
+    const RecordFacts facts = factsOf(record);
     // A syslog tag lies in the decoder's buffer, which the next record
-    // reuses: its bytes go along, before the facts (whose view of it
-    // takeFacts() points at them).
-    if (facts.kind == Tav::RecordKind::Syslog) {
-        out.append(facts.log);
+    // reuses: its bytes go along, before the facts.
+    if (facts.tagSize != 0) {
+        out.append(record.syslogTag.data(), facts.tagSize);
     }
     out.append(reinterpret_cast<const char*>(&facts), sizeof facts);
 }
 
-std::string_view Summary::takeFacts(std::string_view rendered, RecordFacts& facts) {
+std::string_view Summary::takeFacts(std::string_view rendered, RecordFacts& facts,
+                                    std::string_view& tag) {
     if (rendered.size() < sizeof facts) {
         facts = RecordFacts();
+        tag = std::string_view();
         return rendered;
     }
     std::size_t end = rendered.size() - sizeof facts;
     std::memcpy(&facts, rendered.data() + end, sizeof facts);
-    if (facts.kind == Tav::RecordKind::Syslog) {
-        const std::size_t tag = std::min(facts.log.size(), end);
-        end -= tag;
-        facts.log = rendered.substr(end, tag);
-    }
+    const std::size_t size = std::min<std::size_t>(facts.tagSize, end);
+    end -= size;
+    tag = rendered.substr(end, size);
     return rendered.substr(0, end);
 }
 

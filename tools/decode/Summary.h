@@ -27,27 +27,28 @@
 
 namespace wexbl_decode {
 
-/// What the summary takes of a record. The names of a dictionary log point
-/// into the dictionary, the level's name into the level table of the thread
-/// that decoded it: both outlive the record.
+/// What the summary takes of a record: plain values only, so that a worker
+/// thread hands them on as one small block behind the record's rendering.
+/// The log's names are looked up in the dictionary when a log is first seen;
+/// the level's name points into the level table of the thread that decoded
+/// the record, which outlives it. A syslog record's tag goes beside the
+/// facts (record() takes it as a parameter).
 /// (No initial values: a record's are copied over them whole; RecordFacts{}
 /// is all zeros.)
 struct RecordFacts {
-    Tav::RecordKind kind;
-    std::uint16_t moduleKey;
-    std::uint16_t logIndex;
-    std::uint16_t level;
+    std::uint64_t number;
+    const char* levelName;
     std::uint32_t seconds;
     std::uint32_t microseconds;
     std::uint32_t seqNo;
+    /// The module key in the high half, the log's index in the low one.
     std::uint32_t logId;
     std::uint32_t packetType;
-    std::uint64_t number;
-    std::string_view subsystem;
-    std::string_view module;
-    /// The log's name; a syslog record's tag.
-    std::string_view log;
-    std::string_view levelName;
+    std::uint16_t level;
+    std::uint16_t levelNameSize;
+    /// The size of a syslog record's tag.
+    std::uint16_t tagSize;
+    Tav::RecordKind kind;
 };
 
 /// A time as the JSON "time" field shows it: shown seconds and microseconds.
@@ -100,6 +101,9 @@ struct Counts {
     void add(const Counts& other);
 };
 
+/// Levels 0 to kLowLevels - 1 are counted in an array.
+constexpr std::size_t kLowLevels = 16;
+
 /// One row of the module table.
 struct ModuleRow {
     std::string name;
@@ -107,7 +111,7 @@ struct ModuleRow {
     TimeSpan span;
     /// Records per level number: levels 0 to 15 in an array (counted for
     /// every record), the others in a map.
-    std::array<std::uint64_t, 16> lowLevels{};
+    std::array<std::uint64_t, kLowLevels> lowLevels{};
     std::map<std::uint16_t, std::uint64_t> highLevels;
     /// Records per level number, the levels that have any.
     std::map<std::uint16_t, std::uint64_t> levels() const;
@@ -163,9 +167,12 @@ class Summary {
     void startCapture(std::string_view name);
     /// A record of any capture (--merge).
     void record(const Tav::Record& record);
-    /// A record of the capture started last.
-    void record(const RecordFacts& facts);
-    void recordOfCapture(const Tav::Record& record) { this->record(factsOf(record)); }
+    /// A record of the capture started last; `tag`: a syslog record's tag.
+    void record(const RecordFacts& facts, std::string_view tag);
+    void recordOfCapture(const Tav::Record& record) {
+        this->record(factsOf(record), record.kind == Tav::RecordKind::Syslog ? record.syslogTag
+                                                                             : std::string_view());
+    }
     void event(const Tav::Event& event);
     /// A capture that could not be opened or decoded at all, and why.
     void captureFailed(std::string_view name, const char* why);
@@ -174,8 +181,10 @@ class Summary {
     /// Appends a record's facts to `out` (in a worker thread, after its
     /// rendering); takeFacts() takes them off again in capture order.
     static void appendFacts(const Tav::Record& record, std::string& out);
-    /// Splits `rendered` into the rendering and the facts after it.
-    static std::string_view takeFacts(std::string_view rendered, RecordFacts& facts);
+    /// Splits `rendered` into the rendering, the facts after it and a syslog
+    /// record's tag.
+    static std::string_view takeFacts(std::string_view rendered, RecordFacts& facts,
+                                      std::string_view& tag);
 
     /// The table in a format (layouts in the README and --help).
     std::string table(Format format) const;
@@ -230,16 +239,19 @@ class Summary {
         std::uint64_t count = 0;
         std::size_t row = 0;
         std::string name;
-        /// The last number of its sequence space, while `generation` is
-        /// the summary's and its records' log id is `logId`.
+        /// The last number of its sequence space (its module's), while
+        /// `generation` is the summary's.
         struct {
             std::uint32_t* last = nullptr;
-            std::uint32_t logId = 0;
             std::uint64_t generation = 0;
         } sequence;
     };
     /// The entry of a dictionary log, made at its first record.
-    LogEntry& newLog(std::uint32_t id, const RecordFacts& facts);
+    LogEntry& newLog(std::uint32_t id);
+    /// record() for any record.
+    void recordAny(const RecordFacts& facts, std::string_view tag);
+    /// Keeps the name of a level seen for the first time.
+    void nameLevel(const RecordFacts& facts);
     /// Counts the waiting gaps and reorders: those of record `number` in
     /// `row` at `time`, the others in their module's row.
     /// Settles the gaps and reorders that wait for the record `number`

@@ -620,8 +620,9 @@ class Run {
             std::string_view rendered = workers.rendered();
             if (summary_ != nullptr) {
                 wexbl_decode::RecordFacts facts;
-                rendered = wexbl_decode::Summary::takeFacts(rendered, facts);
-                summary_->record(facts);
+                std::string_view tag;
+                rendered = wexbl_decode::Summary::takeFacts(rendered, facts, tag);
+                summary_->record(facts, tag);
             }
             out_.write(rendered);
             ++records_;
