@@ -58,6 +58,17 @@ class WEXBL_API ParallelStream {
     /// appended for it (valid until the next call of next()).
     bool isRecord() const;
     std::string_view rendered() const;
+    /// A record's headers as the capture stream read them, and its number
+    /// in the capture.
+    struct RecordHeaders {
+        PcapRecHeader pcap;
+        BinLogHeader header;
+        std::uint64_t number = 0;
+    };
+    /// The current record's: what a program that counts records needs
+    /// without handing anything on from `render`. Null when the current item
+    /// is an event; valid until the next call of next().
+    const RecordHeaders* headers() const;
     /// The current event, or null when the current item is a record.
     const Event* event() const;
     /// Records handed out so far.

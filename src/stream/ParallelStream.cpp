@@ -37,12 +37,10 @@ struct Batch {
     struct Item {
         bool isRecord = false;
         // Records: what to decode, and where the rendering went.
-        PcapRecHeader pcap;
-        BinLogHeader header;
+        ParallelStream::RecordHeaders headers;
         std::size_t payloadOffset = 0;
         std::size_t payloadSize = 0;
         std::uint32_t statsLength = 0;
-        std::uint64_t number = 0;
         std::uint64_t offset = 0;
         std::size_t renderedOffset = 0;
         std::size_t renderedSize = 0;
@@ -203,10 +201,10 @@ struct ParallelStream::Impl {
             }
             detail::RecordOrigin origin;
             origin.capture = core.name;
-            origin.number = item.number;
+            origin.number = item.headers.number;
             origin.offset = item.offset;
             item.firstEvent = batch.events.size();
-            state.decoder.decode(core.plans, settings, item.pcap, item.header,
+            state.decoder.decode(core.plans, settings, item.headers.pcap, item.headers.header,
                                  ByteReader(payloads + item.payloadOffset, item.payloadSize),
                                  item.statsLength, origin);
             item.eventCount = batch.events.size() - item.firstEvent;
@@ -235,14 +233,14 @@ struct ParallelStream::Impl {
         }
         const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
         item.isRecord = true;
-        item.pcap = inputs.pcap;
-        item.header = inputs.header;
+        item.headers.pcap = inputs.pcap;
+        item.headers.header = inputs.header;
         item.payloadOffset = batch.payloads.size();
         item.payloadSize = inputs.payload.size();
         batch.payloads.append(reinterpret_cast<const char*>(inputs.payload.data()),
                               inputs.payload.size());
         item.statsLength = inputs.statsLength;
-        item.number = inputs.number;
+        item.headers.number = inputs.number;
         item.offset = inputs.offset;
         ++batch.records;
         return true;
@@ -392,6 +390,10 @@ std::string_view ParallelStream::rendered() const {
     const Batch& batch = *impl_->current;
     return std::string_view(batch.rendered.data() + impl_->currentItem->renderedOffset,
                             impl_->currentItem->renderedSize);
+}
+
+const ParallelStream::RecordHeaders* ParallelStream::headers() const {
+    return impl_->recordNow ? &impl_->currentItem->headers : nullptr;
 }
 
 const Event* ParallelStream::event() const {

@@ -177,11 +177,18 @@ def case_static():
     text = data.decode("utf-8")
     page = parse(text)
     check_golden_page(page, "static")
-    # Records rendered by worker threads hand their facts (a syslog record's
-    # tag among them) to the page as the serial run's do: the same page.
+    # Records rendered by worker threads count on the page as the serial
+    # run's do (a syslog record's tag, the shown time with an offset): the
+    # same page.
     for jobs in ("1", "2", "3"):
         _, other = make_report("-j", jobs, *GOLDEN, name=f"golden-j{jobs}.html")
         check(other == data, f"-j {jobs}: the same page as the default run")
+    _, shifted = make_report("-j", "1", "--utc-offset", "-90", *GOLDEN, name="shifted-j1.html")
+    check(b"2023-11-14T20:43:20" in shifted, "-j 1 --utc-offset -90: times shifted")
+    for jobs in ("2", "3"):
+        _, other = make_report("-j", jobs, "--utc-offset", "-90", *GOLDEN,
+                               name=f"shifted-j{jobs}.html")
+        check(other == shifted, f"-j {jobs} --utc-offset -90: the same page as -j 1")
     # Self-contained: no script, nothing that loads or links anything.
     check("script" not in page.tags, "no script element")
     check(not ({"src", "href"} & page.attributes), f"no src or href: {page.attributes}")

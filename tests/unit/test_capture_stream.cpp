@@ -293,8 +293,16 @@ Printed readWithStreams(const Tav::BinaryLogXmlReader& reader,
     return printed;
 }
 
+/// What a worker saw of a record, handed on behind its line.
+struct SeenHeaders {
+    std::uint64_t number;
+    Tav::PcapRecHeader pcap;
+    Tav::BinLogHeader header;
+};
+
 /// The same captures through ParallelStream: `jobs` workers render each
 /// record's line; events come from the capture stream in the calling thread.
+/// The headers and number handed out with a record are those its worker saw.
 Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
                        unsigned jobs, bool strict) {
     Printed printed;
@@ -303,12 +311,40 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
         Tav::CaptureStream stream(reader, path, streamOptionsOf(reader, strict, session));
         Tav::ParallelStream parallel(stream, jobs, [](const Tav::Record& record, std::string& out) {
             out.append(record.text.data(), record.text.size());
+            const SeenHeaders seen{record.number, record.pcapHeader, record.binLogHeader};
+            out.append(reinterpret_cast<const char*>(&seen), sizeof seen);
         });
         while (parallel.next()) {
             if (parallel.isRecord()) {
                 EXPECT_EQ(parallel.event(), nullptr);
-                printed.out.append(parallel.rendered().data(), parallel.rendered().size());
+                std::string_view rendered = parallel.rendered();
+                SeenHeaders seen;
+                if (rendered.size() < sizeof seen) {
+                    ADD_FAILURE() << "a rendering without the headers behind it";
+                    return printed;
+                }
+                rendered.remove_suffix(sizeof seen);
+                std::memcpy(&seen, rendered.data() + rendered.size(), sizeof seen);
+                printed.out.append(rendered.data(), rendered.size());
+                const Tav::ParallelStream::RecordHeaders* headers = parallel.headers();
+                if (headers == nullptr) {
+                    ADD_FAILURE() << "a record without its headers";
+                    return printed;
+                }
+                const Tav::PcapRecHeader* pcap = &headers->pcap;
+                const Tav::BinLogHeader* header = &headers->header;
+                EXPECT_EQ(headers->number, seen.number);
+                EXPECT_EQ(pcap->tsSec, seen.pcap.tsSec);
+                EXPECT_EQ(pcap->tsUsec, seen.pcap.tsUsec);
+                EXPECT_EQ(pcap->capturedLength, seen.pcap.capturedLength);
+                EXPECT_EQ(pcap->storageLength, seen.pcap.storageLength);
+                EXPECT_EQ(header->packetType, seen.header.packetType);
+                EXPECT_EQ(header->logId, seen.header.logId);
+                EXPECT_EQ(header->logLevel, seen.header.logLevel);
+                EXPECT_EQ(header->logVersion, seen.header.logVersion);
+                EXPECT_EQ(header->seqNo, seen.header.seqNo);
             } else {
+                EXPECT_EQ(parallel.headers(), nullptr);
                 const Tav::Event* event = parallel.event();
                 (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
                     .append(event->text.data(), event->text.size());

@@ -37,29 +37,37 @@ std::int64_t floorTo(std::int64_t value, std::int64_t width) {
     return value / width * width;  // times are never negative
 }
 
-static_assert(std::is_trivially_copyable_v<RecordFacts>,
-              "the facts travel behind a rendering as bytes");
-
 }  // namespace
 
 RecordFacts Summary::factsOf(const Tav::Record& record) {
     RecordFacts facts{};
     facts.number = record.number;
-    facts.levelName = record.levelName.data();
     facts.seconds = record.seconds;
     facts.microseconds = record.microseconds;
     facts.seqNo = record.binLogHeader.seqNo;
     facts.logId = record.binLogHeader.logId;
     facts.packetType = record.binLogHeader.packetType;
     facts.level = record.level;
-    // Level names and syslog tags are far shorter; a longer one is cut.
-    facts.levelNameSize = static_cast<std::uint16_t>(
-        std::min<std::size_t>(record.levelName.size(), std::numeric_limits<std::uint16_t>::max()));
-    if (record.kind == Tav::RecordKind::Syslog) {
-        facts.tagSize = static_cast<std::uint16_t>(std::min<std::size_t>(
-            record.syslogTag.size(), std::numeric_limits<std::uint16_t>::max()));
-    }
     facts.kind = record.kind;
+    return facts;
+}
+
+RecordFacts Summary::factsOf(const Tav::PcapRecHeader& pcap, const Tav::BinLogHeader& header,
+                             std::uint64_t number) const {
+    RecordFacts facts{};
+    facts.number = number;
+    // The shown time, as the decoder makes it (32-bit wrap-around).
+    facts.seconds = pcap.tsSec + 60u * static_cast<std::uint32_t>(utcOffset_);
+    facts.microseconds = pcap.tsUsec;
+    facts.seqNo = header.seqNo;
+    facts.logId = header.logId;
+    facts.packetType = header.packetType;
+    facts.level = header.logLevel;
+    // The kind the decoder gives a record of each packet type that it hands
+    // out (those of other types it reports).
+    static constexpr Tav::RecordKind kKinds[] = {Tav::RecordKind::BinLog, Tav::RecordKind::Legacy,
+                                                 Tav::RecordKind::Syslog, Tav::RecordKind::Capture};
+    facts.kind = header.packetType < 4 ? kKinds[header.packetType] : Tav::RecordKind::BinLog;
     return facts;
 }
 
@@ -227,7 +235,13 @@ void Summary::record(const RecordFacts& facts, std::string_view tag) {
 
 void Summary::nameLevel(const RecordFacts& facts) {
     if (levelNames_.count(facts.level) == 0) {
-        std::string_view name(facts.levelName, facts.levelNameSize);
+        // The name the record showed: the dictionary's (a level it lacks
+        // shows an empty one).
+        std::string_view name;
+        const auto found = reader_.logLevelNames.find(facts.level);
+        if (found != reader_.logLevelNames.end()) {
+            name = found->second;
+        }
         while (!name.empty() && name.front() == ' ') {
             name.remove_prefix(1);
         }
@@ -587,28 +601,25 @@ void Summary::findBucket(std::int64_t at) {
     bucketEnd_ = bucketStart_ + width_;
 }
 
-void Summary::appendFacts(const Tav::Record& record, std::string& out) {
-    const RecordFacts facts = factsOf(record);
-    // A syslog tag lies in the decoder's buffer, which the next record
-    // reuses: its bytes go along, before the facts.
-    if (facts.tagSize != 0) {
-        out.append(record.syslogTag.data(), facts.tagSize);
-    }
-    out.append(reinterpret_cast<const char*>(&facts), sizeof facts);
+void Summary::appendTag(const Tav::Record& record, std::string& out) {
+    // Tags are far shorter; a longer one is cut.
+    const std::uint16_t size = static_cast<std::uint16_t>(
+        std::min<std::size_t>(record.syslogTag.size(), std::numeric_limits<std::uint16_t>::max()));
+    out.append(record.syslogTag.data(), size);
+    out.append(reinterpret_cast<const char*>(&size), sizeof size);
 }
 
-std::string_view Summary::takeFacts(std::string_view rendered, RecordFacts& facts,
-                                    std::string_view& tag) {
-    if (rendered.size() < sizeof facts) {
-        facts = RecordFacts();
+std::string_view Summary::takeTag(std::string_view rendered, std::string_view& tag) {
+    std::uint16_t size = 0;
+    if (rendered.size() < sizeof size) {
         tag = std::string_view();
         return rendered;
     }
-    std::size_t end = rendered.size() - sizeof facts;
-    std::memcpy(&facts, rendered.data() + end, sizeof facts);
-    const std::size_t size = std::min<std::size_t>(facts.tagSize, end);
-    end -= size;
-    tag = rendered.substr(end, size);
+    std::size_t end = rendered.size() - sizeof size;
+    std::memcpy(&size, rendered.data() + end, sizeof size);
+    const std::size_t length = std::min<std::size_t>(size, end);
+    end -= length;
+    tag = rendered.substr(end, length);
     return rendered.substr(0, end);
 }
 

@@ -27,17 +27,13 @@
 
 namespace wexbl_decode {
 
-/// What the summary takes of a record: plain values only, so that a worker
-/// thread hands them on as one small block behind the record's rendering.
-/// The log's names are looked up in the dictionary when a log is first seen;
-/// the level's name points into the level table of the thread that decoded
-/// the record, which outlives it. A syslog record's tag goes beside the
-/// facts (record() takes it as a parameter).
-/// (No initial values: a record's are copied over them whole; RecordFacts{}
-/// is all zeros.)
+/// What the summary takes of a record: what its headers say. The names of
+/// its log and level are looked up in the dictionary when first seen; a
+/// syslog record's tag goes beside the facts (record() takes it as a
+/// parameter). (No initial values: RecordFacts{} is all zeros.)
 struct RecordFacts {
     std::uint64_t number;
-    const char* levelName;
+    /// The shown time.
     std::uint32_t seconds;
     std::uint32_t microseconds;
     std::uint32_t seqNo;
@@ -45,9 +41,6 @@ struct RecordFacts {
     std::uint32_t logId;
     std::uint32_t packetType;
     std::uint16_t level;
-    std::uint16_t levelNameSize;
-    /// The size of a syslog record's tag.
-    std::uint16_t tagSize;
     Tav::RecordKind kind;
 };
 
@@ -178,13 +171,16 @@ class Summary {
     void captureFailed(std::string_view name, const char* why);
 
     static RecordFacts factsOf(const Tav::Record& record);
-    /// Appends a record's facts to `out` (in a worker thread, after its
-    /// rendering); takeFacts() takes them off again in capture order.
-    static void appendFacts(const Tav::Record& record, std::string& out);
-    /// Splits `rendered` into the rendering, the facts after it and a syslog
-    /// record's tag.
-    static std::string_view takeFacts(std::string_view rendered, RecordFacts& facts,
-                                      std::string_view& tag);
+    /// The facts of a record from its headers and number (a record decoded
+    /// by a worker thread).
+    RecordFacts factsOf(const Tav::PcapRecHeader& pcap, const Tav::BinLogHeader& header,
+                        std::uint64_t number) const;
+    /// Appends a syslog record's tag to `out` (in a worker thread, after its
+    /// rendering), which lies in a buffer the next record reuses; takeTag()
+    /// takes it off again.
+    static void appendTag(const Tav::Record& record, std::string& out);
+    /// Splits `rendered` into the rendering and the tag after it.
+    static std::string_view takeTag(std::string_view rendered, std::string_view& tag);
 
     /// The table in a format (layouts in the README and --help).
     std::string table(Format format) const;

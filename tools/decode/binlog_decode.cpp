@@ -619,9 +619,13 @@ class Run {
         if (workers.isRecord()) {
             std::string_view rendered = workers.rendered();
             if (summary_ != nullptr) {
-                wexbl_decode::RecordFacts facts;
+                const Tav::ParallelStream::RecordHeaders& headers = *workers.headers();
+                const wexbl_decode::RecordFacts facts =
+                    summary_->factsOf(headers.pcap, headers.header, headers.number);
                 std::string_view tag;
-                rendered = wexbl_decode::Summary::takeFacts(rendered, facts, tag);
+                if (facts.kind == Tav::RecordKind::Syslog) {
+                    rendered = wexbl_decode::Summary::takeTag(rendered, tag);
+                }
                 summary_->record(facts, tag);
             }
             out_.write(rendered);
@@ -689,16 +693,17 @@ class Run {
         summarySeen_ = false;
         if (inParallel) {
             const Writer& writer = writer_;
-            const bool facts = summary_ != nullptr;
+            // The summary takes what it needs of a record from its headers
+            // (handleParallel), but for a syslog record's tag.
+            const bool tags = summary_ != nullptr;
             const bool lines = !options_.summaryOnly;
             Tav::ParallelStream workers(
-                stream, jobs_,
-                [&writer, facts, lines](const Tav::Record& record, std::string& out) {
+                stream, jobs_, [&writer, tags, lines](const Tav::Record& record, std::string& out) {
                     if (lines) {
                         writer.render(record, out);
                     }
-                    if (facts) {
-                        wexbl_decode::Summary::appendFacts(record, out);
+                    if (tags && record.kind == Tav::RecordKind::Syslog) {
+                        wexbl_decode::Summary::appendTag(record, out);
                     }
                 });
             while (workers.next()) {
