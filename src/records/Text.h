@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -17,23 +19,28 @@ namespace Tav {
 namespace detail {
 
 /// A growable text whose appends stay inline; it keeps its storage between
-/// records, so a warm buffer never allocates.
+/// records, so a warm buffer never allocates. (Its own buffer and capacity
+/// rather than a vector's: every append checks the room left, and one member
+/// is read where a vector has two pointers.)
 class TextBuilder {
   public:
+    TextBuilder() = default;
+    TextBuilder(const TextBuilder&) = delete;
+    TextBuilder& operator=(const TextBuilder&) = delete;
     void clear() { size_ = 0; }
-    const char* data() const { return storage_.data(); }
-    char* data() { return storage_.data(); }
+    const char* data() const { return storage_.get(); }
+    char* data() { return storage_.get(); }
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
-    std::string_view view() const { return std::string_view(storage_.data(), size_); }
+    std::string_view view() const { return std::string_view(storage_.get(), size_); }
     std::string_view view(std::size_t start, std::size_t length) const {
-        return std::string_view(storage_.data() + start, length);
+        return std::string_view(storage_.get() + start, length);
     }
     void truncate(std::size_t size) { size_ = size < size_ ? size : size_; }
     void append(const char* text, std::size_t length) {
-        if (length <= 16 && length <= storage_.size() - size_) {
+        if (length <= 16 && length <= capacity_ - size_) {
             // Most pieces of a line are short: copied inline, not by a call.
-            copySmall(storage_.data() + size_, text, length);
+            copySmall(storage_.get() + size_, text, length);
             size_ += length;
         } else if (length != 0) {
             std::memcpy(grow(length), text, length);
@@ -49,25 +56,20 @@ class TextBuilder {
     /// Makes room for `length` more characters without adding them: they are
     /// written at the returned place and counted with commit().
     char* reserveTail(std::size_t length) {
-        if (length > storage_.size() - size_) {
+        if (length > capacity_ - size_) {
             grow(length);
             size_ -= length;
         }
-        return storage_.data() + size_;
+        return storage_.get() + size_;
     }
     void commit(std::size_t length) { size_ += length; }
     /// Makes room for `length` more characters and returns where they go.
     /// Throws std::length_error rather than wrapping the size.
     char* grow(std::size_t length) {
-        if (length > storage_.size() - size_) {
-            const std::size_t limit = storage_.max_size();
-            if (length > limit - size_) {
-                throw std::length_error("text too long");
-            }
-            const std::size_t needed = size_ + length;
-            storage_.resize(needed > limit / 2 ? limit : needed * 2 < 256 ? 256 : needed * 2);
+        if (length > capacity_ - size_) {
+            enlarge(length);
         }
-        char* at = storage_.data() + size_;
+        char* at = storage_.get() + size_;
         size_ += length;
         return at;
     }
@@ -97,7 +99,27 @@ class TextBuilder {
         }
     }
 
-    std::vector<char> storage_;
+    /// Room for `length` more characters: at least twice the size needed,
+    /// at least 256.
+    void enlarge(std::size_t length) {
+        constexpr std::size_t kLimit = std::numeric_limits<std::ptrdiff_t>::max();
+        if (length > kLimit - size_) {
+            throw std::length_error("text too long");
+        }
+        const std::size_t needed = size_ + length;
+        const std::size_t capacity = needed > kLimit / 2 ? kLimit
+                                     : needed * 2 < 256  ? 256
+                                                         : needed * 2;
+        std::unique_ptr<char[]> larger(new char[capacity]);
+        if (size_ != 0) {
+            std::memcpy(larger.get(), storage_.get(), size_);
+        }
+        storage_ = std::move(larger);
+        capacity_ = capacity;
+    }
+
+    std::unique_ptr<char[]> storage_;
+    std::size_t capacity_ = 0;
     std::size_t size_ = 0;
 };
 
