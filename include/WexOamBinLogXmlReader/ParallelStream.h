@@ -58,12 +58,15 @@ class WEXBL_API ParallelStream {
     /// appended for it (valid until the next call of next()).
     bool isRecord() const;
     std::string_view rendered() const;
-    /// A record's headers as the capture stream read them, and its number
-    /// in the capture.
+    /// A record's headers as the capture stream read them, its number in
+    /// the capture, and what they make of it: its kind and its shown time
+    /// (Record::kind and Record::seconds; the microseconds are pcap.tsUsec).
     struct RecordHeaders {
         PcapRecHeader pcap;
         BinLogHeader header;
         std::uint64_t number = 0;
+        std::uint32_t seconds = 0;
+        RecordKind kind = RecordKind::BinLog;
     };
     /// The current record's: what a program that counts records needs
     /// without handing anything on from `render`. Null when the current item

@@ -153,7 +153,7 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
     record_.level = header.logLevel;
     record_.seqNo = header.seqNo;
     // The shown time: the record time plus the offset, in 32-bit wrap-around.
-    record_.seconds = pcap.tsSec + 60u * static_cast<std::uint32_t>(settings.utcOffsetMinutes);
+    record_.seconds = shownSeconds(pcap, settings.utcOffsetMinutes);
     record_.microseconds = pcap.tsUsec;
 
     if (header.packetType == Syslog) {

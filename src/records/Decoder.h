@@ -62,6 +62,27 @@ struct DecodeSettings {
     bool headerOnly = false;
 };
 
+/// A record's shown time in seconds: its time with the UTC offset added,
+/// wrapping around in 32 bits.
+inline std::uint32_t shownSeconds(const PcapRecHeader& pcap, int utcOffsetMinutes) {
+    return pcap.tsSec + 60u * static_cast<std::uint32_t>(utcOffsetMinutes);
+}
+
+/// The kind the decoder gives a record of each packet type it hands out
+/// (one of another type is reported instead).
+inline RecordKind recordKindOf(std::uint32_t packetType) {
+    switch (packetType) {
+        case Legacy:
+            return RecordKind::Legacy;
+        case Syslog:
+            return RecordKind::Syslog;
+        case PcapCapture:
+            return RecordKind::Capture;
+        default:
+            return RecordKind::BinLog;
+    }
+}
+
 /// Where a record comes from.
 struct RecordOrigin {
     std::string_view capture;

@@ -241,6 +241,8 @@ struct ParallelStream::Impl {
                               inputs.payload.size());
         item.statsLength = inputs.statsLength;
         item.headers.number = inputs.number;
+        item.headers.seconds = detail::shownSeconds(inputs.pcap, settings.utcOffsetMinutes);
+        item.headers.kind = detail::recordKindOf(inputs.header.packetType);
         item.offset = inputs.offset;
         ++batch.records;
         return true;

@@ -298,6 +298,8 @@ struct SeenHeaders {
     std::uint64_t number;
     Tav::PcapRecHeader pcap;
     Tav::BinLogHeader header;
+    std::uint32_t seconds;
+    Tav::RecordKind kind;
 };
 
 /// The same captures through ParallelStream: `jobs` workers render each
@@ -311,7 +313,8 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
         Tav::CaptureStream stream(reader, path, streamOptionsOf(reader, strict, session));
         Tav::ParallelStream parallel(stream, jobs, [](const Tav::Record& record, std::string& out) {
             out.append(record.text.data(), record.text.size());
-            const SeenHeaders seen{record.number, record.pcapHeader, record.binLogHeader};
+            const SeenHeaders seen{record.number, record.pcapHeader, record.binLogHeader,
+                                   record.seconds, record.kind};
             out.append(reinterpret_cast<const char*>(&seen), sizeof seen);
         });
         while (parallel.next()) {
@@ -334,6 +337,8 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
                 const Tav::PcapRecHeader* pcap = &headers->pcap;
                 const Tav::BinLogHeader* header = &headers->header;
                 EXPECT_EQ(headers->number, seen.number);
+                EXPECT_EQ(headers->seconds, seen.seconds);
+                EXPECT_EQ(headers->kind, seen.kind);
                 EXPECT_EQ(pcap->tsSec, seen.pcap.tsSec);
                 EXPECT_EQ(pcap->tsUsec, seen.pcap.tsUsec);
                 EXPECT_EQ(pcap->capturedLength, seen.pcap.capturedLength);

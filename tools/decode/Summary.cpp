@@ -52,22 +52,16 @@ RecordFacts Summary::factsOf(const Tav::Record& record) {
     return facts;
 }
 
-RecordFacts Summary::factsOf(const Tav::PcapRecHeader& pcap, const Tav::BinLogHeader& header,
-                             std::uint64_t number) const {
+RecordFacts Summary::factsOf(const Tav::ParallelStream::RecordHeaders& headers) {
     RecordFacts facts{};
-    facts.number = number;
-    // The shown time, as the decoder makes it (32-bit wrap-around).
-    facts.seconds = pcap.tsSec + 60u * static_cast<std::uint32_t>(utcOffset_);
-    facts.microseconds = pcap.tsUsec;
-    facts.seqNo = header.seqNo;
-    facts.logId = header.logId;
-    facts.packetType = header.packetType;
-    facts.level = header.logLevel;
-    // The kind the decoder gives a record of each packet type that it hands
-    // out (those of other types it reports).
-    static constexpr Tav::RecordKind kKinds[] = {Tav::RecordKind::BinLog, Tav::RecordKind::Legacy,
-                                                 Tav::RecordKind::Syslog, Tav::RecordKind::Capture};
-    facts.kind = header.packetType < 4 ? kKinds[header.packetType] : Tav::RecordKind::BinLog;
+    facts.number = headers.number;
+    facts.seconds = headers.seconds;
+    facts.microseconds = headers.pcap.tsUsec;
+    facts.seqNo = headers.header.seqNo;
+    facts.logId = headers.header.logId;
+    facts.packetType = headers.header.packetType;
+    facts.level = headers.header.logLevel;
+    facts.kind = headers.kind;
     return facts;
 }
 
@@ -204,33 +198,21 @@ Summary::LogEntry& Summary::newLog(std::uint32_t id) {
 
 void Summary::record(const RecordFacts& facts, std::string_view tag) {
     // Most records are of a dictionary log seen before, whose sequence
-    // space is known, with no gap or reorder waiting: counted here.
-    if (facts.kind == Tav::RecordKind::Syslog || facts.kind == Tav::RecordKind::Capture ||
-        !pending_.empty() || !untimed_.empty() || !hasCapture_ || facts.level >= kLowLevels) {
-        recordAny(facts, tag);
-        return;
+    // space is known, with no gap or reorder waiting: their log and its
+    // module's last sequence number come from one look-up.
+    LogEntry* log = nullptr;
+    if (facts.kind != Tav::RecordKind::Syslog && facts.kind != Tav::RecordKind::Capture &&
+        pending_.empty() && untimed_.empty()) {
+        log = logCache_.find(facts.logId);
     }
-    LogEntry* log = logCache_.find(facts.logId);
     if (log == nullptr || log->sequence.generation != seqGeneration_ ||
         log->sequence.last == nullptr) {
         recordAny(facts, tag);
         return;
     }
     ++log->count;
-    const std::size_t row = log->row;
-    checkSequence(*log->sequence.last, facts.seqNo, row);
-    ModuleRow& module = rows_[row];
-    CaptureRow& file = captures_[current_];
-    ++module.counts.records;
-    ++file.counts.records;
-    const ShownTime time{facts.seconds, facts.microseconds};
-    const std::int64_t at = time.micros();
-    module.span.add(time, at);
-    file.span.add(time, at);
-    if (module.lowLevels[facts.level]++ == 0) {
-        nameLevel(facts);
-    }
-    addToBuckets(row, at, facts.level);
+    checkSequence(*log->sequence.last, facts.seqNo, log->row);
+    tally(log->row, facts, tag);
 }
 
 void Summary::nameLevel(const RecordFacts& facts) {
@@ -289,11 +271,15 @@ void Summary::recordAny(const RecordFacts& facts, std::string_view tag) {
     } else {
         countSequence(facts.packetType, facts.logId, facts.seqNo, row);
     }
+    tally(row, facts, tag);
+}
 
+void Summary::tally(std::size_t row, const RecordFacts& facts, std::string_view tag) {
     ModuleRow& module = rows_[row];
     CaptureRow& file = capture();
     ++module.counts.records;
     ++file.counts.records;
+    const ShownTime time{facts.seconds, facts.microseconds};
     const std::int64_t at = time.micros();
     module.span.add(time, at);
     file.span.add(time, at);

@@ -23,6 +23,7 @@
 
 #include "BinaryLogXmlReader.h"
 #include "Options.h"
+#include "WexOamBinLogXmlReader/ParallelStream.h"
 #include "WexOamBinLogXmlReader/Record.h"
 
 namespace wexbl_decode {
@@ -94,9 +95,6 @@ struct Counts {
     void add(const Counts& other);
 };
 
-/// Levels 0 to kLowLevels - 1 are counted in an array.
-constexpr std::size_t kLowLevels = 16;
-
 /// One row of the module table.
 struct ModuleRow {
     std::string name;
@@ -104,7 +102,7 @@ struct ModuleRow {
     TimeSpan span;
     /// Records per level number: levels 0 to 15 in an array (counted for
     /// every record), the others in a map.
-    std::array<std::uint64_t, kLowLevels> lowLevels{};
+    std::array<std::uint64_t, 16> lowLevels{};
     std::map<std::uint16_t, std::uint64_t> highLevels;
     /// Records per level number, the levels that have any.
     std::map<std::uint16_t, std::uint64_t> levels() const;
@@ -171,10 +169,8 @@ class Summary {
     void captureFailed(std::string_view name, const char* why);
 
     static RecordFacts factsOf(const Tav::Record& record);
-    /// The facts of a record from its headers and number (a record decoded
-    /// by a worker thread).
-    RecordFacts factsOf(const Tav::PcapRecHeader& pcap, const Tav::BinLogHeader& header,
-                        std::uint64_t number) const;
+    /// The facts of a record decoded by a worker thread, from its headers.
+    static RecordFacts factsOf(const Tav::ParallelStream::RecordHeaders& headers);
     /// Appends a syslog record's tag to `out` (in a worker thread, after its
     /// rendering), which lies in a buffer the next record reuses; takeTag()
     /// takes it off again.
@@ -246,6 +242,9 @@ class Summary {
     LogEntry& newLog(std::uint32_t id);
     /// record() for any record.
     void recordAny(const RecordFacts& facts, std::string_view tag);
+    /// Counts a record in `row` and its capture: records, time span, level,
+    /// syslog tag, time bucket.
+    void tally(std::size_t row, const RecordFacts& facts, std::string_view tag);
     /// Keeps the name of a level seen for the first time.
     void nameLevel(const RecordFacts& facts);
     /// Counts the waiting gaps and reorders: those of record `number` in

@@ -619,9 +619,8 @@ class Run {
         if (workers.isRecord()) {
             std::string_view rendered = workers.rendered();
             if (summary_ != nullptr) {
-                const Tav::ParallelStream::RecordHeaders& headers = *workers.headers();
                 const wexbl_decode::RecordFacts facts =
-                    summary_->factsOf(headers.pcap, headers.header, headers.number);
+                    wexbl_decode::Summary::factsOf(*workers.headers());
                 std::string_view tag;
                 if (facts.kind == Tav::RecordKind::Syslog) {
                     rendered = wexbl_decode::Summary::takeTag(rendered, tag);
