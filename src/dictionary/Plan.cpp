@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "dictionary/WireOrder.h"
+#include "format/Json.h"
 #include "records/Text.h"
 
 namespace Tav {
@@ -214,6 +215,27 @@ void planTable(const FlexiParams& params, const std::vector<std::string>& paramO
         }
     }
     plan.fieldCount = field;
+    plan.fieldOrder.resize(plan.params.size());
+    for (std::uint32_t i = 0; i < plan.fieldOrder.size(); ++i) {
+        plan.fieldOrder[i] = i;
+    }
+    std::sort(plan.fieldOrder.begin(), plan.fieldOrder.end(),
+              [&](std::uint32_t a, std::uint32_t b) {
+                  return plan.params[a].firstField < plan.params[b].firstField;
+              });
+    for (ParamPlan& p : plan.params) {
+        p.jsonHead = ",{\"name\":";
+        appendJsonString(p.jsonHead, *p.name);
+        if (p.type < ParamType::String && p.length != 0) {
+            p.jsonHead += ",\"index\":";
+        } else {
+            p.jsonHead += jsonTypeAndValueKeys(p.type);
+        }
+        if (p.display == DisplayKind::Enum) {
+            p.jsonEnum = ",\"enum\":";
+            appendJsonString(p.jsonEnum, *p.format);
+        }
+    }
 
     plan.listed.reserve(paramOrder.size());
     for (const std::string& name : paramOrder) {
@@ -324,6 +346,15 @@ void PlanSet::build(const std::map<std::uint16_t, ModuleDetails>& modules,
             plan->lineCategory = "] [" + plan->paddedCategory + "] [";
             plan->name = printed(log.logName);
             plan->category = printed(log.category);
+            plan->jsonNames = ",\"subsystem\":";
+            appendJsonString(plan->jsonNames, module->second.subsystemName);
+            plan->jsonNames += ",\"module\":";
+            appendJsonString(plan->jsonNames, module->second.moduleName);
+            plan->jsonNames += ",\"log\":";
+            appendJsonString(plan->jsonNames, log.logName);
+            plan->jsonNames += ",\"level\":";
+            plan->jsonCategory = ",\"category\":";
+            appendJsonString(plan->jsonCategory, log.category);
             planMessage(*plan);
             if (byIndex.size() <= index) {
                 byIndex.resize(static_cast<std::size_t>(index) + 1, nullptr);

@@ -109,6 +109,12 @@ struct ParamPlan {
     /// arithmetic (for a var binary string after the first: where the one
     /// before it starts; the counts in the payload decide the rest).
     std::uint32_t offset = 0;
+    /// The constant start of its JSON field, behind the comma that separates
+    /// it from the field before: `,{"name":NAME,"type":"TYPE","value":` for
+    /// a scalar or a string, `,{"name":NAME,"index":` for an array element;
+    /// and `,"enum":FORMAT` for an enumerated one.
+    std::string jsonHead;
+    std::string jsonEnum;
 };
 
 /// The parameters of a module header or of a log.
@@ -130,6 +136,9 @@ struct TablePlan {
     bool direct = true;
     /// The first var binary string, or -1.
     std::int32_t firstVarBinary = -1;
+    /// Indexes into `params` in the order of their fields (declaration
+    /// order).
+    std::vector<std::uint32_t> fieldOrder;
     /// The index of the parameter whose text `name` shows, or -1.
     std::int32_t lookup(std::string_view name) const;
 };
@@ -181,6 +190,10 @@ struct LogPlan {
     bool mayHaveNul = false;
     /// The line can be rendered straight from the payload (see TablePlan).
     bool direct = false;
+    /// The constant parts of a record's JSON: `,"subsystem":..,"module":..,
+    /// "log":..,"level":` and `,"category":..`.
+    std::string jsonNames;
+    std::string jsonCategory;
 };
 
 /// Plans of every log of the dictionary, with a flat look-up by log id.

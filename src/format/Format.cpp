@@ -14,6 +14,8 @@
 #include <exception>
 #include <string_view>
 
+#include "format/Json.h"
+#include "records/Decoder.h"
 #include "records/Text.h"
 
 #if defined(__SSE2__)
@@ -25,106 +27,13 @@ namespace Tav {
 namespace {
 
 using detail::appendLiteral;
+using detail::appendSigned;
+using detail::appendUnsigned;
+using detail::kMaxSafeInteger;
+using detail::Sink;
 using detail::writeDigitsBackwards;
 
-// ---- Writing into the caller's string ------------------------------------------------------
-
-/// A write cursor at the end of a string. The string is grown a chunk at a
-/// time ahead of the cursor, so that most writes are a bounds check and a
-/// copy; the destructor cuts it back to what was written, or to what it
-/// was when an exception (out of memory) leaves the write unfinished.
-class Sink {
-  public:
-    explicit Sink(std::string& out)
-        : out_(out), start_(out.size()), exceptions_(std::uncaught_exceptions()) {
-        reset(start_);
-    }
-    ~Sink() { out_.resize(std::uncaught_exceptions() > exceptions_ ? start_ : size()); }
-    Sink(const Sink&) = delete;
-    Sink& operator=(const Sink&) = delete;
-
-    /// Room for `n` more characters at the cursor; they count once
-    /// advance() is called.
-    char* room(std::size_t n) {
-        if (static_cast<std::size_t>(limit_ - cursor_) < n) {
-            grow(n);
-        }
-        return cursor_;
-    }
-    void advance(std::size_t n) { cursor_ += n; }
-    void append(const char* text, std::size_t n) {
-        if (n != 0) {  // an empty view may have no data at all
-            std::memcpy(room(n), text, n);
-            cursor_ += n;
-        }
-    }
-    void append(std::string_view text) { append(text.data(), text.size()); }
-    void push_back(char c) {
-        *room(1) = c;
-        ++cursor_;
-    }
-    /// Characters in the string so far.
-    std::size_t size() const { return static_cast<std::size_t>(cursor_ - base_); }
-    char* at(std::size_t offset) { return base_ + offset; }
-
-  private:
-    void grow(std::size_t n) {
-        // The string doubles its capacity as it needs; only the new chunk
-        // is filled.
-        constexpr std::size_t kChunk = 1024;
-        const std::size_t used = size();
-        out_.resize(used + (n > kChunk ? n : kChunk));
-        reset(used);
-    }
-    void reset(std::size_t used) {
-        base_ = &out_[0];
-        cursor_ = base_ + used;
-        limit_ = base_ + out_.size();
-    }
-
-    std::string& out_;
-    const std::size_t start_;
-    const int exceptions_;
-    char* base_ = nullptr;
-    char* cursor_ = nullptr;
-    char* limit_ = nullptr;
-};
-
 // ---- Numbers ---------------------------------------------------------------------------------
-
-/// The largest magnitude a JSON number keeps exactly in a double (2^53 - 1).
-constexpr std::uint64_t kMaxSafeInteger = (std::uint64_t{1} << 53) - 1;
-
-/// Number of decimal digits of `value`.
-unsigned digitCount(std::uint64_t value) {
-    unsigned digits = 1;
-    while (value >= 10000) {
-        value /= 10000;
-        digits += 4;
-    }
-    return digits + (value >= 10) + (value >= 100) + (value >= 1000);
-}
-
-void appendUnsigned(Sink& out, std::uint64_t value) {
-    const unsigned digits = digitCount(value);
-    char* const at = out.room(digits);
-    writeDigitsBackwards(at + digits, value);
-    out.advance(digits);
-}
-
-void appendSigned(Sink& out, std::int64_t value) {
-    if (value < 0) {
-        // The magnitude of the most negative value fits the unsigned type.
-        const std::uint64_t magnitude = std::uint64_t{0} - static_cast<std::uint64_t>(value);
-        const unsigned digits = digitCount(magnitude);
-        char* const at = out.room(digits + 1);
-        *at = '-';
-        writeDigitsBackwards(at + 1 + digits, magnitude);
-        out.advance(digits + 1);
-    } else {
-        appendUnsigned(out, static_cast<std::uint64_t>(value));
-    }
-}
 
 /// `digits` decimal digits of `value`, zero-padded on the left, at `to`.
 void writeFixed(char* to, unsigned value, int digits) {
@@ -164,9 +73,9 @@ void appendDouble(Sink& out, double value) {
 
 // ---- Time ------------------------------------------------------------------------------------
 
-/// Appends "YYYY-MM-DDTHH:MM:SS" of seconds since 1970 (UTC calendar, days
+/// Writes "YYYY-MM-DDTHH:MM:SS" of seconds since 1970 (UTC calendar, days
 /// to civil date by the era arithmetic of the proleptic Gregorian calendar).
-void appendDateTime(Sink& out, std::uint32_t seconds) {
+void writeDateTime(char (&text)[19], std::uint32_t seconds) {
     const std::uint32_t days = seconds / 86400u;
     const std::uint32_t secondOfDay = seconds % 86400u;
     // Days since 0000-03-01; the 400-year era repeats exactly.
@@ -181,7 +90,6 @@ void appendDateTime(Sink& out, std::uint32_t seconds) {
     const std::uint32_t day = dayOfYear - (153u * monthIndex + 2u) / 5u + 1u;
     const std::uint32_t month = monthIndex < 10u ? monthIndex + 3u : monthIndex - 9u;
     const std::uint32_t year = yearOfEra + era * 400u + (month <= 2u ? 1u : 0u);
-    char text[19];
     writeFixed(text, year, 4);
     text[4] = '-';
     writeFixed(text + 5, month, 2);
@@ -193,7 +101,24 @@ void appendDateTime(Sink& out, std::uint32_t seconds) {
     writeFixed(text + 14, secondOfDay / 60u % 60u, 2);
     text[16] = ':';
     writeFixed(text + 17, secondOfDay % 60u, 2);
-    out.append(text, sizeof text);
+}
+
+/// Appends "YYYY-MM-DDTHH:MM:SS" of seconds since 1970. Records come in
+/// time order, many in the same second: each thread keeps the text of the
+/// last second it wrote.
+void appendDateTime(Sink& out, std::uint32_t seconds) {
+    struct Last {
+        bool valid = false;
+        std::uint32_t seconds = 0;
+        char text[19] = {};
+    };
+    static thread_local Last last;
+    if (!last.valid || last.seconds != seconds) {
+        writeDateTime(last.text, seconds);
+        last.seconds = seconds;
+        last.valid = true;
+    }
+    out.append(last.text, sizeof last.text);
 }
 
 // ---- JSON strings ----------------------------------------------------------------------------
@@ -384,10 +309,12 @@ char* writeShortEscape(char* to, char c) {
     return to + 2;
 }
 
-/// A JSON string of any bytes. The text goes in blocks, each written into
-/// room for its worst case (every byte a six-character escape), so that
-/// the characters are written without a bounds check each.
-void appendJsonString(Sink& out, std::string_view text) {
+}  // namespace
+
+/// The text goes in blocks, each written into room for its worst case
+/// (every byte a six-character escape), so that the characters are written
+/// without a bounds check each.
+void detail::appendJsonString(Sink& out, std::string_view text) {
     constexpr std::size_t kBlock = 4096;
     const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
     const unsigned char* const end = p + text.size();
@@ -462,6 +389,10 @@ void appendJsonString(Sink& out, std::string_view text) {
     }
 }
 
+namespace {
+
+using detail::appendJsonString;
+
 /// Bytes as lower-case hex digits, two a byte.
 void appendHexDigits(Sink& out, std::string_view bytes) {
     char* at = out.room(2 * bytes.size());
@@ -499,8 +430,9 @@ std::string_view typeName(ParamType type) {
                                                               : std::string_view();
 }
 
-/// `,"type":"TYPE","value":` of a field of the type: written in one piece.
-std::string_view typeAndValueKeys(ParamType type) {
+}  // namespace
+
+std::string_view detail::jsonTypeAndValueKeys(ParamType type) {
     struct Keys {
         std::string keys[static_cast<std::size_t>(ParamType::VarBinaryString) + 2];
         Keys() {
@@ -516,6 +448,8 @@ std::string_view typeAndValueKeys(ParamType type) {
     const std::size_t last = sizeof table.keys / sizeof table.keys[0] - 1;  // no such type
     return table.keys[index < last ? index : last];
 }
+
+namespace {
 
 std::string_view kindName(RecordKind kind) {
     switch (kind) {
@@ -581,7 +515,7 @@ void appendJsonFields(Sink& out, View<ParamField> fields, bool texts) {
             appendLiteral(out, ",\"index\":");
             appendSigned(out, field.index);
         }
-        out.append(typeAndValueKeys(field.type));
+        out.append(detail::jsonTypeAndValueKeys(field.type));
         appendJsonValue(out, field);
         if (texts) {
             appendLiteral(out, ",\"text\":");
@@ -727,6 +661,10 @@ void writeIsoTime(Sink& out, const Record& record) {
 
 void writeRecord(Sink& out, const Record& record) {
     const bool texts = !record.text.empty();
+    // A binary log record its decoder can write from the payload: the
+    // names come ready from its plan, the values straight from its bytes.
+    const detail::LogPlan* const direct =
+        record.source != nullptr ? record.source->directValues(record) : nullptr;
     appendLiteral(out, "{\"capture\":");
     appendJsonString(out, record.capture);
     appendLiteral(out, ",\"record\":");
@@ -741,18 +679,26 @@ void writeRecord(Sink& out, const Record& record) {
     switch (record.kind) {
         case RecordKind::BinLog:
         case RecordKind::Legacy:
-            appendLiteral(out, ",\"subsystem\":");
-            appendJsonString(out, record.subsystem);
-            appendLiteral(out, ",\"module\":");
-            appendJsonString(out, record.module);
-            appendLiteral(out, ",\"log\":");
-            appendJsonString(out, record.log);
-            appendLiteral(out, ",\"level\":");
+            if (direct != nullptr) {
+                detail::appendPiece(out, direct->jsonNames);
+            } else {
+                appendLiteral(out, ",\"subsystem\":");
+                appendJsonString(out, record.subsystem);
+                appendLiteral(out, ",\"module\":");
+                appendJsonString(out, record.module);
+                appendLiteral(out, ",\"log\":");
+                appendJsonString(out, record.log);
+                appendLiteral(out, ",\"level\":");
+            }
             appendJsonString(out, record.levelName);
             appendLiteral(out, ",\"level_no\":");
             appendUnsigned(out, record.level);
-            appendLiteral(out, ",\"category\":");
-            appendJsonString(out, record.category);
+            if (direct != nullptr) {
+                detail::appendPiece(out, direct->jsonCategory);
+            } else {
+                appendLiteral(out, ",\"category\":");
+                appendJsonString(out, record.category);
+            }
             break;
         case RecordKind::Syslog:
             appendLiteral(out, ",\"level\":");
@@ -771,6 +717,10 @@ void writeRecord(Sink& out, const Record& record) {
     appendUnsigned(out, record.seqNo);
     switch (record.kind) {
         case RecordKind::BinLog:
+            if (direct != nullptr) {
+                record.source->appendJsonValues(out, texts);
+                break;
+            }
             appendLiteral(out, ",\"header\":");
             appendJsonFields(out, record.header(), texts);
             appendLiteral(out, ",\"params\":");

@@ -25,6 +25,8 @@
 namespace Tav {
 namespace detail {
 
+class Sink;
+
 /// Receives events as they arise.
 class EventSink {
   public:
@@ -190,6 +192,13 @@ class RecordDecoder : private SequenceReport {
     /// empty: an enumeration without the value).
     bool texts() const { return settings_.texts; }
     const Record& record() const { return record_; }
+    /// The plan of the record decoded last when `record` is that record and
+    /// a binary log record whose values can be written straight from its
+    /// payload; else null.
+    const LogPlan* directValues(const Record& record) const;
+    /// Writes `,"header":[...],"params":[...]` of that record as the JSON
+    /// of its fields (with their texts when `texts`), from its payload.
+    void appendJsonValues(Sink& out, bool texts) const;
 
     /// Emits an event whose text is `text`, filling in the origin fields.
     void emit(Event& event, std::string_view text);
@@ -232,6 +241,7 @@ class RecordDecoder : private SequenceReport {
                       const ByteReader& payload) const;
     /// Whether the text of parameter `index` holds a brace.
     bool directBrace(const TablePlan& plan, std::size_t index, const ByteReader& payload) const;
+    void appendJsonTable(Sink& out, const TablePlan& plan, bool texts) const;
     /// Fills the table's fields (declaration order) and their texts.
     void fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out);
     void decodeLegacy(const LogPlan& plan, const ByteReader& payload);

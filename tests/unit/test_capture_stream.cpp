@@ -21,6 +21,7 @@
 #include "TestSupport.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/DatagramStream.h"
+#include "WexOamBinLogXmlReader/Format.h"
 #include "WexOamBinLogXmlReader/ParallelStream.h"
 
 namespace {
@@ -293,6 +294,35 @@ Printed readWithStreams(const Tav::BinaryLogXmlReader& reader,
     return printed;
 }
 
+/// Every record of the captures as JSON twice: the record the stream hands
+/// out (whose decoder may write its values straight from the payload) and
+/// a copy of it (written from its fields, Record::header() and params()).
+/// Returns how many binary log records were compared.
+int compareJsonRoutes(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
+                      bool texts) {
+    int compared = 0;
+    Tav::StreamSession session(reader);
+    for (const std::string& path : paths) {
+        Tav::StreamOptions options = streamOptionsOf(reader, false, session);
+        options.texts = texts;
+        Tav::CaptureStream stream(reader, path, options);
+        while (stream.next()) {
+            const Tav::Record* record = stream.record();
+            if (record == nullptr) {
+                continue;
+            }
+            std::string own;
+            Tav::appendJson(own, *record);
+            const Tav::Record copy = *record;
+            std::string fromFields;
+            Tav::appendJson(fromFields, copy);
+            EXPECT_EQ(own, fromFields) << path << " record " << record->number;
+            compared += record->kind == Tav::RecordKind::BinLog ? 1 : 0;
+        }
+    }
+    return compared;
+}
+
 /// What a worker saw of a record, handed on behind its line.
 struct SeenHeaders {
     std::uint64_t number;
@@ -363,6 +393,7 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
     Random random{20261124};
     int compared = 0;
     int withRecords = 0;
+    int jsonRecords = 0;
     for (int round = 0; round < 150; ++round) {
         TempDir dir;
         const int modules = 1 + static_cast<int>(random.below(3));
@@ -414,9 +445,12 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
         ASSERT_EQ(parallel.err, expected.err)
             << "round " << round << " with " << jobs << " workers";
         withRecords += expected.out.find("] \n") != std::string::npos ? 1 : 0;
+        // JSON written from the payload and from the fields.
+        jsonRecords += compareJsonRoutes(fresh, paths, round % 5 != 0);
     }
     EXPECT_EQ(compared, 300);
     EXPECT_GT(withRecords, 100);
+    EXPECT_GT(jsonRecords, 1000);
 }
 
 TEST(CaptureStreamDifferential, ManyModulesCountTheirSequencesAsReadBinaryFiledata) {

@@ -1,0 +1,272 @@
+// The values of a binary log record as JSON, written straight from its
+// payload by the plan that rendered its line: no decoded tables, no fields,
+// no texts kept in between. What it writes is what the formats write from
+// the record's fields (Record::header(), Record::params()): the same values,
+// read by the same rules, shown by the same routines as the line.
+#include <cstring>
+
+#include "format/Json.h"
+#include "records/Decoder.h"
+#include "records/Values.h"
+
+namespace Tav {
+namespace detail {
+
+namespace {
+
+/// The hex digits of `count` bytes at `offset` (bytes past the payload are
+/// zeros), as a JSON string.
+void writeHexValue(Sink& out, const ByteReader& payload, std::uint32_t offset,
+                   std::uint32_t count) {
+    static const char kDigits[] = "0123456789abcdef";
+    char* at = out.room(2 * static_cast<std::size_t>(count) + 2);
+    *at++ = '"';
+    const std::size_t have = payload.available(offset);
+    const unsigned char* from = have != 0 ? payload.data() + offset : nullptr;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const unsigned char byte = i < have ? from[i] : 0;
+        at[0] = kDigits[byte >> 4];
+        at[1] = kDigits[byte & 0x0F];
+        at += 2;
+    }
+    *at = '"';
+    out.advance(2 * static_cast<std::size_t>(count) + 2);
+}
+
+/// `,"text":` and a copy of the `size` characters written at `start`.
+void repeatAsText(Sink& out, std::size_t start, std::size_t size) {
+    appendLiteral(out, ",\"text\":");
+    char* const to = out.room(size);
+    std::memcpy(to, out.at(start), size);
+    out.advance(size);
+}
+
+/// The start of a field: its plan's constant head, without the comma for
+/// the first field of the table.
+void writeHead(Sink& out, const ParamPlan& param, bool& first) {
+    appendPiece(out, std::string_view(param.jsonHead).substr(first ? 1 : 0));
+    first = false;
+}
+
+/// The rest of an integer field after its head: its value, its text as the
+/// line shows it, and the enumeration that gave the text. `previous` is the
+/// text of the last element of the array whose enumeration knew its value.
+template <typename T>
+void writeInt(Sink& out, const ParamPlan& param, const ByteReader& payload, std::uint32_t offset,
+              const std::string*& previous, bool texts) {
+    const T value = readLittleEndian<T>(payload, offset);
+    std::uint64_t magnitude;
+    bool negative;
+    signAndMagnitude(value, negative, magnitude);
+    // The value: a number while a double holds it exactly, else a string.
+    const bool safe = magnitude <= kMaxSafeInteger;
+    const unsigned digits = decimalDigits(magnitude);
+    const std::size_t length = digits + (negative ? 1u : 0u);
+    if (safe && param.display == DisplayKind::Decimal) {
+        // The most frequent field: the decimal text is the value's digits,
+        // and the whole rest of the field is written in one piece.
+        char* const at = out.room(2 * length + 11);
+        writeDigitsBackwards(at + length, magnitude);
+        if (negative) {
+            at[0] = '-';
+        }
+        char* to = at + length;
+        if (texts) {
+            std::memcpy(to, ",\"text\":\"", 9);
+            to += 9;
+            for (std::size_t i = 0; i < length; ++i) {
+                to[i] = at[i];
+            }
+            to += length;
+            *to++ = '"';
+        }
+        *to++ = '}';
+        out.advance(static_cast<std::size_t>(to - at));
+        return;
+    }
+    const std::size_t start = out.size();
+    {
+        const std::size_t quoted = length + (safe ? 0u : 2u);
+        char* const at = out.room(quoted);
+        char* end = at + quoted;
+        if (!safe) {
+            *at = '"';
+            *--end = '"';
+        }
+        writeDigitsBackwards(end, magnitude);
+        if (negative) {
+            at[safe ? 0 : 1] = '-';
+        }
+        out.advance(quoted);
+    }
+    const std::size_t valueLength = out.size() - start;
+    const std::string* enumText = nullptr;
+    if (param.display == DisplayKind::Enum) {
+        enumText = param.enumTable->find(negative, magnitude);
+        if (enumText != nullptr) {
+            previous = enumText;
+        }
+    }
+    if (texts) {
+        switch (param.display) {
+            case DisplayKind::Enum:
+                appendLiteral(out, ",\"text\":");
+                appendJsonString(
+                    out, previous != nullptr ? std::string_view(*previous) : std::string_view());
+                break;
+            case DisplayKind::Hex:
+                appendLiteral(out, ",\"text\":\"");
+                appendHex(out, value);
+                out.push_back('"');
+                break;
+            case DisplayKind::FrameStamp:
+                appendLiteral(out, ",\"text\":\"");
+                appendFrameStamp(out, static_cast<std::uint32_t>(value));
+                out.push_back('"');
+                break;
+            default:
+                // A decimal text too wide for a number: the string of the value.
+                repeatAsText(out, start, valueLength);
+                break;
+        }
+    }
+    if (enumText != nullptr) {
+        appendPiece(out, param.jsonEnum);
+    }
+    out.push_back('}');
+}
+
+template <typename T>
+void writeInts(Sink& out, const ParamPlan& param, const ByteReader& payload, bool texts,
+               bool& first) {
+    const std::string* previous = nullptr;
+    if (param.length == 0) {
+        writeHead(out, param, first);
+        writeInt<T>(out, param, payload, param.offset, previous, texts);
+        return;
+    }
+    const std::string_view typeKeys = jsonTypeAndValueKeys(param.type);
+    std::uint32_t offset = param.offset;
+    for (std::uint32_t i = 0; i < param.fieldCount; ++i) {
+        writeHead(out, param, first);
+        appendUnsigned(out, i);
+        appendPiece(out, typeKeys);
+        writeInt<T>(out, param, payload, offset, previous, texts);
+        offset += static_cast<std::uint32_t>(sizeof(T));
+    }
+}
+
+}  // namespace
+
+const LogPlan* RecordDecoder::directValues(const Record& record) const {
+    if (&record != &record_ || record_.kind != RecordKind::BinLog || valuesPlan_ == nullptr ||
+        !valuesPlan_->direct || !settings_.fields) {
+        return nullptr;
+    }
+    return valuesPlan_;
+}
+
+void RecordDecoder::appendJsonTable(Sink& out, const TablePlan& plan, bool texts) const {
+    const ByteReader& payload = valuesPayload_;
+    out.push_back('[');
+    bool first = true;
+    for (const std::uint32_t index : plan.fieldOrder) {
+        const ParamPlan& param = plan.params[index];
+        switch (param.type) {
+            case ParamType::Uint64:
+                writeInts<std::uint64_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Int64:
+                writeInts<std::int64_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Uint32:
+                writeInts<std::uint32_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Int32:
+                writeInts<std::int32_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Uint16:
+                writeInts<std::uint16_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Int16:
+                writeInts<std::int16_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Uint8:
+                writeInts<std::uint8_t>(out, param, payload, texts, first);
+                continue;
+            case ParamType::Int8:
+                writeInts<std::int8_t>(out, param, payload, texts, first);
+                continue;
+            default:
+                break;
+        }
+        writeHead(out, param, first);
+        switch (param.type) {
+            case ParamType::String: {
+                // The text up to its first NUL; bytes past the record are NULs.
+                const std::size_t have = payload.available(param.offset);
+                const std::size_t span = param.length < have ? param.length : have;
+                std::string_view text;
+                if (span != 0) {
+                    const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
+                    const void* nul = std::memchr(at, '\0', span);
+                    text = std::string_view(
+                        at,
+                        nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
+                }
+                const std::size_t start = out.size();
+                appendJsonString(out, text);
+                if (texts) {
+                    repeatAsText(out, start, out.size() - start);
+                }
+                break;
+            }
+            case ParamType::BinaryString: {
+                const std::uint32_t kept =
+                    param.length < kMaxRenderedElements ? param.length : kMaxRenderedElements;
+                writeHexValue(out, payload, param.offset, kept);
+                if (texts) {
+                    appendLiteral(out, ",\"text\":\"");
+                    appendHexBytes(out, payload, param.offset, param.length);
+                    out.push_back('"');
+                }
+                break;
+            }
+            default: {  // a var binary string
+                const VarBinary& var =
+                    varBinaries_[index - static_cast<std::size_t>(plan.firstVarBinary)];
+                const std::uint32_t kept =
+                    var.count < kMaxRenderedElements ? var.count : kMaxRenderedElements;
+                writeHexValue(out, payload, var.offset, kept);
+                if (texts) {
+                    appendLiteral(out, ",\"text\":\"payload size:");
+                    appendUnsigned(out, var.count);
+                    out.push_back(' ');
+                    appendHexBytes(out, payload, var.offset,
+                                   var.count < settings_.maxVarBinaryBytes
+                                       ? var.count
+                                       : settings_.maxVarBinaryBytes);
+                    out.push_back('"');
+                }
+                break;
+            }
+        }
+        out.push_back('}');
+    }
+    out.push_back(']');
+}
+
+void RecordDecoder::appendJsonValues(Sink& out, bool texts) const {
+    const LogPlan& plan = *valuesPlan_;
+    appendLiteral(out, ",\"header\":");
+    if (plan.module->hasHeader) {
+        appendJsonTable(out, plan.module->header, texts);
+    } else {
+        appendLiteral(out, "[]");
+    }
+    appendLiteral(out, ",\"params\":");
+    appendJsonTable(out, plan.params, texts);
+}
+
+}  // namespace detail
+}  // namespace Tav
