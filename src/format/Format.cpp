@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <string_view>
 
 #include "format/Json.h"
@@ -991,26 +990,31 @@ const char* csvHeader() {
 void appendIsoTime(std::string& out, const Record& record) {
     Sink sink(out);
     writeIsoTime(sink, record);
+    sink.finish();
 }
 
 void appendJson(std::string& out, const Record& record) {
     Sink sink(out);
     writeRecord(sink, record);
+    sink.finish();
 }
 
 void appendJsonString(std::string& out, std::string_view text) {
     Sink sink(out);
     appendJsonString(sink, text);
+    sink.finish();
 }
 
 void appendJson(std::string& out, const Event& event) {
     Sink sink(out);
     writeEvent(sink, event);
+    sink.finish();
 }
 
 void appendCsv(std::string& out, const Record& record) {
     Sink sink(out);
     writeCsv(sink, record);
+    sink.finish();
 }
 
 }  // namespace Tav

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <string_view>
 
@@ -20,15 +19,16 @@ namespace detail {
 
 /// A write cursor at the end of a string. The string is grown a chunk at a
 /// time ahead of the cursor, so that most writes are a bounds check and a
-/// copy; the destructor cuts it back to what was written, or to what it
-/// was when an exception (out of memory) leaves the write unfinished.
+/// copy. finish() cuts it back to what was written; a write left unfinished
+/// (out of memory) leaves the string as it was.
 class Sink {
   public:
-    explicit Sink(std::string& out)
-        : out_(out), start_(out.size()), exceptions_(std::uncaught_exceptions()) {
-        reset(start_);
+    explicit Sink(std::string& out) : out_(out), start_(out.size()) { reset(start_); }
+    ~Sink() {
+        if (!finished_) {
+            out_.resize(start_);
+        }
     }
-    ~Sink() { out_.resize(std::uncaught_exceptions() > exceptions_ ? start_ : size()); }
     Sink(const Sink&) = delete;
     Sink& operator=(const Sink&) = delete;
 
@@ -52,6 +52,11 @@ class Sink {
         *room(1) = c;
         ++cursor_;
     }
+    /// The write is complete: the string ends where the cursor stands.
+    void finish() {
+        out_.resize(size());
+        finished_ = true;
+    }
     /// Characters in the string so far.
     std::size_t size() const { return static_cast<std::size_t>(cursor_ - base_); }
     char* at(std::size_t offset) { return base_ + offset; }
@@ -73,7 +78,7 @@ class Sink {
 
     std::string& out_;
     const std::size_t start_;
-    const int exceptions_;
+    bool finished_ = false;
     char* base_ = nullptr;
     char* cursor_ = nullptr;
     char* limit_ = nullptr;
@@ -130,6 +135,7 @@ void appendJsonString(Sink& out, std::string_view text);
 inline void appendJsonString(std::string& out, std::string_view text) {
     Sink sink(out);
     appendJsonString(sink, text);
+    sink.finish();
 }
 
 /// `,"type":"TYPE","value":` of a field of the type.
