@@ -102,22 +102,52 @@ void writeDateTime(char (&text)[19], std::uint32_t seconds) {
     writeFixed(text + 17, secondOfDay % 60u, 2);
 }
 
-/// Appends "YYYY-MM-DDTHH:MM:SS" of seconds since 1970. Records come in
-/// time order, many in the same second: each thread keeps the text of the
-/// last second it wrote.
-void appendDateTime(Sink& out, std::uint32_t seconds) {
-    struct Last {
-        bool valid = false;
-        std::uint32_t seconds = 0;
-        char text[19] = {};
-    };
-    static thread_local Last last;
-    if (!last.valid || last.seconds != seconds) {
-        writeDateTime(last.text, seconds);
-        last.seconds = seconds;
-        last.valid = true;
+/// The texts of the last second a thread wrote: records come in time
+/// order, many in the same second.
+struct LastSecond {
+    bool dateValid = false;
+    std::uint32_t dateSeconds = 0;
+    char date[19] = {};
+    bool epochValid = false;
+    std::uint32_t epochSeconds = 0;
+    unsigned epochDigits = 0;
+    char epoch[16] = {};
+};
+
+LastSecond& lastSecond() {
+    static thread_local LastSecond last;
+    return last;
+}
+
+/// Appends "YYYY-MM-DDTHH:MM:SS" of seconds since 1970.
+void appendDateTime(Sink& out, std::uint32_t seconds, LastSecond& last) {
+    if (!last.dateValid || last.dateSeconds != seconds) {
+        writeDateTime(last.date, seconds);
+        last.dateSeconds = seconds;
+        last.dateValid = true;
     }
-    out.append(last.text, sizeof last.text);
+    out.append(last.date, sizeof last.date);
+}
+
+/// Appends the sender's time in microseconds since 1970:
+/// pcapHeader.tsSec * 1000000 + pcapHeader.tsUsec.
+void appendEpochMicroseconds(Sink& out, const PcapRecHeader& pcap, LastSecond& last) {
+    if (pcap.tsSec == 0 || pcap.tsUsec >= 1000000u) {
+        appendUnsigned(out, std::uint64_t{pcap.tsSec} * 1000000u + pcap.tsUsec);
+        return;
+    }
+    // The digits of the seconds, then the microseconds in six.
+    if (!last.epochValid || last.epochSeconds != pcap.tsSec) {
+        last.epochDigits = detail::decimalDigits(pcap.tsSec);
+        detail::writeDigitsBackwards(last.epoch + last.epochDigits, pcap.tsSec);
+        last.epochSeconds = pcap.tsSec;
+        last.epochValid = true;
+    }
+    const unsigned digits = last.epochDigits;
+    char* const at = out.room(sizeof last.epoch + 6);
+    std::memcpy(at, last.epoch, sizeof last.epoch);
+    writeFixed(at + digits, pcap.tsUsec, 6);
+    out.advance(digits + 6);
 }
 
 // ---- JSON strings ----------------------------------------------------------------------------
@@ -627,8 +657,8 @@ void appendCsvParams(Sink& out, View<ParamField> fields, bool texts, bool& first
     }
 }
 
-void writeIsoTime(Sink& out, const Record& record) {
-    appendDateTime(out, record.seconds);
+void writeIsoTime(Sink& out, const Record& record, LastSecond& last) {
+    appendDateTime(out, record.seconds, last);
     // Milliseconds as the line shows them: the microseconds read as a signed
     // 32-bit value, divided by 1000 and truncated.
     const std::int32_t millis = static_cast<std::int32_t>(record.microseconds) / 1000;
@@ -671,10 +701,10 @@ void writeRecord(Sink& out, const Record& record) {
     appendLiteral(out, ",\"kind\":\"");
     out.append(kindName(record.kind));
     appendLiteral(out, "\",\"time\":\"");
-    writeIsoTime(out, record);
+    LastSecond& last = lastSecond();
+    writeIsoTime(out, record, last);
     appendLiteral(out, "\",\"epoch_us\":");
-    appendUnsigned(out,
-                   std::uint64_t{record.pcapHeader.tsSec} * 1000000u + record.pcapHeader.tsUsec);
+    appendEpochMicroseconds(out, record.pcapHeader, last);
     switch (record.kind) {
         case RecordKind::BinLog:
         case RecordKind::Legacy:
@@ -951,7 +981,7 @@ void writeCsv(Sink& out, const Record& record) {
     out.push_back(',');
     out.append(kindName(record.kind));
     out.push_back(',');
-    writeIsoTime(out, record);
+    writeIsoTime(out, record, lastSecond());
     out.push_back(',');
     appendCsvField(out, record.subsystem);
     out.push_back(',');
@@ -989,7 +1019,7 @@ const char* csvHeader() {
 
 void appendIsoTime(std::string& out, const Record& record) {
     Sink sink(out);
-    writeIsoTime(sink, record);
+    writeIsoTime(sink, record, lastSecond());
     sink.finish();
 }
 

@@ -84,12 +84,11 @@ class Sink {
     char* limit_ = nullptr;
 };
 
-/// Appends a constant piece of a plan (a key, a name, a type): sixteen
+/// Copies a constant piece of a plan (a key, a name, a type): sixteen
 /// bytes at a time, the last block overlapping the one before, without a
 /// call for the pieces most are (a few dozen characters).
-inline void appendPiece(Sink& out, std::string_view text) {
+inline void copyPiece(char* to, std::string_view text) {
     const std::size_t n = text.size();
-    char* const to = out.room(n);
     if (n < 16) {
         if (n != 0) {  // an empty view may have no data at all
             std::memcpy(to, text.data(), n);
@@ -101,7 +100,11 @@ inline void appendPiece(Sink& out, std::string_view text) {
         }
         std::memcpy(to + n - 16, text.data() + n - 16, 16);
     }
-    out.advance(n);
+}
+
+inline void appendPiece(Sink& out, std::string_view text) {
+    copyPiece(out.room(text.size()), text);
+    out.advance(text.size());
 }
 
 /// The largest magnitude a JSON number keeps exactly in a double (2^53 - 1).

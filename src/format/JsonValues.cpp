@@ -43,17 +43,19 @@ void repeatAsText(Sink& out, std::size_t start, std::size_t size) {
 
 /// The start of a field: its plan's constant head, without the comma for
 /// the first field of the table.
-void writeHead(Sink& out, const ParamPlan& param, bool& first) {
-    appendPiece(out, std::string_view(param.jsonHead).substr(first ? 1 : 0));
+std::string_view headOf(const ParamPlan& param, bool& first) {
+    const std::string_view head = std::string_view(param.jsonHead).substr(first ? 1 : 0);
     first = false;
+    return head;
 }
 
-/// The rest of an integer field after its head: its value, its text as the
-/// line shows it, and the enumeration that gave the text. `previous` is the
-/// text of the last element of the array whose enumeration knew its value.
+/// An integer field from `head` on (what comes before its value): its
+/// value, its text as the line shows it, and the enumeration that gave the
+/// text. `previous` is the text of the last element of the array whose
+/// enumeration knew its value.
 template <typename T>
-void writeInt(Sink& out, const ParamPlan& param, const ByteReader& payload, std::uint32_t offset,
-              const std::string*& previous, bool texts) {
+void writeInt(Sink& out, std::string_view head, const ParamPlan& param, const ByteReader& payload,
+              std::uint32_t offset, const std::string*& previous, bool texts) {
     const T value = readLittleEndian<T>(payload, offset);
     std::uint64_t magnitude;
     bool negative;
@@ -65,7 +67,9 @@ void writeInt(Sink& out, const ParamPlan& param, const ByteReader& payload, std:
     if (safe && param.display == DisplayKind::Decimal) {
         // The most frequent field: the decimal text is the value's digits,
         // and the whole rest of the field is written in one piece.
-        char* const at = out.room(2 * length + 11);
+        char* const field = out.room(head.size() + 2 * length + 11);
+        copyPiece(field, head);
+        char* const at = field + head.size();
         writeDigitsBackwards(at + length, magnitude);
         if (negative) {
             at[0] = '-';
@@ -81,9 +85,10 @@ void writeInt(Sink& out, const ParamPlan& param, const ByteReader& payload, std:
             *to++ = '"';
         }
         *to++ = '}';
-        out.advance(static_cast<std::size_t>(to - at));
+        out.advance(static_cast<std::size_t>(to - field));
         return;
     }
+    appendPiece(out, head);
     const std::size_t start = out.size();
     {
         const std::size_t quoted = length + (safe ? 0u : 2u);
@@ -141,17 +146,15 @@ void writeInts(Sink& out, const ParamPlan& param, const ByteReader& payload, boo
                bool& first) {
     const std::string* previous = nullptr;
     if (param.length == 0) {
-        writeHead(out, param, first);
-        writeInt<T>(out, param, payload, param.offset, previous, texts);
+        writeInt<T>(out, headOf(param, first), param, payload, param.offset, previous, texts);
         return;
     }
     const std::string_view typeKeys = jsonTypeAndValueKeys(param.type);
     std::uint32_t offset = param.offset;
     for (std::uint32_t i = 0; i < param.fieldCount; ++i) {
-        writeHead(out, param, first);
+        appendPiece(out, headOf(param, first));
         appendUnsigned(out, i);
-        appendPiece(out, typeKeys);
-        writeInt<T>(out, param, payload, offset, previous, texts);
+        writeInt<T>(out, typeKeys, param, payload, offset, previous, texts);
         offset += static_cast<std::uint32_t>(sizeof(T));
     }
 }
@@ -200,7 +203,7 @@ void RecordDecoder::appendJsonTable(Sink& out, const TablePlan& plan, bool texts
             default:
                 break;
         }
-        writeHead(out, param, first);
+        appendPiece(out, headOf(param, first));
         switch (param.type) {
             case ParamType::String: {
                 // The text up to its first NUL; bytes past the record are NULs.
