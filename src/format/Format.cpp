@@ -102,9 +102,10 @@ void writeDateTime(char (&text)[19], std::uint32_t seconds) {
     writeFixed(text + 17, secondOfDay % 60u, 2);
 }
 
-/// The texts of the last second a thread wrote: records come in time
-/// order, many in the same second.
-struct LastSecond {
+/// What a thread wrote last, to be written again as it is: the texts of
+/// the last second (records come in time order, many in the same second),
+/// and the last capture's name.
+struct ThreadTexts {
     bool dateValid = false;
     std::uint32_t dateSeconds = 0;
     char date[19] = {};
@@ -112,15 +113,27 @@ struct LastSecond {
     std::uint32_t epochSeconds = 0;
     unsigned epochDigits = 0;
     char epoch[16] = {};
+    std::string captureName;
+    std::string captureJson;
 };
 
-LastSecond& lastSecond() {
-    static thread_local LastSecond last;
+ThreadTexts& threadTexts() {
+    static thread_local ThreadTexts last;
     return last;
 }
 
+/// Appends a capture's name as a JSON string.
+void appendCaptureName(Sink& out, std::string_view name, ThreadTexts& last) {
+    if (last.captureJson.empty() || last.captureName != name) {
+        last.captureName.assign(name.data(), name.size());
+        last.captureJson.clear();
+        detail::appendJsonString(last.captureJson, name);
+    }
+    detail::appendPiece(out, last.captureJson);
+}
+
 /// Appends "YYYY-MM-DDTHH:MM:SS" of seconds since 1970.
-void appendDateTime(Sink& out, std::uint32_t seconds, LastSecond& last) {
+void appendDateTime(Sink& out, std::uint32_t seconds, ThreadTexts& last) {
     if (!last.dateValid || last.dateSeconds != seconds) {
         writeDateTime(last.date, seconds);
         last.dateSeconds = seconds;
@@ -131,7 +144,7 @@ void appendDateTime(Sink& out, std::uint32_t seconds, LastSecond& last) {
 
 /// Appends the sender's time in microseconds since 1970:
 /// pcapHeader.tsSec * 1000000 + pcapHeader.tsUsec.
-void appendEpochMicroseconds(Sink& out, const PcapRecHeader& pcap, LastSecond& last) {
+void appendEpochMicroseconds(Sink& out, const PcapRecHeader& pcap, ThreadTexts& last) {
     if (pcap.tsSec == 0 || pcap.tsUsec >= 1000000u) {
         appendUnsigned(out, std::uint64_t{pcap.tsSec} * 1000000u + pcap.tsUsec);
         return;
@@ -657,7 +670,7 @@ void appendCsvParams(Sink& out, View<ParamField> fields, bool texts, bool& first
     }
 }
 
-void writeIsoTime(Sink& out, const Record& record, LastSecond& last) {
+void writeIsoTime(Sink& out, const Record& record, ThreadTexts& last) {
     appendDateTime(out, record.seconds, last);
     // Milliseconds as the line shows them: the microseconds read as a signed
     // 32-bit value, divided by 1000 and truncated.
@@ -694,14 +707,14 @@ void writeRecord(Sink& out, const Record& record) {
     // names come ready from its plan, the values straight from its bytes.
     const detail::LogPlan* const direct =
         record.source != nullptr ? record.source->directValues(record) : nullptr;
+    ThreadTexts& last = threadTexts();
     appendLiteral(out, "{\"capture\":");
-    appendJsonString(out, record.capture);
+    appendCaptureName(out, record.capture, last);
     appendLiteral(out, ",\"record\":");
     appendUnsigned(out, record.number);
     appendLiteral(out, ",\"kind\":\"");
     out.append(kindName(record.kind));
     appendLiteral(out, "\",\"time\":\"");
-    LastSecond& last = lastSecond();
     writeIsoTime(out, record, last);
     appendLiteral(out, "\",\"epoch_us\":");
     appendEpochMicroseconds(out, record.pcapHeader, last);
@@ -710,24 +723,22 @@ void writeRecord(Sink& out, const Record& record) {
         case RecordKind::Legacy:
             if (direct != nullptr) {
                 detail::appendPiece(out, direct->jsonNames);
-            } else {
-                appendLiteral(out, ",\"subsystem\":");
-                appendJsonString(out, record.subsystem);
-                appendLiteral(out, ",\"module\":");
-                appendJsonString(out, record.module);
-                appendLiteral(out, ",\"log\":");
-                appendJsonString(out, record.log);
-                appendLiteral(out, ",\"level\":");
+                detail::appendPiece(out, record.source->levelJson());
+                detail::appendPiece(out, direct->jsonCategory);
+                break;
             }
+            appendLiteral(out, ",\"subsystem\":");
+            appendJsonString(out, record.subsystem);
+            appendLiteral(out, ",\"module\":");
+            appendJsonString(out, record.module);
+            appendLiteral(out, ",\"log\":");
+            appendJsonString(out, record.log);
+            appendLiteral(out, ",\"level\":");
             appendJsonString(out, record.levelName);
             appendLiteral(out, ",\"level_no\":");
             appendUnsigned(out, record.level);
-            if (direct != nullptr) {
-                detail::appendPiece(out, direct->jsonCategory);
-            } else {
-                appendLiteral(out, ",\"category\":");
-                appendJsonString(out, record.category);
-            }
+            appendLiteral(out, ",\"category\":");
+            appendJsonString(out, record.category);
             break;
         case RecordKind::Syslog:
             appendLiteral(out, ",\"level\":");
@@ -981,7 +992,7 @@ void writeCsv(Sink& out, const Record& record) {
     out.push_back(',');
     out.append(kindName(record.kind));
     out.push_back(',');
-    writeIsoTime(out, record, lastSecond());
+    writeIsoTime(out, record, threadTexts());
     out.push_back(',');
     appendCsvField(out, record.subsystem);
     out.push_back(',');
@@ -1019,7 +1030,7 @@ const char* csvHeader() {
 
 void appendIsoTime(std::string& out, const Record& record) {
     Sink sink(out);
-    writeIsoTime(sink, record, lastSecond());
+    writeIsoTime(sink, record, threadTexts());
     sink.finish();
 }
 

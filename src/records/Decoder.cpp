@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "format/Json.h"
+
 namespace Tav {
 namespace detail {
 
@@ -16,6 +18,10 @@ const LevelTable::Level& LevelTable::fill(std::uint16_t level) {
     entry.name = &(*names_)[level];
     entry.padded.clear();
     appendPadded(entry.padded, printed(*entry.name), 8);
+    entry.json.clear();
+    appendJsonString(entry.json, *entry.name);
+    entry.json += ",\"level_no\":";
+    entry.json += std::to_string(level);
     return entry;
 }
 

@@ -104,6 +104,8 @@ class LevelTable {
         const std::string* name = nullptr;
         /// The name as "%8s" prints it.
         std::string padded;
+        /// The name as a JSON string and `,"level_no":` with the number.
+        std::string json;
     };
     explicit LevelTable(std::map<std::uint16_t, std::string>& names) : names_(&names) {}
     std::size_t size() const { return names_->size(); }
@@ -196,6 +198,9 @@ class RecordDecoder : private SequenceReport {
     /// a binary log record whose values can be written straight from its
     /// payload; else null.
     const LogPlan* directValues(const Record& record) const;
+    /// The level of that record as JSON: its name and `,"level_no":` with
+    /// its number.
+    std::string_view levelJson() const { return levels_->get(header_.logLevel).json; }
     /// Writes `,"header":[...],"params":[...]` of that record as the JSON
     /// of its fields (with their texts when `texts`), from its payload.
     void appendJsonValues(Sink& out, bool texts) const;
