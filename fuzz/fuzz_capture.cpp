@@ -12,6 +12,9 @@
 //   - a strict CaptureStream over the same bytes in memory: its record texts
 //     and Output event texts must be exactly what readBinaryFiledata printed
 //     to its stream, its Error event texts exactly what it printed to stderr;
+//   - the JSON of every record of a capture stream, as its decoder writes it
+//     from the payload, must equal the JSON written from the fields of a
+//     copy of the record;
 //   - a CaptureStream that reads every format (not strict). Where the harness
 //     knows what the capture holds, it must give what a strict stream gives
 //     for the same records written as a little-endian microsecond pcap
@@ -67,6 +70,7 @@
 
 #include "FuzzSupport.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
+#include "WexOamBinLogXmlReader/Format.h"
 
 namespace {
 
@@ -585,6 +589,16 @@ Printed readWithStream(const Tav::BinaryLogXmlReader& reader, const std::string&
     while (stream.next()) {
         if (const Tav::Record* record = stream.record()) {
             printed.out.append(record->text.data(), record->text.size());
+            // The record's JSON as its decoder writes it from the payload,
+            // and as written from the fields of a copy: the same.
+            std::string own;
+            Tav::appendJson(own, *record);
+            const Tav::Record copied = *record;
+            std::string fromFields;
+            Tav::appendJson(fromFields, copied);
+            if (own != fromFields) {
+                wexbl_fuzz::mismatch("JSON from the payload and from the fields", fromFields, own);
+            }
             continue;
         }
         const Tav::Event* event = stream.event();
