@@ -17,8 +17,8 @@ namespace Tav {
 
 namespace {
 
-constexpr std::size_t kBatchRecords = 1024;
-constexpr std::size_t kBatchBytes = 512 * 1024;
+constexpr std::size_t kBatchRecords = 2048;
+constexpr std::size_t kBatchBytes = 1024 * 1024;
 
 /// A run of items in capture order: the records to decode and render, and
 /// the events between them.
