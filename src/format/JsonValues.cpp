@@ -54,17 +54,19 @@ std::string_view headOf(const ParamPlan& param, bool& first) {
 /// text. `previous` is the text of the last element of the array whose
 /// enumeration knew its value.
 template <typename T>
-void writeInt(Sink& out, std::string_view head, const ParamPlan& param, const ByteReader& payload,
-              std::uint32_t offset, const std::string*& previous, bool texts) {
+void writeOtherInt(Sink& out, std::string_view head, const ParamPlan& param, T value,
+                   const std::string*& previous, bool texts);
+
+template <typename T>
+inline void writeInt(Sink& out, std::string_view head, const ParamPlan& param,
+                     const ByteReader& payload, std::uint32_t offset, const std::string*& previous,
+                     bool texts) {
     const T value = readLittleEndian<T>(payload, offset);
     std::uint64_t magnitude;
     bool negative;
     signAndMagnitude(value, negative, magnitude);
-    // The value: a number while a double holds it exactly, else a string.
-    const bool safe = magnitude <= kMaxSafeInteger;
-    const unsigned digits = decimalDigits(magnitude);
-    const std::size_t length = digits + (negative ? 1u : 0u);
-    if (safe && param.display == DisplayKind::Decimal) {
+    if (magnitude <= kMaxSafeInteger && param.display == DisplayKind::Decimal) {
+        const std::size_t length = decimalDigits(magnitude) + (negative ? 1u : 0u);
         // The most frequent field: the decimal text is the value's digits,
         // and the whole rest of the field is written in one piece.
         char* const field = out.room(head.size() + 2 * length + 11);
@@ -88,6 +90,21 @@ void writeInt(Sink& out, std::string_view head, const ParamPlan& param, const By
         out.advance(static_cast<std::size_t>(to - field));
         return;
     }
+    writeOtherInt(out, head, param, value, previous, texts);
+}
+
+/// The other integer fields: enumerated, in hex, frame stamps, and values
+/// too wide for a JSON number.
+template <typename T>
+__attribute__((noinline)) void writeOtherInt(Sink& out, std::string_view head,
+                                             const ParamPlan& param, T value,
+                                             const std::string*& previous, bool texts) {
+    std::uint64_t magnitude;
+    bool negative;
+    signAndMagnitude(value, negative, magnitude);
+    // The value: a number while a double holds it exactly, else a string.
+    const bool safe = magnitude <= kMaxSafeInteger;
+    const std::size_t length = decimalDigits(magnitude) + (negative ? 1u : 0u);
     appendPiece(out, head);
     const std::size_t start = out.size();
     {
