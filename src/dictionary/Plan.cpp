@@ -328,6 +328,11 @@ void PlanSet::build(const std::map<std::uint16_t, ModuleDetails>& modules,
             plan->log = &log;
             plan->module = modulePlan.get();
             plan->logIndex = index;
+            plan->binlogVersion = module->second.binlogVersion;
+            plan->subsystemName = module->second.subsystemName;
+            plan->moduleName = module->second.moduleName;
+            plan->logName = log.logName;
+            plan->categoryName = log.category;
             plan->mayHaveNul =
                 moduleNul || hasNul(log.logString) || hasNul(log.logName) || hasNul(log.category);
             planTable(log, log.paramOrder, false, *enums_, plan->params, plan->mayHaveNul);

@@ -170,6 +170,14 @@ struct LogPlan {
     const LogDetails* log = nullptr;
     const ModulePlan* module = nullptr;
     std::uint16_t logIndex = 0;
+    /// What every record of the log needs first, kept here rather than
+    /// behind the module's and the log's details: the version its header
+    /// must carry, and the names a record carries.
+    std::uint16_t binlogVersion = 0;
+    std::string_view subsystemName;
+    std::string_view moduleName;
+    std::string_view logName;
+    std::string_view categoryName;
     TablePlan params;
     /// The log name as "%25s" prints it, and the category as "%10s" does.
     std::string paddedName;

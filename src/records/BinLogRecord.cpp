@@ -817,10 +817,10 @@ void RecordDecoder::fillValues() {
 void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {
     const ModulePlan& module = *plan.module;
     record_.kind = RecordKind::BinLog;
-    record_.subsystem = module.module->subsystemName;
-    record_.module = module.module->moduleName;
-    record_.log = plan.log->logName;
-    record_.category = plan.log->category;
+    record_.subsystem = plan.subsystemName;
+    record_.module = plan.moduleName;
+    record_.log = plan.logName;
+    record_.category = plan.categoryName;
     valuesPlan_ = &plan;
     valuesPayload_ = payload;
     const LevelTable::Level& level = levels_->get(header_.logLevel);

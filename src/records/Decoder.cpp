@@ -226,7 +226,7 @@ int RecordDecoder::checkLog(const PlanSet& plans, const DecodeSettings& settings
         emit(event, std::string_view(text, static_cast<std::size_t>(length)));
         return -1;
     }
-    const std::uint16_t expected = plan->module->module->binlogVersion;
+    const std::uint16_t expected = plan->binlogVersion;
     if (header.logVersion != expected) {
         Event event;
         event.kind = EventKind::VersionMismatch;
