@@ -58,6 +58,14 @@ class WEXBL_API ParallelStream {
     /// appended for it (valid until the next call of next()).
     bool isRecord() const;
     std::string_view rendered() const;
+    /// Whether the current item ends a run: the items are handed out in
+    /// runs, and the renderings of a run stay in place until the call of
+    /// next() after the one that handed out its last item (the item for
+    /// which this is true). A program can so write a run's renderings
+    /// without copying them, once its last item is out; they lie one after
+    /// another in memory, but for what separates them (the bytes `render`
+    /// appended that the program left out).
+    bool runEnds() const;
     /// A record's headers as the capture stream read them, its number in
     /// the capture, and what they make of it: its kind and its shown time
     /// (Record::kind and Record::seconds; the microseconds are pcap.tsUsec).

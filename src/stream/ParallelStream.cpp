@@ -310,6 +310,10 @@ struct ParallelStream::Impl {
             current = &batch;
             at = 0;
             sub = 0;
+            remaining = 0;
+            for (const Batch::Item& item : batch.items) {
+                remaining += item.eventCount + (item.isRecord && item.produced ? 1 : 0);
+            }
             if (deliver()) {
                 return true;
             }
@@ -330,6 +334,7 @@ struct ParallelStream::Impl {
                 currentItem = &item;
                 currentEvent = current->event(item.firstEvent + sub);
                 ++sub;
+                --remaining;
                 return true;
             }
             if (sub == item.eventCount && item.isRecord && item.produced) {
@@ -337,6 +342,7 @@ struct ParallelStream::Impl {
                 recordNow = true;
                 ++records;
                 ++sub;
+                --remaining;
                 return true;
             }
             ++at;
@@ -366,6 +372,9 @@ struct ParallelStream::Impl {
     Batch* current = nullptr;
     std::size_t at = 0;   // the item of the current batch handed out next
     std::size_t sub = 0;  // of the item: its events handed out so far
+    // Items of the current batch still to hand out: the batch, whose memory
+    // holds the renderings, is left alone until the call after its last.
+    std::size_t remaining = 0;
     const Batch::Item* currentItem = nullptr;
     bool recordNow = false;  // the current item is a record (not its event)
     Event currentEvent;
@@ -392,6 +401,10 @@ std::string_view ParallelStream::rendered() const {
     const Batch& batch = *impl_->current;
     return std::string_view(batch.rendered.data() + impl_->currentItem->renderedOffset,
                             impl_->currentItem->renderedSize);
+}
+
+bool ParallelStream::runEnds() const {
+    return impl_->currentItem != nullptr && impl_->remaining == 0;
 }
 
 const ParallelStream::RecordHeaders* ParallelStream::headers() const {

@@ -335,9 +335,12 @@ struct SeenHeaders {
 /// The same captures through ParallelStream: `jobs` workers render each
 /// record's line; events come from the capture stream in the calling thread.
 /// The headers and number handed out with a record are those its worker saw.
+/// The renderings of a run are still in place when its last item is out
+/// (`runs` counts the runs).
 Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
-                       unsigned jobs, bool strict) {
+                       unsigned jobs, bool strict, std::size_t* runs = nullptr) {
     Printed printed;
+    std::vector<std::pair<std::string_view, std::string>> inRun;
     Tav::StreamSession session(reader);
     for (const std::string& path : paths) {
         Tav::CaptureStream stream(reader, path, streamOptionsOf(reader, strict, session));
@@ -356,6 +359,7 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
                     ADD_FAILURE() << "a rendering without the headers behind it";
                     return printed;
                 }
+                inRun.emplace_back(rendered, std::string(rendered));
                 rendered.remove_suffix(sizeof seen);
                 std::memcpy(&seen, rendered.data() + rendered.size(), sizeof seen);
                 printed.out.append(rendered.data(), rendered.size());
@@ -384,7 +388,18 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
                 (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
                     .append(event->text.data(), event->text.size());
             }
+            if (parallel.runEnds()) {
+                for (const auto& [view, copy] : inRun) {
+                    EXPECT_EQ(view, copy) << "a rendering moved before its run ended";
+                }
+                inRun.clear();
+                if (runs != nullptr) {
+                    ++*runs;
+                }
+            }
         }
+        EXPECT_TRUE(inRun.empty()) << "the capture ended inside a run";
+        inRun.clear();
     }
     return printed;
 }
@@ -1051,9 +1066,12 @@ TEST(CaptureStreamThreads, WorkersPrintWhatOneThreadPrints) {
     const Printed serial = readWithStreams(reader, paths, false);
     ASSERT_GT(std::count(serial.out.begin(), serial.out.end(), '\n'), 5000);
     for (const unsigned jobs : {1u, 2u, 3u, 4u}) {
-        const Printed parallel = readInParallel(reader, paths, jobs, false);
+        std::size_t runs = 0;
+        const Printed parallel = readInParallel(reader, paths, jobs, false, &runs);
         EXPECT_EQ(parallel.out, serial.out) << jobs << " workers";
         EXPECT_EQ(parallel.err, serial.err) << jobs << " workers";
+        // Several runs in each capture.
+        EXPECT_GT(runs, 2 * paths.size()) << jobs << " workers";
     }
 }
 

@@ -1,5 +1,7 @@
 #include "Output.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 namespace wexbl_decode {
@@ -19,10 +21,34 @@ Output::~Output() {
 }
 
 void Output::flush() {
-    if (size_ != 0 && file_ != nullptr) {
-        put(buffer_.data(), size_);
-        size_ = 0;
+    if (file_ == nullptr) {
+        return;
     }
+    // The pieces in one system call as far as it takes them; a short write
+    // goes on from where it stopped.
+    std::size_t first = 0;
+    while (good_ && first < pieces_.size()) {
+        const ssize_t written = ::writev(fileno(file_), pieces_.data() + first,
+                                         static_cast<int>(pieces_.size() - first));
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            good_ = false;
+            break;
+        }
+        std::size_t left = static_cast<std::size_t>(written);
+        while (first < pieces_.size() && left >= pieces_[first].iov_len) {
+            left -= pieces_[first].iov_len;
+            ++first;
+        }
+        if (left != 0) {
+            pieces_[first].iov_base = static_cast<char*>(pieces_[first].iov_base) + left;
+            pieces_[first].iov_len -= left;
+        }
+    }
+    pieces_.clear();
+    size_ = 0;
 }
 
 void Output::put(const char* data, std::size_t size) {

@@ -616,6 +616,7 @@ class Run {
     /// One item of a capture decoded by workers: a record's rendering, or an
     /// event as handle() takes it.
     bool handleParallel(Tav::CaptureStream& stream, Tav::ParallelStream& workers) {
+        bool more;
         if (workers.isRecord()) {
             std::string_view rendered = workers.rendered();
             if (summary_ != nullptr) {
@@ -627,12 +628,19 @@ class Run {
                 }
                 summary_->record(facts, tag);
             }
-            out_.write(rendered);
+            // Written from where the worker left it: it stays there until
+            // the run ends.
+            out_.writeInPlace(rendered);
             ++records_;
             progress_.update(stream.inputBytesRead(), records_);
-            return !limitReached();
+            more = !limitReached();
+        } else {
+            more = handleEvent(*workers.event(), writer_);
         }
-        return handleEvent(*workers.event(), writer_);
+        if (workers.runEnds()) {
+            out_.flush();
+        }
+        return more;
     }
 
     /// The closing words about a capture: frames that carried no record.
@@ -705,6 +713,12 @@ class Run {
                         wexbl_decode::Summary::appendTag(record, out);
                     }
                 });
+            // The renderings are written from the workers' batches: what
+            // waits goes out before the batches go, whatever ends the loop.
+            struct FlushFirst {
+                Output& out;
+                ~FlushFirst() { out.flush(); }
+            } flushFirst{out_};
             while (workers.next()) {
                 if (!handleParallel(stream, workers)) {
                     stream.requestStop();
