@@ -1035,17 +1035,12 @@ int run(int argc, char** argv, std::string& activity) {
     Progress progress(progressShown);
     Diagnostics diagnostics(output, progress, options.verbose, options.resync);
     Writer writer(output, options, colour);
-    // The default workers: for text one fewer than the CPUs, as the
-    // inflating thread keeps one busy and a line costs about as much as
-    // inflating its record; for JSON and CSV, whose rendering is the larger
-    // part, as many as the CPUs. One for a terminal: a person reading along
-    // wants the first lines at once, not a batch.
+    // The default workers: as many as the CPUs (beside the inflating and the
+    // reading threads, which the workers outpace). One for a terminal: a
+    // person reading along wants the first lines at once, not a batch.
     unsigned jobs = options.jobs;
     if (jobs == 0) {
-        long online = sysconf(_SC_NPROCESSORS_ONLN);
-        if (options.format == Format::Text) {
-            --online;
-        }
+        const long online = sysconf(_SC_NPROCESSORS_ONLN);
         jobs =
             isatty(fileno(out)) || online < 1 ? 1 : static_cast<unsigned>(std::min(online, 256L));
     }
