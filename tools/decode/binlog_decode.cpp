@@ -1035,12 +1035,19 @@ int run(int argc, char** argv, std::string& activity) {
     Progress progress(progressShown);
     Diagnostics diagnostics(output, progress, options.verbose, options.resync);
     Writer writer(output, options, colour);
-    // The default workers: as many as the CPUs (beside the inflating and the
-    // reading threads, which the workers outpace). One for a terminal: a
-    // person reading along wants the first lines at once, not a batch.
+    // The default workers: as many as the CPUs, beside the inflating and the
+    // reading threads; but for text inflated by zlib one fewer, as zlib keeps
+    // a core busy and a line costs about as much as inflating its record.
+    // One for a terminal: a person reading along wants the first lines at
+    // once, not a batch.
     unsigned jobs = options.jobs;
     if (jobs == 0) {
-        const long online = sysconf(_SC_NPROCESSORS_ONLN);
+        long online = sysconf(_SC_NPROCESSORS_ONLN);
+        const bool zlibInflates =
+            options.zlibOnly || std::strncmp(Tav::CaptureStream::inflaterName(), "zlib", 4) == 0;
+        if (options.format == Format::Text && zlibInflates) {
+            --online;
+        }
         jobs =
             isatty(fileno(out)) || online < 1 ? 1 : static_cast<unsigned>(std::min(online, 256L));
     }
