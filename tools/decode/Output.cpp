@@ -51,10 +51,4 @@ void Output::flush() {
     size_ = 0;
 }
 
-void Output::put(const char* data, std::size_t size) {
-    if (good_ && fwrite(data, 1, size, file_) != size) {
-        good_ = false;
-    }
-}
-
 }  // namespace wexbl_decode

@@ -34,7 +34,9 @@ class Output {
         if (text.size() > buffer_.capacity() - size_) {
             flush();
             if (text.size() > buffer_.capacity()) {
-                put(text.data(), text.size());
+                // Larger than the buffer: written from where it lies.
+                addPiece(text.data(), text.size());
+                flush();
                 return;
             }
         }
@@ -79,7 +81,6 @@ class Output {
         }
         pieces_.push_back(iovec{const_cast<char*>(data), size});
     }
-    void put(const char* data, std::size_t size);
 
     FILE* file_;
     std::string* text_ = nullptr;
