@@ -94,11 +94,10 @@ bool RecordDecoder::filterKeeps() {
 }
 
 void RecordDecoder::startLine(const PcapRecHeader& pcap) {
-    // The time text first: a conversion failure is reported before any of
-    // the line is written.
-    timeText_.clear();
-    if (!appendTimeText(timeText_, time_, record_.seconds,
-                        static_cast<std::int32_t>(pcap.tsUsec))) {
+    // A conversion failure is reported before any of the line is written;
+    // the line then has no time text.
+    const bool timeShown = prepareTimeText(time_, record_.seconds);
+    if (!timeShown) {
         Event event;
         event.kind = EventKind::TimestampFailed;
         emit(event, "timestamp decoding failed\n");
@@ -108,7 +107,9 @@ void RecordDecoder::startLine(const PcapRecHeader& pcap) {
     }
     lineStart_ = line_->size();
     line_->push_back('[');
-    line_->append(timeText_.view());
+    if (timeShown) {
+        appendPreparedTimeText(*line_, time_, static_cast<std::int32_t>(pcap.tsUsec));
+    }
 }
 
 int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,

@@ -293,7 +293,6 @@ class RecordDecoder : private SequenceReport {
     TextBuilder ownLine_;
     TextBuilder* line_ = &ownLine_;
     std::size_t lineStart_ = 0;
-    TextBuilder timeText_;
     TextBuilder arena_;
     TextBuilder message_;
     TimeTextCache time_;

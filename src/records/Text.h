@@ -145,24 +145,26 @@ void appendPadded(Out& out, std::string_view text, std::size_t width) {
     out.append(text.data(), text.size());
 }
 
+/// The two-digit texts "00" to "99", one after the other.
+inline constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
 /// Writes the decimal digits of `value` ending just before `end` and
 /// returns where they start (two digits per step).
 template <typename U>
 char* writeDigitsBackwards(char* end, U value) {
-    static const char kPairs[] =
-        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-        "8081828384858687888990919293949596979899";
     char* at = end;
     while (value >= 100) {
         const unsigned pair = static_cast<unsigned>(value % 100);
         value /= 100;
         at -= 2;
-        std::memcpy(at, kPairs + 2 * pair, 2);
+        std::memcpy(at, kDigitPairs + 2 * pair, 2);
     }
     if (value >= 10) {
         at -= 2;
-        std::memcpy(at, kPairs + 2 * static_cast<unsigned>(value), 2);
+        std::memcpy(at, kDigitPairs + 2 * static_cast<unsigned>(value), 2);
     } else {
         *--at = static_cast<char>('0' + static_cast<unsigned>(value));
     }
@@ -192,45 +194,64 @@ void appendDecimal(Out& out, T value) {
     out.append(start, static_cast<std::size_t>(end - start));
 }
 
-/// Number of decimal digits of `value`.
+/// Number of decimal digits of `value` (1 for zero): from its bit length
+/// (times log10(2) ~ 1233/4096), less one when below that power of ten.
 inline unsigned decimalDigits(std::uint64_t value) {
-    unsigned digits = 1;
-    for (;;) {
-        if (value < 10) {
-            return digits;
-        }
-        if (value < 100) {
-            return digits + 1;
-        }
-        if (value < 1000) {
-            return digits + 2;
-        }
-        if (value < 10000) {
-            return digits + 3;
-        }
-        value /= 10000;
-        digits += 4;
-    }
+    static constexpr std::uint64_t kPowers[20] = {1ull,
+                                                  10ull,
+                                                  100ull,
+                                                  1000ull,
+                                                  10000ull,
+                                                  100000ull,
+                                                  1000000ull,
+                                                  10000000ull,
+                                                  100000000ull,
+                                                  1000000000ull,
+                                                  10000000000ull,
+                                                  100000000000ull,
+                                                  1000000000000ull,
+                                                  10000000000000ull,
+                                                  100000000000000ull,
+                                                  1000000000000000ull,
+                                                  10000000000000000ull,
+                                                  100000000000000000ull,
+                                                  1000000000000000000ull,
+                                                  10000000000000000000ull};
+    // Zero counts as one (a digit); setting the lowest bit moves no value
+    // across a power of ten, as those are even.
+    const std::uint64_t odd = value | 1u;
+    const unsigned bits = 64u - static_cast<unsigned>(__builtin_clzll(odd));
+    const unsigned guess = bits * 1233u >> 12;
+    return guess + 1u - (odd < kPowers[guess] ? 1u : 0u);
 }
 
-/// appendDecimal into a TextBuilder: the digits are written in place.
+/// appendDecimal into a TextBuilder: the digits are written in place, with
+/// one room check for the longest text; values below 100 (most counters,
+/// indexes and small ids) take no loop at all.
 template <typename T>
-void appendDecimal(TextBuilder& out, T value) {
+inline __attribute__((always_inline)) void appendDecimal(TextBuilder& out, T value) {
     using Unsigned = std::conditional_t<(sizeof(T) > 4), std::uint64_t, std::uint32_t>;
     Unsigned magnitude = static_cast<Unsigned>(value);
-    bool negative = false;
+    std::size_t length = 0;
+    char* at = out.reserveTail(21);  // a sign and 20 digits
     if constexpr (std::is_signed<T>::value) {
         if (value < 0) {
-            negative = true;
             magnitude = static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value));
+            *at = '-';
+            length = 1;
         }
     }
-    const unsigned digits = decimalDigits(magnitude);
-    const std::size_t length = digits + (negative ? 1u : 0u);
-    char* at = out.reserveTail(length);
-    if (negative) {
-        *at = '-';
+    if (magnitude < 10) {
+        at[length] = static_cast<char>('0' + static_cast<unsigned>(magnitude));
+        out.commit(length + 1);
+        return;
     }
+    if (magnitude < 100) {
+        std::memcpy(at + length, kDigitPairs + 2 * static_cast<unsigned>(magnitude), 2);
+        out.commit(length + 2);
+        return;
+    }
+    length += decimalDigits(magnitude);
     writeDigitsBackwards(at + length, magnitude);
     out.commit(length);
 }
@@ -268,12 +289,50 @@ struct TimeTextCache {
     std::size_t prefixLength = 0;
 };
 
+/// Makes `cache` hold the date and clock text of `seconds` (since 1970,
+/// unsigned): the calendar conversion runs on a new second only. Returns
+/// false, leaving the cache as it was, when the conversion fails.
+bool convertSecond(TimeTextCache& cache, std::uint32_t seconds);
+
+inline bool prepareTimeText(TimeTextCache& cache, std::uint32_t seconds) {
+    return (cache.valid && cache.second == seconds) || convertSecond(cache, seconds);
+}
+
+/// Appends ".mmmZ" for `usec / 1000` (truncated toward zero, so an
+/// out-of-range value shows as it is, "%03d").
+void appendOddMillis(TextBuilder& out, std::int32_t millis);
+
+/// Appends the time text "YYYY-MM-DDTHH:MM:SS.mmmZ" held by a prepared
+/// cache, with the milliseconds of `usec`.
+inline void appendPreparedTimeText(TextBuilder& out, const TimeTextCache& cache,
+                                   std::int32_t usec) {
+    out.append(cache.prefix, cache.prefixLength);
+    // The "Z" stays even when an offset was added: the offset shifts the
+    // shown clock only.
+    const std::int32_t millis = usec / 1000;
+    if (millis >= 0 && millis < 1000) {
+        char* at = out.reserveTail(5);
+        at[0] = '.';
+        at[1] = static_cast<char>('0' + millis / 100);
+        std::memcpy(at + 2, kDigitPairs + 2 * (millis % 100), 2);
+        at[4] = 'Z';
+        out.commit(5);
+    } else {
+        appendOddMillis(out, millis);
+    }
+}
+
 /// Appends the time text "YYYY-MM-DDTHH:MM:SS.mmmZ" of `seconds` (since
-/// 1970, unsigned) with the milliseconds `usec / 1000` (truncated toward
-/// zero, so an out-of-range value shows as it is). Returns false, appending
-/// nothing, when the calendar conversion fails.
-bool appendTimeText(TextBuilder& out, TimeTextCache& cache, std::uint32_t seconds,
-                    std::int32_t usec);
+/// 1970, unsigned) with the milliseconds `usec / 1000`. Returns false,
+/// appending nothing, when the calendar conversion fails.
+inline bool appendTimeText(TextBuilder& out, TimeTextCache& cache, std::uint32_t seconds,
+                           std::int32_t usec) {
+    if (!prepareTimeText(cache, seconds)) {
+        return false;
+    }
+    appendPreparedTimeText(out, cache, usec);
+    return true;
+}
 
 }  // namespace detail
 }  // namespace Tav

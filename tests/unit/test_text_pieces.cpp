@@ -1,0 +1,87 @@
+// The small pieces record lines are built from: digit counts and decimal
+// texts written in place, checked against the standard library's texts at
+// every power-of-ten boundary of every integer width.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "records/Text.h"
+
+namespace {
+
+using Tav::detail::TextBuilder;
+
+/// 0, 1, and 10^k - 1, 10^k, 10^k + 1 for every power that fits 64 bits,
+/// and the largest value.
+std::vector<std::uint64_t> boundaries() {
+    std::vector<std::uint64_t> values = {0, 1, 2, std::numeric_limits<std::uint64_t>::max()};
+    std::uint64_t power = 1;
+    for (int k = 1; k <= 19; ++k) {
+        power *= 10;
+        values.push_back(power - 1);
+        values.push_back(power);
+        values.push_back(power + 1);
+    }
+    for (int bit = 0; bit < 64; ++bit) {
+        const std::uint64_t value = std::uint64_t{1} << bit;
+        values.push_back(value - 1);
+        values.push_back(value);
+    }
+    return values;
+}
+
+template <typename T>
+void expectDecimal(T value) {
+    TextBuilder text;
+    text.append("x=", 2);
+    Tav::detail::appendDecimal(text, value);
+    text.push_back(';');
+    EXPECT_EQ(std::string(text.view()), "x=" + std::to_string(value) + ";")
+        << "value " << +value;
+}
+
+TEST(TextPieces, DecimalDigitsAtEveryBoundary) {
+    for (const std::uint64_t value : boundaries()) {
+        EXPECT_EQ(Tav::detail::decimalDigits(value), std::to_string(value).size())
+            << "value " << value;
+    }
+}
+
+TEST(TextPieces, DecimalTextOfEveryWidthAtEveryBoundary) {
+    for (const std::uint64_t value : boundaries()) {
+        expectDecimal(static_cast<std::uint8_t>(value));
+        expectDecimal(static_cast<std::uint16_t>(value));
+        expectDecimal(static_cast<std::uint32_t>(value));
+        expectDecimal(value);
+        expectDecimal(static_cast<std::int8_t>(value));
+        expectDecimal(static_cast<std::int16_t>(value));
+        expectDecimal(static_cast<std::int32_t>(value));
+        expectDecimal(static_cast<std::int64_t>(value));
+        // The negative side: the most negative value of each width too.
+        expectDecimal(static_cast<std::int64_t>(0 - value));
+        expectDecimal(static_cast<std::int32_t>(0 - static_cast<std::uint32_t>(value)));
+    }
+    expectDecimal(std::numeric_limits<std::int64_t>::min());
+    expectDecimal(std::numeric_limits<std::int32_t>::min());
+    expectDecimal(std::numeric_limits<std::int16_t>::min());
+    expectDecimal(std::numeric_limits<std::int8_t>::min());
+}
+
+TEST(TextPieces, DecimalTextsFollowEachOtherAcrossGrowth) {
+    // Many texts in one builder: every room check that grows the buffer
+    // keeps what was written before.
+    TextBuilder text;
+    std::string expected;
+    for (std::uint32_t i = 0; i < 5000; ++i) {
+        const std::uint32_t value = i * 2654435761u;
+        Tav::detail::appendDecimal(text, value);
+        text.push_back(' ');
+        expected += std::to_string(value) + " ";
+    }
+    EXPECT_EQ(std::string(text.view()), expected);
+}
+
+}  // namespace
