@@ -17,10 +17,9 @@ bool convertSecond(TimeTextCache& cache, std::uint32_t seconds) {
     if (gmtime_r(&when, &parts) == nullptr) {
         return false;
     }
-    const int length = snprintf(cache.prefix, sizeof cache.prefix,
-                                "%04d-%02d-%02dT%02d:%02d:%02d", parts.tm_year + 1900,
-                                parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
-                                parts.tm_sec);
+    const int length = snprintf(cache.prefix, sizeof cache.prefix, "%04d-%02d-%02dT%02d:%02d:%02d",
+                                parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday,
+                                parts.tm_hour, parts.tm_min, parts.tm_sec);
     cache.prefixLength = length > 0 ? static_cast<std::size_t>(length) : 0;
     cache.second = seconds;
     cache.valid = true;

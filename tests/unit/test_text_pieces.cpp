@@ -39,8 +39,7 @@ void expectDecimal(T value) {
     text.append("x=", 2);
     Tav::detail::appendDecimal(text, value);
     text.push_back(';');
-    EXPECT_EQ(std::string(text.view()), "x=" + std::to_string(value) + ";")
-        << "value " << +value;
+    EXPECT_EQ(std::string(text.view()), "x=" + std::to_string(value) + ";") << "value " << +value;
 }
 
 TEST(TextPieces, DecimalDigitsAtEveryBoundary) {
