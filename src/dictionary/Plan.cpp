@@ -314,6 +314,107 @@ void planMessage(LogPlan& plan) {
     plan.tail = whole.substr(position);
 }
 
+/// Cuts a direct log's line after its sequence number into steps: the
+/// constant text before each value, merged, then the value. A log whose text
+/// may hold a NUL or whose message needs the general substitution keeps no
+/// steps.
+void planLineSteps(LogPlan& plan) {
+    if (!plan.direct || plan.mayHaveNul || plan.shape == MessageShape::General) {
+        return;
+    }
+    std::string texts;
+    std::string pending = "] [";
+    std::size_t bound = 0;
+    auto addValue = [&](const TablePlan& table, std::size_t index) {
+        const ParamPlan& param = table.params[index];
+        LineStep step;
+        step.textStart = static_cast<std::uint32_t>(texts.size());
+        step.textLength = static_cast<std::uint32_t>(pending.size());
+        texts += pending;
+        pending.clear();
+        step.type = param.type;
+        step.offset = param.offset;
+        step.table = &table;
+        step.index = static_cast<std::uint32_t>(index);
+        step.value = StepValue::Other;
+        std::size_t width = 0;
+        if (param.type < ParamType::String && param.length == 0) {
+            switch (param.display) {
+                case DisplayKind::Decimal:
+                    step.value = StepValue::Decimal;
+                    width = 21;
+                    break;
+                case DisplayKind::Hex:
+                    step.value = StepValue::Hex;
+                    width = 18;
+                    break;
+                case DisplayKind::FrameStamp:
+                    step.value = StepValue::FrameStamp;
+                    width = 7;
+                    break;
+                case DisplayKind::Enum:
+                    step.value = StepValue::Enum;
+                    step.enumTable = param.enumTable;
+                    for (const EnumTable::Entry& entry : param.enumTable->entries) {
+                        width = std::max(width, entry.text->size());
+                    }
+                    break;
+                default:
+                    break;  // not direct
+            }
+        }
+        bound += step.textLength + width;
+        plan.lineSteps.push_back(step);
+    };
+
+    const ModulePlan& module = *plan.module;
+    if (module.hasHeader) {
+        const TablePlan& header = module.header;
+        bool any = false;
+        for (std::size_t i = 0; i < header.listed.size(); ++i) {
+            if (header.listed[i] >= 0) {
+                pending += header.listedLead[i];
+                addValue(header, static_cast<std::size_t>(header.listed[i]));
+                pending = " ";
+                any = true;
+            }
+        }
+        if (any) {
+            pending += "] [";
+        }
+    }
+    plan.messageStep = static_cast<std::uint32_t>(plan.lineSteps.size());
+    plan.messageOffset = static_cast<std::uint32_t>(pending.size());
+    const TablePlan& params = plan.params;
+    if (plan.shape == MessageShape::List) {
+        pending += plan.log->logString;
+        pending += ' ';
+        for (std::size_t i = 0; i < params.listed.size(); ++i) {
+            if (params.listed[i] >= 0) {
+                pending += params.listedLead[i];
+                addValue(params, static_cast<std::size_t>(params.listed[i]));
+                pending = " ";
+            }
+        }
+    } else {
+        for (const MessagePiece& piece : plan.pieces) {
+            pending += piece.lead;
+            addValue(params, static_cast<std::size_t>(piece.slot));
+        }
+        pending += plan.tail;
+    }
+    pending += "] \n";
+    LineStep last;
+    last.textStart = static_cast<std::uint32_t>(texts.size());
+    last.textLength = static_cast<std::uint32_t>(pending.size());
+    texts += pending;
+    bound += pending.size();
+    plan.lineSteps.push_back(last);
+    plan.lineText = std::move(texts);
+    plan.lineText.append(16, '\0');
+    plan.lineBound = bound;
+}
+
 std::string padded(std::string_view text, std::size_t width) {
     std::string out;
     appendPadded(out, printed(text), width);
@@ -388,6 +489,7 @@ void PlanSet::build(const std::map<std::uint16_t, ModuleDetails>& modules,
             plan->jsonCategory = ",\"category\":";
             appendJsonString(plan->jsonCategory, log.category);
             planMessage(*plan);
+            planLineSteps(*plan);
             if (byIndex.size() <= index) {
                 byIndex.resize(static_cast<std::size_t>(index) + 1, nullptr);
             }

@@ -721,9 +721,148 @@ bool RecordDecoder::directBrace(const TablePlan& plan, std::size_t index,
     return hasBrace(text.data(), text.size());
 }
 
+namespace {
+
+/// Copies `n` characters of a plan's step texts, which are followed by 16
+/// spare bytes, to `to`, which has 16 spare bytes of room: 16 at a time.
+inline char* copyStepText(char* to, const char* from, std::size_t n) {
+    std::memcpy(to, from, 16);
+    for (std::size_t i = 16; i < n; i += 16) {
+        std::memcpy(to + i, from + i, 16);
+    }
+    return to + n;
+}
+
+/// Copies a text of any length without reading or writing past either end.
+inline char* copyText(char* to, const std::string& text) {
+    const std::size_t n = text.size();
+    if (n >= 16) {
+        std::size_t i = 0;
+        for (; i + 16 < n; i += 16) {
+            std::memcpy(to + i, text.data() + i, 16);
+        }
+        std::memcpy(to + n - 16, text.data() + n - 16, 16);
+    } else if (n != 0) {
+        std::memcpy(to, text.data(), n);
+    }
+    return to + n;
+}
+
+template <typename T>
+char* writeScalar(char* at, const LineStep& step, const ByteReader& payload) {
+    const T value = readLittleEndian<T>(payload, step.offset);
+    switch (step.value) {
+        case StepValue::Decimal:
+            return writeDecimal(at, value);
+        case StepValue::Hex:
+            return writeHex(at, value);
+        case StepValue::FrameStamp: {
+            const auto stamp = static_cast<std::uint32_t>(value);
+            const std::uint32_t frame = (stamp / 10) & 0x3FFu;
+            at[0] = static_cast<char>('0' + frame / 1000);
+            at[1] = static_cast<char>('0' + frame / 100 % 10);
+            at[2] = static_cast<char>('0' + frame / 10 % 10);
+            at[3] = static_cast<char>('0' + frame % 10);
+            at[4] = '-';
+            at[5] = '0';
+            at[6] = static_cast<char>('0' + stamp % 10);
+            return at + 7;
+        }
+        default: {
+            bool negative;
+            std::uint64_t magnitude;
+            signAndMagnitude(value, negative, magnitude);
+            // A value the enumeration lacks shows nothing.
+            const std::string* text = step.enumTable->find(negative, magnitude);
+            return text != nullptr ? copyText(at, *text) : at;
+        }
+    }
+}
+
+char* writeStepValue(char* at, const LineStep& step, const ByteReader& payload) {
+    switch (step.type) {
+        case ParamType::Uint64:
+            return writeScalar<std::uint64_t>(at, step, payload);
+        case ParamType::Int64:
+            return writeScalar<std::int64_t>(at, step, payload);
+        case ParamType::Uint32:
+            return writeScalar<std::uint32_t>(at, step, payload);
+        case ParamType::Int32:
+            return writeScalar<std::int32_t>(at, step, payload);
+        case ParamType::Uint16:
+            return writeScalar<std::uint16_t>(at, step, payload);
+        case ParamType::Int16:
+            return writeScalar<std::int16_t>(at, step, payload);
+        case ParamType::Uint8:
+            return writeScalar<std::uint8_t>(at, step, payload);
+        case ParamType::Int8:
+            return writeScalar<std::int8_t>(at, step, payload);
+        default:
+            return at;  // not a scalar step
+    }
+}
+
+}  // namespace
+
+void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) {
+    // One room check for the whole line but the Other values, which are
+    // appended through the line's own checks; the room is taken again
+    // after each of them.
+    TextBuilder& line = *line_;
+    const std::string& level = levels_->get(header_.logLevel).padded;
+    char* start = line.reserveTail(plan.lineHead.size() + level.size() + plan.lineCategory.size() +
+                                   10 + plan.lineBound + 16);
+    char* at = copyText(start, plan.lineHead);
+    at = copyText(at, level);
+    at = copyText(at, plan.lineCategory);
+    at = writeDecimal(at, header_.seqNo);
+    const char* const texts = plan.lineText.data();
+    const LineStep* const steps = plan.lineSteps.data();
+    const std::size_t count = plan.lineSteps.size();
+    std::size_t messageStart = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const LineStep& step = steps[i];
+        if (i == plan.messageStep) {
+            messageStart = line.size() + static_cast<std::size_t>(at - start) + plan.messageOffset;
+        }
+        at = copyStepText(at, texts + step.textStart, step.textLength);
+        switch (step.value) {
+            case StepValue::None:
+                break;
+            case StepValue::Other:
+                line.commit(static_cast<std::size_t>(at - start));
+                appendDirect(line, *step.table, step.index, payload);
+                start = line.reserveTail(plan.lineBound + 16);
+                at = start;
+                break;
+            default:
+                at = writeStepValue(at, step, payload);
+                break;
+        }
+    }
+    line.commit(static_cast<std::size_t>(at - start));
+    record_.text = line.view(lineStart_, line.size() - lineStart_);
+    // The line ends with "] \n".
+    record_.message = line.view(messageStart, line.size() - 3 - messageStart);
+}
+
 void RecordDecoder::renderDirect(const LogPlan& plan, const ByteReader& payload) {
     const ModulePlan& module = *plan.module;
     const TablePlan& params = plan.params;
+    MessageShape shape = plan.shape;
+    if (shape == MessageShape::Template) {
+        // A value whose text holds a brace takes part in the substitution.
+        for (const MessagePiece& piece : plan.pieces) {
+            if (directBrace(params, static_cast<std::size_t>(piece.slot), payload)) {
+                shape = MessageShape::General;
+                break;
+            }
+        }
+    }
+    if (shape != MessageShape::General && !plan.lineSteps.empty()) {
+        renderSteps(plan, payload);
+        return;
+    }
     line_->append(plan.lineHead);
     line_->append(levels_->get(header_.logLevel).padded);
     line_->append(plan.lineCategory);
@@ -748,15 +887,6 @@ void RecordDecoder::renderDirect(const LogPlan& plan, const ByteReader& payload)
         }
     }
     const std::size_t messageStart = line_->size();
-    MessageShape shape = plan.shape;
-    if (shape == MessageShape::Template) {
-        for (const MessagePiece& piece : plan.pieces) {
-            if (directBrace(params, static_cast<std::size_t>(piece.slot), payload)) {
-                shape = MessageShape::General;
-                break;
-            }
-        }
-    }
     switch (shape) {
         case MessageShape::List:
             line_->append(plan.log->logString);

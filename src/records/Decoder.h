@@ -238,6 +238,7 @@ class RecordDecoder : private SequenceReport {
     void appendMessage(const LogPlan& plan);
     /// The line of a log whose values render straight from the payload.
     void renderDirect(const LogPlan& plan, const ByteReader& payload);
+    void renderSteps(const LogPlan& plan, const ByteReader& payload);
     /// Reads the counts of the table's var binary strings (reporting those
     /// above their declared size).
     void scanVarBinaries(const TablePlan& plan, const ByteReader& payload);

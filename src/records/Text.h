@@ -225,35 +225,39 @@ inline unsigned decimalDigits(std::uint64_t value) {
     return guess + 1u - (odd < kPowers[guess] ? 1u : 0u);
 }
 
-/// appendDecimal into a TextBuilder: the digits are written in place, with
-/// one room check for the longest text; values below 100 (most counters,
-/// indexes and small ids) take no loop at all.
+/// Writes `value` in decimal ("%u", "%d", "%llu" ...; 8-bit values as
+/// numbers) at `at`, which has room for 21 characters (a sign and 20
+/// digits), and returns where the text ends. Values below 100 (most
+/// counters, indexes and small ids) take no loop at all.
 template <typename T>
-inline __attribute__((always_inline)) void appendDecimal(TextBuilder& out, T value) {
+inline __attribute__((always_inline)) char* writeDecimal(char* at, T value) {
     using Unsigned = std::conditional_t<(sizeof(T) > 4), std::uint64_t, std::uint32_t>;
     Unsigned magnitude = static_cast<Unsigned>(value);
-    std::size_t length = 0;
-    char* at = out.reserveTail(21);  // a sign and 20 digits
     if constexpr (std::is_signed<T>::value) {
         if (value < 0) {
             magnitude = static_cast<Unsigned>(Unsigned{0} - static_cast<Unsigned>(value));
-            *at = '-';
-            length = 1;
+            *at++ = '-';
         }
     }
     if (magnitude < 10) {
-        at[length] = static_cast<char>('0' + static_cast<unsigned>(magnitude));
-        out.commit(length + 1);
-        return;
+        *at = static_cast<char>('0' + static_cast<unsigned>(magnitude));
+        return at + 1;
     }
     if (magnitude < 100) {
-        std::memcpy(at + length, kDigitPairs + 2 * static_cast<unsigned>(magnitude), 2);
-        out.commit(length + 2);
-        return;
+        std::memcpy(at, kDigitPairs + 2 * static_cast<unsigned>(magnitude), 2);
+        return at + 2;
     }
-    length += decimalDigits(magnitude);
-    writeDigitsBackwards(at + length, magnitude);
-    out.commit(length);
+    char* const end = at + decimalDigits(magnitude);
+    writeDigitsBackwards(end, magnitude);
+    return end;
+}
+
+/// appendDecimal into a TextBuilder: the digits are written in place, with
+/// one room check for the longest text.
+template <typename T>
+inline __attribute__((always_inline)) void appendDecimal(TextBuilder& out, T value) {
+    char* const at = out.reserveTail(21);
+    out.commit(static_cast<std::size_t>(writeDecimal(at, value) - at));
 }
 
 /// Appends `value` in decimal right-aligned in `width` ("%10d").

@@ -61,9 +61,10 @@ void appendHex(Out& out, T value) {
     out.append(buf, static_cast<std::size_t>(result.ptr - buf));
 }
 
-/// appendHex into a TextBuilder: the digits are written in place.
+/// Writes the text appendHex() appends at `at`, which has room for 18
+/// characters, and returns where it ends.
 template <typename T>
-void appendHex(TextBuilder& out, T value) {
+char* writeHex(char* at, T value) {
     std::uint64_t pattern;
     if constexpr (std::is_same<T, std::int8_t>::value) {
         pattern = static_cast<std::uint32_t>(static_cast<std::int32_t>(value));
@@ -73,14 +74,20 @@ void appendHex(TextBuilder& out, T value) {
     static const char kDigits[] = "0123456789abcdef";
     const unsigned digits =
         pattern == 0 ? 1u : static_cast<unsigned>((67 - __builtin_clzll(pattern)) / 4);
-    char* at = out.reserveTail(digits + 2);
     at[0] = '0';
     at[1] = 'x';
     for (unsigned i = digits; i > 0; --i) {
         at[1 + i] = kDigits[pattern & 0x0F];
         pattern >>= 4;
     }
-    out.commit(digits + 2);
+    return at + 2 + digits;
+}
+
+/// appendHex into a TextBuilder: the digits are written in place.
+template <typename T>
+void appendHex(TextBuilder& out, T value) {
+    char* const at = out.reserveTail(18);
+    out.commit(static_cast<std::size_t>(writeHex(at, value) - at));
 }
 
 /// The sign and magnitude of a value, as an enumeration look-up needs them.

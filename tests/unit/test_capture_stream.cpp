@@ -23,6 +23,8 @@
 #include "WexOamBinLogXmlReader/DatagramStream.h"
 #include "WexOamBinLogXmlReader/Format.h"
 #include "WexOamBinLogXmlReader/ParallelStream.h"
+#include "dictionary/Plan.h"
+#include "reader/ReaderCore.h"
 
 namespace {
 
@@ -409,6 +411,7 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
     int compared = 0;
     int withRecords = 0;
     int jsonRecords = 0;
+    std::size_t stepped = 0;
     for (int round = 0; round < 150; ++round) {
         TempDir dir;
         const int modules = 1 + static_cast<int>(random.below(3));
@@ -459,6 +462,15 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
             << "round " << round << " with " << jobs << " workers";
         ASSERT_EQ(parallel.err, expected.err)
             << "round " << round << " with " << jobs << " workers";
+        // Every line written piece by piece rather than in steps.
+        StderrCapture loadingOnceMore;
+        Tav::BinaryLogXmlReader pieces(dict.slash(), stats, 5000, reader.maxVarBinaryBytes);
+        loadingOnceMore.stop();
+        stepped += const_cast<Tav::detail::PlanSet&>(Tav::detail::ReaderCore::plansOf(pieces))
+                       .dropLineSteps();
+        const Printed byPieces = readWithStreams(pieces, paths, round % 2 == 0);
+        ASSERT_EQ(byPieces.out, expected.out) << "round " << round << " piece by piece";
+        ASSERT_EQ(byPieces.err, expected.err) << "round " << round << " piece by piece";
         withRecords += expected.out.find("] \n") != std::string::npos ? 1 : 0;
         // JSON written from the payload and from the fields.
         jsonRecords += compareJsonRoutes(fresh, paths, round % 5 != 0);
@@ -466,6 +478,7 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
     EXPECT_EQ(compared, 300);
     EXPECT_GT(withRecords, 100);
     EXPECT_GT(jsonRecords, 1000);
+    EXPECT_GT(stepped, 300u);
 }
 
 TEST(CaptureStreamDifferential, ManyModulesCountTheirSequencesAsReadBinaryFiledata) {
