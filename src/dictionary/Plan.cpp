@@ -6,6 +6,7 @@
 #include "dictionary/WireOrder.h"
 #include "format/Json.h"
 #include "records/Text.h"
+#include "records/Values.h"
 
 namespace Tav {
 namespace detail {
@@ -325,18 +326,57 @@ void planLineSteps(LogPlan& plan) {
     std::string texts;
     std::string pending = "] [";
     std::size_t bound = 0;
-    auto addValue = [&](const TablePlan& table, std::size_t index) {
-        const ParamPlan& param = table.params[index];
-        LineStep step;
+    // Arrays of up to this many elements, and byte strings and strings of up
+    // to this many bytes, are written in steps.
+    constexpr std::uint32_t kStepArray = 64;
+    constexpr std::uint32_t kStepBytes = 4096;
+    auto addStep = [&](LineStep step, std::size_t width) {
         step.textStart = static_cast<std::uint32_t>(texts.size());
         step.textLength = static_cast<std::uint32_t>(pending.size());
         texts += pending;
         pending.clear();
+        bound += step.textLength + width;
+        plan.lineSteps.push_back(step);
+    };
+    auto addValue = [&](const TablePlan& table, std::size_t index) {
+        const ParamPlan& param = table.params[index];
+        LineStep step;
         step.type = param.type;
         step.offset = param.offset;
         step.table = &table;
         step.index = static_cast<std::uint32_t>(index);
         step.value = StepValue::Other;
+        if (param.type == ParamType::BinaryString && param.length <= kStepBytes) {
+            step.value = param.length == 0 ? StepValue::None : StepValue::Bytes;
+            step.length = param.length;
+            addStep(step, 3 * std::size_t{param.length});
+            return;
+        }
+        if (param.type == ParamType::String && param.length <= kStepBytes) {
+            step.value = StepValue::Text;
+            step.length = param.length;
+            addStep(step, param.length);
+            return;
+        }
+        if (param.type < ParamType::String && param.length != 0 && param.length <= kStepArray &&
+            param.display != DisplayKind::Enum) {
+            // "[name[0]=v0,name[1]=v1,...]": one step an element.
+            step.value = param.display == DisplayKind::Hex          ? StepValue::Hex
+                         : param.display == DisplayKind::FrameStamp ? StepValue::FrameStamp
+                                                                    : StepValue::Decimal;
+            const std::size_t width = step.value == StepValue::FrameStamp ? 7 : 21;
+            pending += '[';
+            for (std::uint32_t i = 0; i < param.length; ++i) {
+                if (i != 0) {
+                    pending += ',';
+                }
+                appendLabel(pending, *param.name, i);
+                addStep(step, width);
+                step.offset += elementSize(param.type);  // unsigned 32-bit, wrapping
+            }
+            pending += ']';
+            return;
+        }
         std::size_t width = 0;
         if (param.type < ParamType::String && param.length == 0) {
             switch (param.display) {
@@ -363,8 +403,7 @@ void planLineSteps(LogPlan& plan) {
                     break;  // not direct
             }
         }
-        bound += step.textLength + width;
-        plan.lineSteps.push_back(step);
+        addStep(step, width);
     };
 
     const ModulePlan& module = *plan.module;
@@ -375,7 +414,7 @@ void planLineSteps(LogPlan& plan) {
             if (header.listed[i] >= 0) {
                 pending += header.listedLead[i];
                 addValue(header, static_cast<std::size_t>(header.listed[i]));
-                pending = " ";
+                pending += ' ';
                 any = true;
             }
         }
@@ -393,7 +432,7 @@ void planLineSteps(LogPlan& plan) {
             if (params.listed[i] >= 0) {
                 pending += params.listedLead[i];
                 addValue(params, static_cast<std::size_t>(params.listed[i]));
-                pending = " ";
+                pending += ' ';
             }
         }
     } else {

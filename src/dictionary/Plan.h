@@ -156,10 +156,20 @@ struct MessagePiece {
     std::int32_t slot = -1;
 };
 
-/// How one step of a line shows its value: the scalar integer kinds are
-/// written in place; Other (arrays, strings, byte strings) through the
-/// general value writer.
-enum class StepValue : std::uint8_t { None, Decimal, Hex, FrameStamp, Enum, Other };
+/// How one step of a line shows its value: integers (an array's elements
+/// are steps of their own), byte strings and strings are written in place;
+/// Other values (var binary strings, long arrays and strings, enumerated
+/// arrays) through the general value writer.
+enum class StepValue : std::uint8_t {
+    None,
+    Decimal,
+    Hex,
+    FrameStamp,
+    Enum,
+    Bytes,  ///< a byte string, `length` bytes in hex
+    Text,   ///< a string, up to `length` bytes and its first NUL
+    Other,
+};
 
 /// One step of a line: constant text, then the text of one value (or none).
 struct LineStep {
@@ -167,8 +177,10 @@ struct LineStep {
     std::uint32_t textLength = 0;
     StepValue value = StepValue::None;
     ParamType type = ParamType::Uint8;
-    /// Where the value's bytes start in the payload (scalars).
+    /// Where the value's bytes start in the payload, and their count (Bytes
+    /// and Text).
     std::uint32_t offset = 0;
+    std::uint32_t length = 0;
     const EnumTable* enumTable = nullptr;
     /// The parameter, for Other values.
     const TablePlan* table = nullptr;

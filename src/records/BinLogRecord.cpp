@@ -829,6 +829,23 @@ void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) 
         switch (step.value) {
             case StepValue::None:
                 break;
+            case StepValue::Bytes:
+                at = writeHexBytes(at, payload, step.offset, step.length);
+                break;
+            case StepValue::Text: {
+                // The text up to its first NUL; bytes past the record are NULs.
+                const std::size_t have = payload.available(step.offset);
+                const std::size_t span = step.length < have ? step.length : have;
+                if (span != 0) {
+                    const char* text = reinterpret_cast<const char*>(payload.data()) + step.offset;
+                    const void* nul = std::memchr(text, '\0', span);
+                    const std::size_t n =
+                        nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - text) : span;
+                    std::memcpy(at, text, n);
+                    at += n;
+                }
+                break;
+            }
             case StepValue::Other:
                 line.commit(static_cast<std::size_t>(at - start));
                 appendDirect(line, *step.table, step.index, payload);

@@ -140,24 +140,33 @@ void appendHexBytes(Out& out, const ByteReader& bytes, std::uint64_t offset, std
     }
 }
 
+/// Writes `count` (> 0) bytes at `offset` as appendHexBytes() does, without
+/// its ":..." cut, at `at`, which has room for 3 x `count` characters (the
+/// separator after the last byte is written too), and returns where the
+/// text ends (before that separator). Bytes past the payload show as zero.
+inline char* writeHexBytes(char* at, const ByteReader& bytes, std::uint64_t offset,
+                           std::uint32_t count) {
+    static const char kDigits[] = "0123456789abcdef";
+    const std::size_t have = bytes.available(offset);
+    const unsigned char* from = have != 0 ? bytes.data() + offset : nullptr;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const std::uint8_t byte = i < have ? from[i] : 0;
+        at[0] = kDigits[byte >> 4];
+        at[1] = kDigits[byte & 0x0F];
+        at[2] = ':';
+        at += 3;
+    }
+    return at - 1;
+}
+
 /// appendHexBytes into a TextBuilder: the digits are written in place.
 inline void appendHexBytes(TextBuilder& out, const ByteReader& bytes, std::uint64_t offset,
                            std::uint32_t count) {
-    static const char kDigits[] = "0123456789abcdef";
     const std::uint32_t rendered = count < kMaxRenderedElements ? count : kMaxRenderedElements;
     if (rendered != 0) {
         const std::size_t length = static_cast<std::size_t>(rendered) * 3 - 1;
-        // Room for the separator written after the last byte too.
         char* at = out.reserveTail(length + 1);
-        const std::size_t have = bytes.available(offset);
-        const unsigned char* from = have != 0 ? bytes.data() + offset : nullptr;
-        for (std::uint32_t i = 0; i < rendered; ++i) {
-            const std::uint8_t byte = i < have ? from[i] : 0;
-            at[0] = kDigits[byte >> 4];
-            at[1] = kDigits[byte & 0x0F];
-            at[2] = ':';
-            at += 3;
-        }
+        writeHexBytes(at, bytes, offset, rendered);
         out.commit(length);
     }
     if (rendered < count) {
