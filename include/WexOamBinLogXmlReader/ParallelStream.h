@@ -45,6 +45,9 @@ class WEXBL_API ParallelStream {
     using Render = std::function<void(const Record& record, std::string& out)>;
 
     /// Decodes `stream`'s records with `jobs` worker threads (at least 1).
+    /// Without a `render` (an empty function), a record's rendering is its
+    /// line, Record::text, which the worker writes where rendered() hands it
+    /// out from: no copy.
     ParallelStream(CaptureStream& stream, unsigned jobs, Render render);
     /// Stops the workers (what they have not handed out is dropped).
     ~ParallelStream();

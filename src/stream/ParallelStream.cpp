@@ -82,6 +82,7 @@ struct Batch {
         eventTexts.clear();
         payloads.clear();
         rendered.clear();
+        lines.clear();
         records = 0;
         done = false;
         error = nullptr;
@@ -92,7 +93,10 @@ struct Batch {
     std::vector<Kept> events;
     std::string eventTexts;
     std::string payloads;
+    /// The renderings: what `render` appended, or without a `render` the
+    /// lines themselves, which the decoder writes here.
     std::string rendered;
+    detail::TextBuilder lines;
     std::size_t records = 0;
     bool done = false;  // guarded by the stream's mutex
     std::exception_ptr error;
@@ -195,6 +199,9 @@ struct ParallelStream::Impl {
     void renderBatch(WorkerDecoder& state, Batch& batch) {
         const auto* payloads = reinterpret_cast<const unsigned char*>(batch.payloads.data());
         state.batch = &batch;
+        // Without a `render`, a record's rendering is its line: written
+        // where it is handed out from, not copied there.
+        state.decoder.setLineBuffer(render ? nullptr : &batch.lines);
         for (Batch::Item& item : batch.items) {
             if (!item.isRecord) {
                 continue;
@@ -208,14 +215,38 @@ struct ParallelStream::Impl {
                                  ByteReader(payloads + item.payloadOffset, item.payloadSize),
                                  item.statsLength, origin);
             item.eventCount = batch.events.size() - item.firstEvent;
-            item.renderedOffset = batch.rendered.size();
             item.produced = state.decoder.produced();
+            if (!render) {
+                item.renderedOffset = batch.lines.size();
+                item.renderedSize = 0;
+                if (item.produced) {
+                    placeLine(batch, item, state.decoder.record().text);
+                }
+                continue;
+            }
+            item.renderedOffset = batch.rendered.size();
             if (item.produced) {
                 render(state.decoder.record(), batch.rendered);
             }
             item.renderedSize = batch.rendered.size() - item.renderedOffset;
         }
+        state.decoder.setLineBuffer(nullptr);
         state.batch = nullptr;
+    }
+
+    /// Notes where a record's line lies in the batch's lines, where the
+    /// decoder wrote it; a line that lies elsewhere is copied there.
+    static void placeLine(Batch& batch, Batch::Item& item, std::string_view line) {
+        const auto base = reinterpret_cast<std::uintptr_t>(batch.lines.data());
+        const auto at = reinterpret_cast<std::uintptr_t>(line.data());
+        if (!line.empty() && at >= base && at - base <= batch.lines.size() &&
+            line.size() <= batch.lines.size() - (at - base)) {
+            item.renderedOffset = static_cast<std::size_t>(at - base);
+        } else {
+            item.renderedOffset = batch.lines.size();
+            batch.lines.append(line);
+        }
+        item.renderedSize = line.size();
     }
 
     /// Reads the next item of the capture into `batch`; false at its end.
@@ -399,7 +430,8 @@ std::string_view ParallelStream::rendered() const {
         return std::string_view();
     }
     const Batch& batch = *impl_->current;
-    return std::string_view(batch.rendered.data() + impl_->currentItem->renderedOffset,
+    const char* base = impl_->render ? batch.rendered.data() : batch.lines.data();
+    return std::string_view(base + impl_->currentItem->renderedOffset,
                             impl_->currentItem->renderedSize);
 }
 

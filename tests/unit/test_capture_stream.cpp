@@ -339,21 +339,34 @@ struct SeenHeaders {
 /// The headers and number handed out with a record are those its worker saw.
 /// The renderings of a run are still in place when its last item is out
 /// (`runs` counts the runs).
+/// Without `render` (`linesOnly`), the renderings are the lines the workers
+/// wrote in place, and only the headers' presence is checked.
 Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
-                       unsigned jobs, bool strict, std::size_t* runs = nullptr) {
+                       unsigned jobs, bool strict, std::size_t* runs = nullptr,
+                       bool linesOnly = false) {
     Printed printed;
     std::vector<std::pair<std::string_view, std::string>> inRun;
     Tav::StreamSession session(reader);
     for (const std::string& path : paths) {
         Tav::CaptureStream stream(reader, path, streamOptionsOf(reader, strict, session));
-        Tav::ParallelStream parallel(stream, jobs, [](const Tav::Record& record, std::string& out) {
-            out.append(record.text.data(), record.text.size());
-            const SeenHeaders seen{record.number, record.pcapHeader, record.binLogHeader,
-                                   record.seconds, record.kind};
-            out.append(reinterpret_cast<const char*>(&seen), sizeof seen);
-        });
+        Tav::ParallelStream::Render render;
+        if (!linesOnly) {
+            render = [](const Tav::Record& record, std::string& out) {
+                out.append(record.text.data(), record.text.size());
+                const SeenHeaders seen{record.number, record.pcapHeader, record.binLogHeader,
+                                       record.seconds, record.kind};
+                out.append(reinterpret_cast<const char*>(&seen), sizeof seen);
+            };
+        }
+        Tav::ParallelStream parallel(stream, jobs, std::move(render));
         while (parallel.next()) {
-            if (parallel.isRecord()) {
+            if (parallel.isRecord() && linesOnly) {
+                EXPECT_EQ(parallel.event(), nullptr);
+                EXPECT_NE(parallel.headers(), nullptr);
+                const std::string_view line = parallel.rendered();
+                inRun.emplace_back(line, std::string(line));
+                printed.out.append(line.data(), line.size());
+            } else if (parallel.isRecord()) {
                 EXPECT_EQ(parallel.event(), nullptr);
                 std::string_view rendered = parallel.rendered();
                 SeenHeaders seen;
@@ -462,6 +475,11 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
             << "round " << round << " with " << jobs << " workers";
         ASSERT_EQ(parallel.err, expected.err)
             << "round " << round << " with " << jobs << " workers";
+        // The lines written in place by the workers, without a render.
+        const Printed lines =
+            readInParallel(fresh, paths, 1 + (jobs % 3), round % 2 == 0, nullptr, true);
+        ASSERT_EQ(lines.out, expected.out) << "round " << round << " lines in place";
+        ASSERT_EQ(lines.err, expected.err) << "round " << round << " lines in place";
         // Every line written piece by piece rather than in steps.
         StderrCapture loadingOnceMore;
         Tav::BinaryLogXmlReader pieces(dict.slash(), stats, 5000, reader.maxVarBinaryBytes);
@@ -1085,6 +1103,12 @@ TEST(CaptureStreamThreads, WorkersPrintWhatOneThreadPrints) {
         EXPECT_EQ(parallel.err, serial.err) << jobs << " workers";
         // Several runs in each capture.
         EXPECT_GT(runs, 2 * paths.size()) << jobs << " workers";
+        // The lines written in place, and unmoved until their run ends.
+        runs = 0;
+        const Printed lines = readInParallel(reader, paths, jobs, false, &runs, true);
+        EXPECT_EQ(lines.out, serial.out) << jobs << " workers, lines in place";
+        EXPECT_EQ(lines.err, serial.err) << jobs << " workers, lines in place";
+        EXPECT_GT(runs, 2 * paths.size()) << jobs << " workers, lines in place";
     }
 }
 

@@ -119,7 +119,7 @@ void printUsage(FILE* to) {
             "\n"
             "Speed:\n"
             "  -j, --jobs N             decode with N worker threads (1-256; default: the\n"
-            "                           online CPUs, less one for text inflated by zlib,\n"
+            "                           online CPUs, less one for text,\n"
             "                           at least 1, and 1 when the output is a terminal);\n"
             "                           the output is the same for every N. Captures are\n"
             "                           decoded one after the other, each with N workers;\n"

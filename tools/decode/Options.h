@@ -39,8 +39,8 @@ struct Options {
     bool resync = false;
     /// Prefix text lines with the capture's name.
     bool withFilename = false;
-    /// Decoding workers (-j); 0: the default (the online CPUs, or 1 when
-    /// the output is a terminal).
+    /// Decoding workers (-j); 0: the default (the online CPUs, less one for
+    /// text, at least 1; 1 when the output is a terminal).
     unsigned jobs = 0;
     /// Inflate gzip with zlib only, not the fastest inflater built in.
     bool zlibOnly = false;

@@ -26,6 +26,11 @@ class Writer {
     /// Appends what record() writes for a record (not with --tally). Only
     /// reads the writer: worker threads render records with it side by side.
     void render(const Tav::Record& record, std::string& out) const;
+    /// What render() appends is the record's line as it is (text, without
+    /// the capture's name or colours).
+    bool rendersLineAsIs() const {
+        return options_.format == Format::Text && !options_.withFilename && !colour_;
+    }
     /// An event of the output stream (statistics, version and level
     /// messages): its text, or its JSON object.
     void outputEvent(const Tav::Event& event);

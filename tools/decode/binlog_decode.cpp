@@ -704,15 +704,20 @@ class Run {
             // (handleParallel), but for a syslog record's tag.
             const bool tags = summary_ != nullptr;
             const bool lines = !options_.summaryOnly;
-            Tav::ParallelStream workers(
-                stream, jobs_, [&writer, tags, lines](const Tav::Record& record, std::string& out) {
+            Tav::ParallelStream::Render render;
+            // A plain text line is its record's line: the workers write it
+            // where it is printed from.
+            if (tags || !lines || !writer.rendersLineAsIs()) {
+                render = [&writer, tags, lines](const Tav::Record& record, std::string& out) {
                     if (lines) {
                         writer.render(record, out);
                     }
                     if (tags && record.kind == Tav::RecordKind::Syslog) {
                         wexbl_decode::Summary::appendTag(record, out);
                     }
-                });
+                };
+            }
+            Tav::ParallelStream workers(stream, jobs_, std::move(render));
             // The renderings are written from the workers' batches: what
             // waits goes out before the batches go, whatever ends the loop.
             struct FlushFirst {
@@ -1036,16 +1041,15 @@ int run(int argc, char** argv, std::string& activity) {
     Diagnostics diagnostics(output, progress, options.verbose, options.resync);
     Writer writer(output, options, colour);
     // The default workers: as many as the CPUs, beside the inflating and the
-    // reading threads; but for text inflated by zlib one fewer, as zlib keeps
-    // a core busy and a line costs about as much as inflating its record.
-    // One for a terminal: a person reading along wants the first lines at
-    // once, not a batch.
+    // reading threads; but for text one fewer, as a text line now costs about
+    // as much as inflating its record and the one decoding thread beside the
+    // inflating one is the faster on two cores (JSON and CSV cost more a
+    // record and gain from every core). One for a terminal: a person
+    // reading along wants the first lines at once, not a batch.
     unsigned jobs = options.jobs;
     if (jobs == 0) {
         long online = sysconf(_SC_NPROCESSORS_ONLN);
-        const bool zlibInflates =
-            options.zlibOnly || std::strncmp(Tav::CaptureStream::inflaterName(), "zlib", 4) == 0;
-        if (options.format == Format::Text && zlibInflates) {
+        if (options.format == Format::Text) {
             --online;
         }
         jobs =
