@@ -304,6 +304,9 @@ void planMessage(LogPlan& plan) {
             // Substitution stops here: the rest stays as it is.
             break;
         }
+        plan.piecesMayHaveBrace =
+            plan.piecesMayHaveBrace ||
+            plan.params.params[static_cast<std::size_t>(slot)].textMayHaveBrace;
         MessagePiece piece;
         piece.lead = std::string(whole.substr(position, open - position));
         piece.lead += key;

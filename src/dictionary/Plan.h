@@ -228,6 +228,9 @@ struct LogPlan {
     std::string_view category;
     MessageShape shape = MessageShape::List;
     std::vector<MessagePiece> pieces;
+    /// The text of some piece's value may hold a brace (and then take part
+    /// in the substitution).
+    bool piecesMayHaveBrace = false;
     /// Text after the last piece (Template), and where substitution stopped
     /// at a placeholder without a value (it and all after it are literal).
     std::string_view tail;

@@ -867,7 +867,7 @@ void RecordDecoder::renderDirect(const LogPlan& plan, const ByteReader& payload)
     const ModulePlan& module = *plan.module;
     const TablePlan& params = plan.params;
     MessageShape shape = plan.shape;
-    if (shape == MessageShape::Template) {
+    if (shape == MessageShape::Template && plan.piecesMayHaveBrace) {
         // A value whose text holds a brace takes part in the substitution.
         for (const MessagePiece& piece : plan.pieces) {
             if (directBrace(params, static_cast<std::size_t>(piece.slot), payload)) {
@@ -1007,7 +1007,9 @@ void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload)
     if (plan.direct) {
         // Nothing of the values needs reporting but var binary counts: the
         // line comes straight from the payload, the values when asked for.
-        scanVarBinaries(plan.params, payload);
+        if (plan.params.firstVarBinary >= 0) {
+            scanVarBinaries(plan.params, payload);
+        }
     } else {
         // Display formats that report what they cannot show: decoded now,
         // in order, with their messages.

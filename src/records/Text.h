@@ -310,20 +310,24 @@ void appendOddMillis(TextBuilder& out, std::int32_t millis);
 /// cache, with the milliseconds of `usec`.
 inline void appendPreparedTimeText(TextBuilder& out, const TimeTextCache& cache,
                                    std::int32_t usec) {
-    out.append(cache.prefix, cache.prefixLength);
     // The "Z" stays even when an offset was added: the offset shifts the
     // shown clock only.
     const std::int32_t millis = usec / 1000;
-    if (millis >= 0 && millis < 1000) {
-        char* at = out.reserveTail(5);
+    if (millis >= 0 && millis < 1000 && cache.prefixLength <= 32) {
+        // The date and clock copied 32 bytes at once (the cache holds 64),
+        // the milliseconds written over what lies past them.
+        char* at = out.reserveTail(37);
+        std::memcpy(at, cache.prefix, 32);
+        at += cache.prefixLength;
         at[0] = '.';
         at[1] = static_cast<char>('0' + millis / 100);
         std::memcpy(at + 2, kDigitPairs + 2 * (millis % 100), 2);
         at[4] = 'Z';
-        out.commit(5);
-    } else {
-        appendOddMillis(out, millis);
+        out.commit(cache.prefixLength + 5);
+        return;
     }
+    out.append(cache.prefix, cache.prefixLength);
+    appendOddMillis(out, millis);
 }
 
 /// Appends the time text "YYYY-MM-DDTHH:MM:SS.mmmZ" of `seconds` (since
