@@ -748,55 +748,55 @@ inline char* copyText(char* to, const std::string& text) {
     return to + n;
 }
 
-template <typename T>
-char* writeScalar(char* at, const LineStep& step, const ByteReader& payload) {
+/// Writes the integer of type T at the step's offset as its kind shows it.
+template <StepValue Kind, typename T>
+inline char* writeScalar(char* at, const LineStep& step, const ByteReader& payload) {
     const T value = readLittleEndian<T>(payload, step.offset);
-    switch (step.value) {
-        case StepValue::Decimal:
-            return writeDecimal(at, value);
-        case StepValue::Hex:
-            return writeHex(at, value);
-        case StepValue::FrameStamp: {
-            const auto stamp = static_cast<std::uint32_t>(value);
-            const std::uint32_t frame = (stamp / 10) & 0x3FFu;
-            at[0] = static_cast<char>('0' + frame / 1000);
-            at[1] = static_cast<char>('0' + frame / 100 % 10);
-            at[2] = static_cast<char>('0' + frame / 10 % 10);
-            at[3] = static_cast<char>('0' + frame % 10);
-            at[4] = '-';
-            at[5] = '0';
-            at[6] = static_cast<char>('0' + stamp % 10);
-            return at + 7;
-        }
-        default: {
-            bool negative;
-            std::uint64_t magnitude;
-            signAndMagnitude(value, negative, magnitude);
-            // A value the enumeration lacks shows nothing.
-            const std::string* text = step.enumTable->find(negative, magnitude);
-            return text != nullptr ? copyText(at, *text) : at;
-        }
+    if constexpr (Kind == StepValue::Decimal) {
+        return writeDecimal(at, value);
+    } else if constexpr (Kind == StepValue::Hex) {
+        return writeHex(at, value);
+    } else if constexpr (Kind == StepValue::FrameStamp) {
+        const auto stamp = static_cast<std::uint32_t>(value);
+        const std::uint32_t frame = (stamp / 10) & 0x3FFu;
+        at[0] = static_cast<char>('0' + frame / 1000);
+        at[1] = static_cast<char>('0' + frame / 100 % 10);
+        at[2] = static_cast<char>('0' + frame / 10 % 10);
+        at[3] = static_cast<char>('0' + frame % 10);
+        at[4] = '-';
+        at[5] = '0';
+        at[6] = static_cast<char>('0' + stamp % 10);
+        return at + 7;
+    } else {
+        bool negative;
+        std::uint64_t magnitude;
+        signAndMagnitude(value, negative, magnitude);
+        // A value the enumeration lacks shows nothing.
+        const std::string* text = step.enumTable->find(negative, magnitude);
+        return text != nullptr ? copyText(at, *text) : at;
     }
 }
 
+/// writeScalar() for the step's integer type.
+template <StepValue Kind>
 char* writeStepValue(char* at, const LineStep& step, const ByteReader& payload) {
     switch (step.type) {
         case ParamType::Uint64:
-            return writeScalar<std::uint64_t>(at, step, payload);
+            return writeScalar<Kind, std::uint64_t>(at, step, payload);
         case ParamType::Int64:
-            return writeScalar<std::int64_t>(at, step, payload);
+            return writeScalar<Kind, std::int64_t>(at, step, payload);
         case ParamType::Uint32:
-            return writeScalar<std::uint32_t>(at, step, payload);
+            return writeScalar<Kind, std::uint32_t>(at, step, payload);
         case ParamType::Int32:
-            return writeScalar<std::int32_t>(at, step, payload);
+            return writeScalar<Kind, std::int32_t>(at, step, payload);
         case ParamType::Uint16:
-            return writeScalar<std::uint16_t>(at, step, payload);
+            return writeScalar<Kind, std::uint16_t>(at, step, payload);
         case ParamType::Int16:
-            return writeScalar<std::int16_t>(at, step, payload);
+            return writeScalar<Kind, std::int16_t>(at, step, payload);
         case ParamType::Uint8:
-            return writeScalar<std::uint8_t>(at, step, payload);
+            return writeScalar<Kind, std::uint8_t>(at, step, payload);
         case ParamType::Int8:
-            return writeScalar<std::int8_t>(at, step, payload);
+            return writeScalar<Kind, std::int8_t>(at, step, payload);
         default:
             return at;  // not a scalar step
     }
@@ -819,10 +819,11 @@ void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) 
     const char* const texts = plan.lineText.data();
     const LineStep* const steps = plan.lineSteps.data();
     const std::size_t count = plan.lineSteps.size();
+    const std::size_t messageStep = plan.messageStep;
     std::size_t messageStart = 0;
     for (std::size_t i = 0; i < count; ++i) {
         const LineStep& step = steps[i];
-        if (i == plan.messageStep) {
+        if (i == messageStep) {
             messageStart = line.size() + static_cast<std::size_t>(at - start) + plan.messageOffset;
         }
         at = copyStepText(at, texts + step.textStart, step.textLength);
@@ -852,8 +853,17 @@ void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) 
                 start = line.reserveTail(plan.lineBound + 16);
                 at = start;
                 break;
-            default:
-                at = writeStepValue(at, step, payload);
+            case StepValue::Decimal:
+                at = writeStepValue<StepValue::Decimal>(at, step, payload);
+                break;
+            case StepValue::Hex:
+                at = writeStepValue<StepValue::Hex>(at, step, payload);
+                break;
+            case StepValue::FrameStamp:
+                at = writeStepValue<StepValue::FrameStamp>(at, step, payload);
+                break;
+            case StepValue::Enum:
+                at = writeStepValue<StepValue::Enum>(at, step, payload);
                 break;
         }
     }

@@ -228,7 +228,7 @@ inline unsigned decimalDigits(std::uint64_t value) {
 /// Writes `value` in decimal ("%u", "%d", "%llu" ...; 8-bit values as
 /// numbers) at `at`, which has room for 21 characters (a sign and 20
 /// digits), and returns where the text ends. Values below 100 (most
-/// counters, indexes and small ids) take no loop at all.
+/// counters, indexes and small ids) and below 10000 take no loop at all.
 template <typename T>
 inline __attribute__((always_inline)) char* writeDecimal(char* at, T value) {
     using Unsigned = std::conditional_t<(sizeof(T) > 4), std::uint64_t, std::uint32_t>;
@@ -246,6 +246,18 @@ inline __attribute__((always_inline)) char* writeDecimal(char* at, T value) {
     if (magnitude < 100) {
         std::memcpy(at, kDigitPairs + 2 * static_cast<unsigned>(magnitude), 2);
         return at + 2;
+    }
+    if (magnitude < 10000) {
+        const auto high = static_cast<unsigned>(magnitude / 100);
+        const auto low = static_cast<unsigned>(magnitude % 100);
+        if (high < 10) {
+            at[0] = static_cast<char>('0' + high);
+            std::memcpy(at + 1, kDigitPairs + 2 * low, 2);
+            return at + 3;
+        }
+        std::memcpy(at, kDigitPairs + 2 * high, 2);
+        std::memcpy(at + 2, kDigitPairs + 2 * low, 2);
+        return at + 4;
     }
     char* const end = at + decimalDigits(magnitude);
     writeDigitsBackwards(end, magnitude);
