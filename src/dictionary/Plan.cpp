@@ -138,29 +138,6 @@ std::int32_t TablePlan::lookup(std::string_view name) const {
 
 namespace {
 
-ScalarDecimal scalarDecimal(ParamType type) {
-    switch (type) {
-        case ParamType::Uint8:
-            return ScalarDecimal::U8;
-        case ParamType::Uint16:
-            return ScalarDecimal::U16;
-        case ParamType::Uint32:
-            return ScalarDecimal::U32;
-        case ParamType::Uint64:
-            return ScalarDecimal::U64;
-        case ParamType::Int8:
-            return ScalarDecimal::I8;
-        case ParamType::Int16:
-            return ScalarDecimal::I16;
-        case ParamType::Int32:
-            return ScalarDecimal::I32;
-        case ParamType::Int64:
-            return ScalarDecimal::I64;
-        default:
-            return ScalarDecimal::Other;
-    }
-}
-
 /// The plan of the parameters of `params`: wire order, display classes,
 /// declaration-ordered field positions, and the list of shown names.
 void planTable(const FlexiParams& params, const std::vector<std::string>& paramOrder,
@@ -208,10 +185,6 @@ void planTable(const FlexiParams& params, const std::vector<std::string>& paramO
                 plan.fixedSize += param.length == 0 ? size : size * param.length;
             } else {
                 plan.fixedSize += param.length;
-            }
-            if (type < ParamType::String && param.length == 0 &&
-                p.display == DisplayKind::Decimal) {
-                p.scalar = scalarDecimal(type);
             }
             plan.direct = plan.direct && p.display != DisplayKind::UnknownEnum &&
                           p.display != DisplayKind::NoEnums;

@@ -46,11 +46,6 @@ enum class DisplayKind : std::uint8_t {
     NoEnums,      ///< the enumerations did not load: message, decimal
 };
 
-/// A parameter whose text is one integer in decimal, by the integer's type;
-/// Other for everything else. Lets the line renderer go straight to the
-/// digits of the most common parameters.
-enum class ScalarDecimal : std::uint8_t { Other, U8, U16, U32, U64, I8, I16, I32, I64 };
-
 /// An enumeration ready for look-ups by value: its entries whose value text
 /// is the decimal text of some integer (the only ones a value can match),
 /// sorted by that integer.
@@ -98,7 +93,6 @@ struct ParamPlan {
     /// kinds), as declared.
     std::uint32_t length = 0;
     DisplayKind display = DisplayKind::Decimal;
-    ScalarDecimal scalar = ScalarDecimal::Other;
     const EnumTable* enumTable = nullptr;
     /// The display format as declared (for messages and the enumeration's
     /// name).

@@ -612,34 +612,6 @@ template <typename Out>
 void RecordDecoder::appendDirect(Out& out, const TablePlan& plan, std::size_t index,
                                  const ByteReader& payload) const {
     const ParamPlan& param = plan.params[index];
-    switch (param.scalar) {
-        case ScalarDecimal::U8:
-            appendDecimal(out, readLittleEndian<std::uint8_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::U16:
-            appendDecimal(out, readLittleEndian<std::uint16_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::U32:
-            appendDecimal(out, readLittleEndian<std::uint32_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::U64:
-            appendDecimal(out, readLittleEndian<std::uint64_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::I8:
-            appendDecimal(out, readLittleEndian<std::int8_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::I16:
-            appendDecimal(out, readLittleEndian<std::int16_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::I32:
-            appendDecimal(out, readLittleEndian<std::int32_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::I64:
-            appendDecimal(out, readLittleEndian<std::int64_t>(payload, param.offset));
-            return;
-        case ScalarDecimal::Other:
-            break;
-    }
     switch (param.type) {
         case ParamType::Uint64:
             appendDirectInts<std::uint64_t>(out, param, payload);
