@@ -400,7 +400,8 @@ void RecordDecoder::appendMessage(const LogPlan& plan) {
     }
 }
 
-void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out) {
+bool RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table,
+                               std::vector<FieldSpan>& spans) {
     // The field slots only grow: a record of a smaller log uses the first.
     // Names, types and indexes stay from the last record of the same table.
     if (table.fields.size() < plan.fieldCount) {
@@ -412,8 +413,7 @@ void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<
     table.fieldsOf = &plan;
     const bool texts = settings_.texts;
     // Texts (and bytes copied for a record cut short) go to the arena; the
-    // views are taken once the arena no longer grows.
-    std::vector<FieldSpan>& spans = fieldSpans_;
+    // views are taken once the arena no longer grows (takeFieldViews()).
     if (texts && spans.size() < plan.fieldCount) {
         spans.resize(plan.fieldCount);
     }
@@ -512,6 +512,14 @@ void RecordDecoder::fillFields(const TablePlan& plan, DecodedTable& table, View<
             }
         }
     }
+    return copiedBytes;
+}
+
+void RecordDecoder::takeFieldViews(const TablePlan& plan, DecodedTable& table,
+                                   const std::vector<FieldSpan>& spans, bool copiedBytes,
+                                   View<ParamField>& out) {
+    ParamField* const fields = table.fields.data();
+    const bool texts = settings_.texts;
     if (texts || copiedBytes) {
         for (std::size_t i = 0; i < plan.fieldCount; ++i) {
             const FieldSpan& span = spans[i];
@@ -964,11 +972,18 @@ void RecordDecoder::fillValues() {
         silent_ = false;
         decoded_ = true;
     }
+    // Both tables' texts go into the arena before any view into it is
+    // taken: the log's texts may make it grow, and move the header's.
     arena_.clear();
+    bool headerCopied = false;
     if (module.hasHeader) {
-        fillFields(module.header, headerTable_, headerView_);
+        headerCopied = fillFields(module.header, headerTable_, headerSpans_);
     }
-    fillFields(plan.params, logTable_, paramsView_);
+    const bool paramsCopied = fillFields(plan.params, logTable_, fieldSpans_);
+    if (module.hasHeader) {
+        takeFieldViews(module.header, headerTable_, headerSpans_, headerCopied, headerView_);
+    }
+    takeFieldViews(plan.params, logTable_, fieldSpans_, paramsCopied, paramsView_);
 }
 
 void RecordDecoder::decodeBinLog(const LogPlan& plan, const ByteReader& payload) {

@@ -248,8 +248,23 @@ class RecordDecoder : private SequenceReport {
     /// Whether the text of parameter `index` holds a brace.
     bool directBrace(const TablePlan& plan, std::size_t index, const ByteReader& payload) const;
     void appendJsonTable(Sink& out, const TablePlan& plan, bool texts) const;
-    /// Fills the table's fields (declaration order) and their texts.
-    void fillFields(const TablePlan& plan, DecodedTable& table, View<ParamField>& out);
+    /// Where each field's text (and, for bytes past the record, its bytes)
+    /// lies in the arena while the fields are filled.
+    struct FieldSpan {
+        static constexpr std::size_t kNone = ~std::size_t{0};
+        std::size_t text = 0;
+        std::size_t textSize = 0;
+        std::size_t bytes = kNone;
+        std::size_t bytesSize = 0;
+    };
+    /// Fills the table's fields (declaration order) and puts their texts
+    /// (and bytes copied for a record cut short) into the arena, noting in
+    /// `spans` where; returns whether bytes were copied. takeFieldViews()
+    /// then points the fields into the arena, once nothing more goes there.
+    bool fillFields(const TablePlan& plan, DecodedTable& table, std::vector<FieldSpan>& spans);
+    void takeFieldViews(const TablePlan& plan, DecodedTable& table,
+                        const std::vector<FieldSpan>& spans, bool copiedBytes,
+                        View<ParamField>& out);
     void decodeLegacy(const LogPlan& plan, const ByteReader& payload);
     int decodeSyslog(const ByteReader& payload);
     void decodeCapture();
@@ -303,15 +318,7 @@ class RecordDecoder : private SequenceReport {
     /// Texts of the general placeholder loop: one per parameter of the log.
     TextBuilder generalTexts_;
     std::vector<std::size_t> generalStarts_;
-    /// Where each field's text (and, for bytes past the record, its bytes)
-    /// lies in the arena while the fields are filled.
-    struct FieldSpan {
-        static constexpr std::size_t kNone = ~std::size_t{0};
-        std::size_t text = 0;
-        std::size_t textSize = 0;
-        std::size_t bytes = kNone;
-        std::size_t bytesSize = 0;
-    };
+    std::vector<FieldSpan> headerSpans_;
     std::vector<FieldSpan> fieldSpans_;
     /// The var binary strings of the record being rendered: where their bytes
     /// start and their (capped) counts.

@@ -23,6 +23,7 @@
 
 namespace {
 
+using wexbl_test::StderrCapture;
 using wexbl_test::TempDir;
 
 // ---- Building captures byte by byte ----------------------------------------------------------
@@ -406,6 +407,74 @@ TEST_F(FormatTest, ABinaryLogRecordWithItsValues) {
         Tav::appendIsoTime(both, *record);
         EXPECT_EQ(both, "held\n" + out.json[0] + out.csv[0] + "2023-11-14T23:13:20.250+01:00");
     });
+}
+
+TEST(FormatFields, HeaderTextsStayValidWhenTheLogsTextsAreLong) {
+    // The header's texts go into the decoder's text store first; a long
+    // byte string of the log then makes the store grow. The header fields
+    // must still show their own texts, on the first record (the store at
+    // its smallest) and after records that needed less.
+    TempDir dict;
+    dict.writeFile("big_binlog.xml", R"(<?xml version="1.0"?>
+<LoggingSubSystem subsystem="BIG" subsystemId="1" module="big" moduleid="4" binlogversion="1">
+  <ModuleHeader>
+    <p type="TavUint16_t" nameList="cell"/>
+    <p type="TavUint32_t" nameList="flags" displayFormat="hex"/>
+  </ModuleHeader>
+  <LogId name="Small" logString="small" category="S">
+    <p type="TavUint8_t" nameList="v"/>
+  </LogId>
+  <LogId name="Blob" logString="blob" category="B">
+    <p type="binarystring" nameList="blob" size="3000"/>
+  </LogId>
+</LoggingSubSystem>
+)");
+    StderrCapture loading;
+    const Tav::BinaryLogXmlReader reader(dict.slash(), false, 0, 2);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    // The header's payload: grouped by type (u32, then u16), padded to 4.
+    std::string header;
+    putU32(header, 0x1909778au);
+    putU16(header, 586);
+    header += std::string(2, '\0');
+    std::string file = pcapHeader();
+    LogRecord blob;
+    blob.logId = 0x01040002;  // log indexes count from 1
+    blob.payload = header + std::string(3000, '\xab');
+    LogRecord small;
+    small.logId = 0x01040001;
+    small.payload = header + std::string(1, '\x07');
+    for (const LogRecord& record : {blob, small, blob, small, small, blob}) {
+        append(file, record);
+    }
+    const std::string blobText = "ab" + [] {
+        std::string rest;
+        for (int i = 1; i < 3000; ++i) {
+            rest += ":ab";
+        }
+        return rest;
+    }();
+    Tav::CaptureStream stream(reader, "big.pcap",
+                              reinterpret_cast<const unsigned char*>(file.data()), file.size(),
+                              Tav::StreamOptions());
+    int records = 0;
+    while (stream.next()) {
+        const Tav::Record* record = stream.record();
+        ASSERT_NE(record, nullptr) << stream.event()->text;
+        ++records;
+        const Tav::View<Tav::ParamField> fields = record->header();
+        ASSERT_EQ(fields.size(), 2u);
+        EXPECT_EQ(fields[0].text, "586") << "record " << records;
+        EXPECT_EQ(fields[1].text, "0x1909778a") << "record " << records;
+        const Tav::View<Tav::ParamField> params = record->params();
+        ASSERT_EQ(params.size(), 1u);
+        EXPECT_EQ(params[0].text, record->log == "Blob" ? blobText : "7") << "record " << records;
+        std::string csv;
+        Tav::appendCsv(csv, *record);
+        EXPECT_NE(csv.find(",cell=586 flags=0x1909778a "), std::string::npos) << csv.substr(0, 120);
+    }
+    EXPECT_EQ(records, 6);
 }
 
 TEST_F(FormatTest, WideIntegersNegativeValuesAndOddBytes) {
