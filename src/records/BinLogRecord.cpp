@@ -737,16 +737,7 @@ inline char* writeScalar(char* at, const LineStep& step, const ByteReader& paylo
     } else if constexpr (Kind == StepValue::Hex) {
         return writeHex(at, value);
     } else if constexpr (Kind == StepValue::FrameStamp) {
-        const auto stamp = static_cast<std::uint32_t>(value);
-        const std::uint32_t frame = (stamp / 10) & 0x3FFu;
-        at[0] = static_cast<char>('0' + frame / 1000);
-        at[1] = static_cast<char>('0' + frame / 100 % 10);
-        at[2] = static_cast<char>('0' + frame / 10 % 10);
-        at[3] = static_cast<char>('0' + frame % 10);
-        at[4] = '-';
-        at[5] = '0';
-        at[6] = static_cast<char>('0' + stamp % 10);
-        return at + 7;
+        return writeFrameStamp(at, static_cast<std::uint32_t>(value));
     } else {
         bool negative;
         std::uint64_t magnitude;

@@ -227,8 +227,8 @@ inline unsigned decimalDigits(std::uint64_t value) {
 
 /// Writes `value` in decimal ("%u", "%d", "%llu" ...; 8-bit values as
 /// numbers) at `at`, which has room for 21 characters (a sign and 20
-/// digits), and returns where the text ends. Values below 100 (most
-/// counters, indexes and small ids) and below 10000 take no loop at all.
+/// digits), and returns where the text ends. Values below 10000 (most
+/// counters, indexes and small ids) take no loop at all.
 template <typename T>
 inline __attribute__((always_inline)) char* writeDecimal(char* at, T value) {
     using Unsigned = std::conditional_t<(sizeof(T) > 4), std::uint64_t, std::uint32_t>;
@@ -281,18 +281,26 @@ void appendDecimalPadded(Out& out, T value, std::size_t width) {
     appendPadded(out, std::string_view(buf, static_cast<std::size_t>(result.ptr - buf)), width);
 }
 
-/// Appends a frame stamp (frame number x 10 + subframe) as "%04u-%02u" of
-/// (stamp / 10) & 0x3FF and stamp % 10: the frame number wraps at 1024.
+/// Writes a frame stamp (frame number x 10 + subframe) as "%04u-%02u" of
+/// (stamp / 10) & 0x3FF and stamp % 10 (the frame number wraps at 1024) at
+/// `at`, which has room for its 7 characters; returns where it ends.
+inline char* writeFrameStamp(char* at, std::uint32_t stamp) {
+    const std::uint32_t frame = (stamp / 10) & 0x3FFu;
+    at[0] = static_cast<char>('0' + frame / 1000);
+    at[1] = static_cast<char>('0' + frame / 100 % 10);
+    at[2] = static_cast<char>('0' + frame / 10 % 10);
+    at[3] = static_cast<char>('0' + frame % 10);
+    at[4] = '-';
+    at[5] = '0';
+    at[6] = static_cast<char>('0' + stamp % 10);
+    return at + 7;
+}
+
+/// Appends a frame stamp as writeFrameStamp() writes it.
 template <typename Out>
 void appendFrameStamp(Out& out, std::uint32_t stamp) {
-    const std::uint32_t frame = (stamp / 10) & 0x3FFu;
-    const char text[7] = {static_cast<char>('0' + frame / 1000),
-                          static_cast<char>('0' + frame / 100 % 10),
-                          static_cast<char>('0' + frame / 10 % 10),
-                          static_cast<char>('0' + frame % 10),
-                          '-',
-                          '0',
-                          static_cast<char>('0' + stamp % 10)};
+    char text[7];
+    writeFrameStamp(text, stamp);
     out.append(text, sizeof text);
 }
 
