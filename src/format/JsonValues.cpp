@@ -192,48 +192,15 @@ void RecordDecoder::appendJsonTable(Sink& out, const TablePlan& plan, bool texts
     bool first = true;
     for (const std::uint32_t index : plan.fieldOrder) {
         const ParamPlan& param = plan.params[index];
-        switch (param.type) {
-            case ParamType::Uint64:
-                writeInts<std::uint64_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Int64:
-                writeInts<std::int64_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Uint32:
-                writeInts<std::uint32_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Int32:
-                writeInts<std::int32_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Uint16:
-                writeInts<std::uint16_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Int16:
-                writeInts<std::int16_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Uint8:
-                writeInts<std::uint8_t>(out, param, payload, texts, first);
-                continue;
-            case ParamType::Int8:
-                writeInts<std::int8_t>(out, param, payload, texts, first);
-                continue;
-            default:
-                break;
+        if (withIntegerType(param.type, [&](auto zero) {
+                writeInts<decltype(zero)>(out, param, payload, texts, first);
+            })) {
+            continue;
         }
         appendPiece(out, headOf(param, first));
         switch (param.type) {
             case ParamType::String: {
-                // The text up to its first NUL; bytes past the record are NULs.
-                const std::size_t have = payload.available(param.offset);
-                const std::size_t span = param.length < have ? param.length : have;
-                std::string_view text;
-                if (span != 0) {
-                    const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
-                    const void* nul = std::memchr(at, '\0', span);
-                    text = std::string_view(
-                        at,
-                        nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
-                }
+                const std::string_view text = payloadString(payload, param.offset, param.length);
                 const std::size_t start = out.size();
                 appendJsonString(out, text);
                 if (texts) {

@@ -192,42 +192,17 @@ void RecordDecoder::decodeTable(const TablePlan& plan, const ByteReader& payload
     for (std::size_t i = 0; i < count; ++i) {
         const ParamPlan& param = plan.params[i];
         DecodedValue& value = table.values[i];
+        if (withIntegerType(param.type, [&](auto zero) {
+                decodeInts<decltype(zero)>(param, payload, offset, table, value);
+            })) {
+            continue;
+        }
         switch (param.type) {
-            case ParamType::Uint64:
-                decodeInts<std::uint64_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Int64:
-                decodeInts<std::int64_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Uint32:
-                decodeInts<std::uint32_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Int32:
-                decodeInts<std::int32_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Uint16:
-                decodeInts<std::uint16_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Int16:
-                decodeInts<std::int16_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Uint8:
-                decodeInts<std::uint8_t>(param, payload, offset, table, value);
-                break;
-            case ParamType::Int8:
-                decodeInts<std::int8_t>(param, payload, offset, table, value);
-                break;
             case ParamType::String: {
-                // The text up to its first NUL; bytes past the record are NULs.
-                const std::size_t have = payload.available(offset);
-                const std::size_t span = param.length < have ? param.length : have;
-                const char* at =
-                    span != 0 ? reinterpret_cast<const char*>(payload.data()) + offset : "";
-                const void* nul = span != 0 ? std::memchr(at, '\0', span) : nullptr;
-                value.bytes = at;
-                value.size = static_cast<std::uint32_t>(
-                    nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
-                value.brace = hasBrace(at, value.size);
+                const std::string_view text = payloadString(payload, offset, param.length);
+                value.bytes = text.empty() ? "" : text.data();
+                value.size = static_cast<std::uint32_t>(text.size());
+                value.brace = hasBrace(value.bytes, value.size);
                 offset += param.length;
                 break;
             }
@@ -264,6 +239,8 @@ void RecordDecoder::decodeTable(const TablePlan& plan, const ByteReader& payload
                 offset += length;
                 break;
             }
+            default:
+                break;  // the integers, above
         }
     }
 }
@@ -620,41 +597,15 @@ template <typename Out>
 void RecordDecoder::appendDirect(Out& out, const TablePlan& plan, std::size_t index,
                                  const ByteReader& payload) const {
     const ParamPlan& param = plan.params[index];
+    if (withIntegerType(param.type, [&](auto zero) {
+            appendDirectInts<decltype(zero)>(out, param, payload);
+        })) {
+        return;
+    }
     switch (param.type) {
-        case ParamType::Uint64:
-            appendDirectInts<std::uint64_t>(out, param, payload);
-            return;
-        case ParamType::Int64:
-            appendDirectInts<std::int64_t>(out, param, payload);
-            return;
-        case ParamType::Uint32:
-            appendDirectInts<std::uint32_t>(out, param, payload);
-            return;
-        case ParamType::Int32:
-            appendDirectInts<std::int32_t>(out, param, payload);
-            return;
-        case ParamType::Uint16:
-            appendDirectInts<std::uint16_t>(out, param, payload);
-            return;
-        case ParamType::Int16:
-            appendDirectInts<std::int16_t>(out, param, payload);
-            return;
-        case ParamType::Uint8:
-            appendDirectInts<std::uint8_t>(out, param, payload);
-            return;
-        case ParamType::Int8:
-            appendDirectInts<std::int8_t>(out, param, payload);
-            return;
         case ParamType::String: {
-            // The text up to its first NUL; bytes past the record are NULs.
-            const std::size_t have = payload.available(param.offset);
-            const std::size_t span = param.length < have ? param.length : have;
-            if (span != 0) {
-                const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
-                const void* nul = std::memchr(at, '\0', span);
-                out.append(
-                    at, nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
-            }
+            const std::string_view text = payloadString(payload, param.offset, param.length);
+            out.append(text.data(), text.size());
             return;
         }
         case ParamType::BinaryString:
@@ -671,6 +622,8 @@ void RecordDecoder::appendDirect(Out& out, const TablePlan& plan, std::size_t in
                 var.count < settings_.maxVarBinaryBytes ? var.count : settings_.maxVarBinaryBytes);
             return;
         }
+        default:
+            return;  // the integers, above
     }
 }
 
@@ -681,18 +634,8 @@ bool RecordDecoder::directBrace(const TablePlan& plan, std::size_t index,
         return false;
     }
     if (param.type == ParamType::String) {
-        const std::size_t have = payload.available(param.offset);
-        const std::size_t span = param.length < have ? param.length : have;
-        if (span == 0) {
-            return false;  // an empty payload may have no bytes at all
-        }
-        const char* at = reinterpret_cast<const char*>(payload.data()) + param.offset;
-        for (std::size_t i = 0; i < span && at[i] != '\0'; ++i) {
-            if (at[i] == '{' || at[i] == '}') {
-                return true;
-            }
-        }
-        return false;
+        const std::string_view text = payloadString(payload, param.offset, param.length);
+        return hasBrace(text.data(), text.size());
     }
     // An enumeration text or an array: look at the text itself.
     TextBuilder& text = const_cast<TextBuilder&>(braceScratch_);
@@ -751,26 +694,10 @@ inline char* writeScalar(char* at, const LineStep& step, const ByteReader& paylo
 /// writeScalar() for the step's integer type.
 template <StepValue Kind>
 char* writeStepValue(char* at, const LineStep& step, const ByteReader& payload) {
-    switch (step.type) {
-        case ParamType::Uint64:
-            return writeScalar<Kind, std::uint64_t>(at, step, payload);
-        case ParamType::Int64:
-            return writeScalar<Kind, std::int64_t>(at, step, payload);
-        case ParamType::Uint32:
-            return writeScalar<Kind, std::uint32_t>(at, step, payload);
-        case ParamType::Int32:
-            return writeScalar<Kind, std::int32_t>(at, step, payload);
-        case ParamType::Uint16:
-            return writeScalar<Kind, std::uint16_t>(at, step, payload);
-        case ParamType::Int16:
-            return writeScalar<Kind, std::int16_t>(at, step, payload);
-        case ParamType::Uint8:
-            return writeScalar<Kind, std::uint8_t>(at, step, payload);
-        case ParamType::Int8:
-            return writeScalar<Kind, std::int8_t>(at, step, payload);
-        default:
-            return at;  // not a scalar step
-    }
+    char* end = at;  // not a scalar step: nothing
+    withIntegerType(step.type,
+                    [&](auto zero) { end = writeScalar<Kind, decltype(zero)>(at, step, payload); });
+    return end;
 }
 
 }  // namespace
@@ -805,16 +732,10 @@ void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) 
                 at = writeHexBytes(at, payload, step.offset, step.length);
                 break;
             case StepValue::Text: {
-                // The text up to its first NUL; bytes past the record are NULs.
-                const std::size_t have = payload.available(step.offset);
-                const std::size_t span = step.length < have ? step.length : have;
-                if (span != 0) {
-                    const char* text = reinterpret_cast<const char*>(payload.data()) + step.offset;
-                    const void* nul = std::memchr(text, '\0', span);
-                    const std::size_t n =
-                        nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - text) : span;
-                    std::memcpy(at, text, n);
-                    at += n;
+                const std::string_view text = payloadString(payload, step.offset, step.length);
+                if (!text.empty()) {
+                    std::memcpy(at, text.data(), text.size());
+                    at += text.size();
                 }
                 break;
             }

@@ -45,6 +45,58 @@ inline __attribute__((always_inline)) T readLittleEndian(const ByteReader& paylo
     return readLittleEndianSlow<T>(payload, offset);
 }
 
+/// Calls `f` with a zero of the C++ integer type that `type` names (only its
+/// type counts) and returns true; false, without a call, for the string
+/// kinds. The one place where a parameter's type becomes code for its C++
+/// type.
+template <typename F>
+inline bool withIntegerType(ParamType type, F&& f) {
+    switch (type) {
+        case ParamType::Uint64:
+            f(std::uint64_t{});
+            return true;
+        case ParamType::Int64:
+            f(std::int64_t{});
+            return true;
+        case ParamType::Uint32:
+            f(std::uint32_t{});
+            return true;
+        case ParamType::Int32:
+            f(std::int32_t{});
+            return true;
+        case ParamType::Uint16:
+            f(std::uint16_t{});
+            return true;
+        case ParamType::Int16:
+            f(std::int16_t{});
+            return true;
+        case ParamType::Uint8:
+            f(std::uint8_t{});
+            return true;
+        case ParamType::Int8:
+            f(std::int8_t{});
+            return true;
+        default:
+            return false;
+    }
+}
+
+/// The text of a string parameter of `length` bytes at `offset`: up to its
+/// first NUL; bytes past the record are NULs. An empty text may have no
+/// data pointer at all.
+inline std::string_view payloadString(const ByteReader& payload, std::uint64_t offset,
+                                      std::uint32_t length) {
+    const std::size_t have = payload.available(offset);
+    const std::size_t span = length < have ? length : have;
+    if (span == 0) {
+        return std::string_view();
+    }
+    const char* at = reinterpret_cast<const char*>(payload.data()) + offset;
+    const void* nul = std::memchr(at, '\0', span);
+    return std::string_view(
+        at, nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
+}
+
 /// Appends "0x" and the bit pattern in lowercase hex without leading zeros:
 /// the value's own width, except that 8-bit signed values are widened to 32
 /// bits first.
