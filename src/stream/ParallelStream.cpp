@@ -33,22 +33,28 @@ struct Batch {
         std::size_t payloadOffset = 0;
     };
 
-    /// A record, or an event of the capture stream.
+    /// A record to decode (what the reading thread read), or an event of
+    /// the capture stream.
     struct Item {
         bool isRecord = false;
-        // Records: what to decode, and where the rendering went.
         ParallelStream::RecordHeaders headers;
         std::size_t payloadOffset = 0;
         std::size_t payloadSize = 0;
         std::uint32_t statsLength = 0;
         std::uint64_t offset = 0;
+    };
+
+    /// What is handed out for an item: kept apart from the items, small, so
+    /// that handing out reads few of the cache lines a worker wrote.
+    struct Out {
         std::size_t renderedOffset = 0;
-        std::size_t renderedSize = 0;
-        bool produced = false;
+        std::uint32_t renderedSize = 0;
         // The events handed out with the item (before a record), in
         // `events` from `firstEvent`.
-        std::size_t firstEvent = 0;
-        std::size_t eventCount = 0;
+        std::uint32_t firstEvent = 0;
+        std::uint32_t eventCount = 0;
+        bool isRecord = false;
+        bool produced = false;
     };
 
     /// Keeps an event with copies of its texts, which are views valid
@@ -78,6 +84,8 @@ struct Batch {
 
     void clear() {
         items.clear();
+        outs.clear();
+        handouts = 0;
         events.clear();
         eventTexts.clear();
         payloads.clear();
@@ -90,6 +98,10 @@ struct Batch {
     bool full() const { return records >= kBatchRecords || payloads.size() >= kBatchBytes; }
 
     std::vector<Item> items;
+    std::vector<Out> outs;  // one for each item
+    /// Items to hand out: the events, and the records the filter kept; set
+    /// by the worker that rendered the batch.
+    std::size_t handouts = 0;
     std::vector<Kept> events;
     std::string eventTexts;
     std::string payloads;
@@ -202,41 +214,48 @@ struct ParallelStream::Impl {
         // Without a `render`, a record's rendering is its line: written
         // where it is handed out from, not copied there.
         state.decoder.setLineBuffer(render ? nullptr : &batch.lines);
-        for (Batch::Item& item : batch.items) {
+        std::size_t handouts = 0;
+        for (std::size_t i = 0; i < batch.items.size(); ++i) {
+            const Batch::Item& item = batch.items[i];
+            Batch::Out& out = batch.outs[i];
             if (!item.isRecord) {
+                handouts += out.eventCount;
                 continue;
             }
             detail::RecordOrigin origin;
             origin.capture = core.name;
             origin.number = item.headers.number;
             origin.offset = item.offset;
-            item.firstEvent = batch.events.size();
+            out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
             state.decoder.decode(core.plans, settings, item.headers.pcap, item.headers.header,
                                  ByteReader(payloads + item.payloadOffset, item.payloadSize),
                                  item.statsLength, origin);
-            item.eventCount = batch.events.size() - item.firstEvent;
-            item.produced = state.decoder.produced();
+            out.eventCount = static_cast<std::uint32_t>(batch.events.size() - out.firstEvent);
+            out.produced = state.decoder.produced();
+            handouts += out.eventCount + (out.produced ? 1 : 0);
             if (!render) {
-                item.renderedOffset = batch.lines.size();
-                item.renderedSize = 0;
-                if (item.produced) {
-                    placeLine(batch, item, state.decoder.record().text);
+                out.renderedOffset = batch.lines.size();
+                out.renderedSize = 0;
+                if (out.produced) {
+                    placeLine(batch, out, state.decoder.record().text);
                 }
                 continue;
             }
-            item.renderedOffset = batch.rendered.size();
-            if (item.produced) {
+            out.renderedOffset = batch.rendered.size();
+            if (out.produced) {
                 render(state.decoder.record(), batch.rendered);
             }
-            item.renderedSize = batch.rendered.size() - item.renderedOffset;
+            out.renderedSize =
+                static_cast<std::uint32_t>(batch.rendered.size() - out.renderedOffset);
         }
+        batch.handouts = handouts;
         state.decoder.setLineBuffer(nullptr);
         state.batch = nullptr;
     }
 
     /// Notes where a record's line lies in the batch's lines, where the
     /// decoder wrote it; a line that lies elsewhere is copied there.
-    static void placeLine(Batch& batch, Batch::Item& item, std::string_view line) {
+    static void placeLine(Batch& batch, Batch::Out& item, std::string_view line) {
         const auto base = reinterpret_cast<std::uintptr_t>(batch.lines.data());
         const auto at = reinterpret_cast<std::uintptr_t>(line.data());
         if (!line.empty() && at >= base && at - base <= batch.lines.size() &&
@@ -246,7 +265,7 @@ struct ParallelStream::Impl {
             item.renderedOffset = batch.lines.size();
             batch.lines.append(line);
         }
-        item.renderedSize = line.size();
+        item.renderedSize = static_cast<std::uint32_t>(line.size());
     }
 
     /// Reads the next item of the capture into `batch`; false at its end.
@@ -255,13 +274,16 @@ struct ParallelStream::Impl {
             return false;
         }
         batch.items.emplace_back();
+        batch.outs.emplace_back();
         Batch::Item& item = batch.items.back();
         if (const Event* event = stream.event()) {
-            item.firstEvent = batch.events.size();
-            item.eventCount = 1;
+            Batch::Out& out = batch.outs.back();
+            out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
+            out.eventCount = 1;
             batch.keep(*event);
             return true;
         }
+        batch.outs.back().isRecord = true;
         const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
         item.isRecord = true;
         item.headers.pcap = inputs.pcap;
@@ -341,10 +363,7 @@ struct ParallelStream::Impl {
             current = &batch;
             at = 0;
             sub = 0;
-            remaining = 0;
-            for (const Batch::Item& item : batch.items) {
-                remaining += item.eventCount + (item.isRecord && item.produced ? 1 : 0);
-            }
+            remaining = batch.handouts;
             if (deliver()) {
                 return true;
             }
@@ -359,17 +378,19 @@ struct ParallelStream::Impl {
     /// the capture stream, or those a record's decoding reported), then the
     /// record unless the filter dropped it. False at the batch's end.
     bool deliver() {
-        while (at < current->items.size()) {
-            const Batch::Item& item = current->items[at];
-            if (sub < item.eventCount) {
-                currentItem = &item;
-                currentEvent = current->event(item.firstEvent + sub);
+        while (at < current->outs.size()) {
+            const Batch::Out& out = current->outs[at];
+            if (sub < out.eventCount) {
+                currentItem = &current->items[at];
+                currentOut = &out;
+                currentEvent = current->event(out.firstEvent + sub);
                 ++sub;
                 --remaining;
                 return true;
             }
-            if (sub == item.eventCount && item.isRecord && item.produced) {
-                currentItem = &item;
+            if (sub == out.eventCount && out.isRecord && out.produced) {
+                currentItem = &current->items[at];
+                currentOut = &out;
                 recordNow = true;
                 ++records;
                 ++sub;
@@ -407,6 +428,7 @@ struct ParallelStream::Impl {
     // holds the renderings, is left alone until the call after its last.
     std::size_t remaining = 0;
     const Batch::Item* currentItem = nullptr;
+    const Batch::Out* currentOut = nullptr;
     bool recordNow = false;  // the current item is a record (not its event)
     Event currentEvent;
     std::uint64_t records = 0;
@@ -431,8 +453,8 @@ std::string_view ParallelStream::rendered() const {
     }
     const Batch& batch = *impl_->current;
     const char* base = impl_->render ? batch.rendered.data() : batch.lines.data();
-    return std::string_view(base + impl_->currentItem->renderedOffset,
-                            impl_->currentItem->renderedSize);
+    return std::string_view(base + impl_->currentOut->renderedOffset,
+                            impl_->currentOut->renderedSize);
 }
 
 bool ParallelStream::runEnds() const {
