@@ -270,17 +270,19 @@ struct ParallelStream::Impl {
 
     /// Reads the next item of the capture into `batch`; false at its end.
     bool read(Batch& batch) {
-        if (!stream.next()) {
+        // The stream's own state, not its exported members: no call through
+        // the library's symbol table for every record.
+        if (!core.next()) {
             return false;
         }
         batch.items.emplace_back();
         batch.outs.emplace_back();
         Batch::Item& item = batch.items.back();
-        if (const Event* event = stream.event()) {
+        if (core.item == CaptureStream::Impl::Item::Event) {
             Batch::Out& out = batch.outs.back();
             out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
             out.eventCount = 1;
-            batch.keep(*event);
+            batch.keep(core.current);
             return true;
         }
         batch.outs.back().isRecord = true;

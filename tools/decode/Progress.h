@@ -17,10 +17,12 @@ class Progress {
 
     /// A new capture of `size` bytes on disk (0 when unknown).
     void startCapture(const std::string& name, std::uint64_t size);
-    /// Called for every record; redraws now and then.
-    void update(std::uint64_t bytesRead, std::uint64_t records) {
+    /// Called for every record; redraws now and then. `bytesRead` gives
+    /// the bytes read so far, asked for only when the line is redrawn.
+    template <typename BytesRead>
+    void update(const BytesRead& bytesRead, std::uint64_t records) {
         if (enabled_ && ++calls_ % 4096 == 0) {
-            draw(bytesRead, records);
+            draw(bytesRead(), records);
         }
     }
     /// Removes the line (before anything else is written to the terminal).

@@ -580,7 +580,7 @@ class Run {
                 writer.record(*record);
             }
             ++records_;
-            progress_.update(stream.inputBytesRead(), records_);
+            progress_.update([&stream] { return stream.inputBytesRead(); }, records_);
             return !limitReached();
         }
         return handleEvent(*stream.event(), writer);
@@ -632,7 +632,7 @@ class Run {
             // the run ends.
             out_.writeInPlace(rendered);
             ++records_;
-            progress_.update(stream.inputBytesRead(), records_);
+            progress_.update([&stream] { return stream.inputBytesRead(); }, records_);
             more = !limitReached();
         } else {
             more = handleEvent(*workers.event(), writer_);
