@@ -33,10 +33,9 @@ struct Batch {
         std::size_t payloadOffset = 0;
     };
 
-    /// A record to decode (what the reading thread read), or an event of
-    /// the capture stream.
+    /// A record to decode, as the reading thread read it (left as it is for
+    /// an event of the capture stream).
     struct Item {
-        bool isRecord = false;
         ParallelStream::RecordHeaders headers;
         std::size_t payloadOffset = 0;
         std::size_t payloadSize = 0;
@@ -133,8 +132,7 @@ struct WorkerDecoder : detail::EventSink {
 
 struct ParallelStream::Impl {
     Impl(CaptureStream& captureStream, unsigned jobs, Render renderer)
-        : stream(captureStream),
-          core(*captureStream.impl_),
+        : core(*captureStream.impl_),
           saved(core.settings),
           render(std::move(renderer)),
           limit(2 * static_cast<std::size_t>(jobs) + 1) {
@@ -218,7 +216,7 @@ struct ParallelStream::Impl {
         for (std::size_t i = 0; i < batch.items.size(); ++i) {
             const Batch::Item& item = batch.items[i];
             Batch::Out& out = batch.outs[i];
-            if (!item.isRecord) {
+            if (!out.isRecord) {
                 handouts += out.eventCount;
                 continue;
             }
@@ -287,7 +285,6 @@ struct ParallelStream::Impl {
         }
         batch.outs.back().isRecord = true;
         const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
-        item.isRecord = true;
         item.headers.pcap = inputs.pcap;
         item.headers.header = inputs.header;
         item.payloadOffset = batch.payloads.size();
@@ -405,7 +402,6 @@ struct ParallelStream::Impl {
         return false;
     }
 
-    CaptureStream& stream;
     CaptureStream::Impl& core;
     const detail::DecodeSettings saved;  // the capture stream's own settings
     Render render;
