@@ -110,13 +110,17 @@ TEST(SynthDictionary, MissingMandatoryAttributesFailTheFile) {
     ModuleDecl m;
     std::string error;
     EXPECT_FALSE(readBinlogXml(wrap(R"(<LogId name="L" logString="x"/>)"), "f", m, error));
-    EXPECT_EQ(error, "f: a LogId needs name, logString and category");
+    EXPECT_EQ(error, "f: line 2: a LogId needs name, logString and category");
     EXPECT_FALSE(readBinlogXml(
         "<LoggingSubSystem subsystem=\"S\" subsystemId=\"1\" module=\"m\" binlogversion=\"1\"/>",
         "g", m, error));
     EXPECT_EQ(error,
-              "g: LoggingSubSystem needs subsystem, subsystemId, module, moduleid and "
+              "g: line 1: LoggingSubSystem needs subsystem, subsystemId, module, moduleid and "
               "binlogversion");
+    EXPECT_FALSE(readBinlogXml(wrap("\n<LogId name=\"A\" category=\"C\" logString=\"a\"/>\n\n"
+                                    "<LogId name=\"B\" category=\"\" logString=\"b\"/>"),
+                               "k", m, error));
+    EXPECT_EQ(error, "k: line 5: a LogId needs name, logString and category");
     EXPECT_FALSE(readBinlogXml("<LoggingSubSystem", "h", m, error));
     EXPECT_EQ(error, "h is not well-formed XML");
 }
@@ -175,7 +179,11 @@ TEST(SynthDictionary, Enumerations) {
     // Defined again: replaced whole, not merged.
     EXPECT_EQ(d.enums["B"], (std::map<std::string, std::string>{{"3", "three"}}));
     EXPECT_FALSE(readDisplayXml("<displays><enum/></displays>", "y", d, error));
-    EXPECT_EQ(error, "y: an enum needs a name");
+    EXPECT_EQ(error, "y: line 1: an enum needs a name");
+    // The line is the element's own, wherever it stands.
+    EXPECT_FALSE(
+        readDisplayXml("<displays>\n<enum name=\"A\"/>\n\n  <enum/>\n</displays>", "z", d, error));
+    EXPECT_EQ(error, "z: line 4: an enum needs a name");
 }
 
 TEST(SynthDictionary, FileNames) {

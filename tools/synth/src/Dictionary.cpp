@@ -121,6 +121,11 @@ void readDeclarations(xmlNode* parent, std::vector<ParamDecl>& out) {
     }
 }
 
+/// "line N: " for an element, to put before what is wrong with it.
+std::string lineOf(const xmlNode* node) {
+    return "line " + std::to_string(xmlGetLineNo(node)) + ": ";
+}
+
 /// Depth-first, document order: LoggingSubSystem, ModuleHeader and LogId
 /// wherever they stand.
 bool walkBinlog(xmlNode* node, ModuleDecl& module, std::string& error) {
@@ -136,9 +141,9 @@ bool walkBinlog(xmlNode* node, ModuleDecl& module, std::string& error) {
             const std::string version = attribute(node, "binlogversion");
             if (subsystem.empty() || subsystemId.empty() || moduleName.empty() ||
                 moduleId.empty() || version.empty()) {
-                error =
-                    "LoggingSubSystem needs subsystem, subsystemId, module, moduleid and "
-                    "binlogversion";
+                error = lineOf(node) +
+                        "LoggingSubSystem needs subsystem, subsystemId, module, moduleid and "
+                        "binlogversion";
                 return false;
             }
             const auto high = static_cast<std::uint32_t>(dictionaryNumber(subsystemId)) & 0xFFFFU;
@@ -156,11 +161,11 @@ bool walkBinlog(xmlNode* node, ModuleDecl& module, std::string& error) {
             log.logString = attribute(node, "logString");
             log.category = attribute(node, "category");
             if (log.name.empty() || log.logString.empty() || log.category.empty()) {
-                error = "a LogId needs name, logString and category";
+                error = lineOf(node) + "a LogId needs name, logString and category";
                 return false;
             }
             if (module.logs.size() >= 0xFFFF) {
-                error = "more than 65535 logs";
+                error = lineOf(node) + "more than 65535 logs";
                 return false;
             }
             log.index = static_cast<std::uint16_t>(module.logs.size() + 1);
@@ -182,7 +187,7 @@ bool walkDisplays(xmlNode* node, Displays& displays, std::string& error) {
         if (isElement(node, "enum")) {
             const std::string name = attribute(node, "name");
             if (name.empty()) {
-                error = "an enum needs a name";
+                error = lineOf(node) + "an enum needs a name";
                 return false;
             }
             std::map<std::string, std::string> table;
