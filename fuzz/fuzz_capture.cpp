@@ -15,6 +15,10 @@
 //   - the JSON of every record of a capture stream, as its decoder writes it
 //     from the payload, must equal the JSON written from the fields of a
 //     copy of the record;
+//   - the same stream read by two workers (ParallelStream), their lines
+//     written in place or, for inputs of odd length, appended by a render
+//     function: the same records and events in the same order as the stream
+//     read alone (the statistics summary too: the whole capture is read);
 //   - a CaptureStream that reads every format (not strict). Where the harness
 //     knows what the capture holds, it must give what a strict stream gives
 //     for the same records written as a little-endian microsecond pcap
@@ -71,6 +75,7 @@
 #include "FuzzSupport.h"
 #include "WexOamBinLogXmlReader/CaptureStream.h"
 #include "WexOamBinLogXmlReader/Format.h"
+#include "WexOamBinLogXmlReader/ParallelStream.h"
 
 namespace {
 
@@ -570,21 +575,32 @@ Printed readWithReader(Tav::BinaryLogXmlReader& reader, const std::string& bytes
     return printed;
 }
 
-/// Reads `bytes` with a capture stream; Note events are left out with
-/// `withoutNotes`.
-Printed readWithStream(const Tav::BinaryLogXmlReader& reader, const std::string& bytes, bool strict,
-                       bool withoutNotes, bool fastInflate = false) {
-    // Exactly as many bytes as the capture has, so that a read past them is
-    // caught.
-    std::unique_ptr<unsigned char[]> copy(new unsigned char[bytes.size()]);
-    memcpy(copy.get(), bytes.data(), bytes.size());
+Tav::StreamOptions streamOptions(const Tav::BinaryLogXmlReader& reader, bool strict,
+                                 bool fastInflate) {
     Tav::StreamOptions options;
     options.udpPort = reader.udpPort;
     options.maxVarBinaryBytes = reader.maxVarBinaryBytes;
     options.stats = reader.statsEnabled;
     options.strict = strict;
     options.fastInflate = fastInflate;
-    Tav::CaptureStream stream(reader, "fuzz.pcap", copy.get(), bytes.size(), options);
+    return options;
+}
+
+/// A copy of `bytes` of exactly their size, so that a read past them is
+/// caught.
+std::unique_ptr<unsigned char[]> exactCopy(const std::string& bytes) {
+    std::unique_ptr<unsigned char[]> copy(new unsigned char[bytes.size()]);
+    memcpy(copy.get(), bytes.data(), bytes.size());
+    return copy;
+}
+
+/// Reads `bytes` with a capture stream; Note events are left out with
+/// `withoutNotes`.
+Printed readWithStream(const Tav::BinaryLogXmlReader& reader, const std::string& bytes, bool strict,
+                       bool withoutNotes, bool fastInflate = false) {
+    const std::unique_ptr<unsigned char[]> copy = exactCopy(bytes);
+    Tav::CaptureStream stream(reader, "fuzz.pcap", copy.get(), bytes.size(),
+                              streamOptions(reader, strict, fastInflate));
     Printed printed;
     while (stream.next()) {
         if (const Tav::Record* record = stream.record()) {
@@ -610,6 +626,32 @@ Printed readWithStream(const Tav::BinaryLogXmlReader& reader, const std::string&
     }
     printed.format = stream.format();
     printed.linkType = stream.linkType();
+    return printed;
+}
+
+/// Reads `bytes` with a strict capture stream whose records two workers
+/// decode: their lines written in place, or appended by `render`.
+Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::string& bytes,
+                       bool withRender) {
+    const std::unique_ptr<unsigned char[]> copy = exactCopy(bytes);
+    Tav::CaptureStream stream(reader, "fuzz.pcap", copy.get(), bytes.size(),
+                              streamOptions(reader, true, false));
+    Tav::ParallelStream::Render render;
+    if (withRender) {
+        render = [](const Tav::Record& record, std::string& out) { out.append(record.text); };
+    }
+    Tav::ParallelStream workers(stream, 2, std::move(render));
+    Printed printed;
+    while (workers.next()) {
+        if (workers.isRecord()) {
+            const std::string_view line = workers.rendered();
+            printed.out.append(line.data(), line.size());
+            continue;
+        }
+        const Tav::Event* event = workers.event();
+        (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
+            .append(event->text.data(), event->text.size());
+    }
     return printed;
 }
 
@@ -676,6 +718,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (strict.err.find("capture data error") == std::string::npos) {
         expectSame("zlib and fastest inflater outputs", strict, fast);
     }
+    expectSame("stream and parallel outputs", strict, readInParallel(reader, bytes, size % 2 == 1));
 
     const Printed everyFormat = readWithStream(reader, bytes, false, true);
     if (compare == Compare::Nothing && everyFormat.format == Tav::CaptureFormat::Pcap &&
