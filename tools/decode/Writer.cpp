@@ -72,7 +72,10 @@ void appendCsvField(std::string& out, std::string_view text) {
 }
 
 Writer::Writer(Output& output, const Options& options, bool colour)
-    : output_(output), options_(options), colour_(colour) {}
+    : output_(output),
+      options_(options),
+      colour_(colour),
+      linesAsIs_(rendersLineAsIs() && !options.tally) {}
 
 void Writer::start() {
     if (options_.format == Format::Csv && !options_.tally) {
@@ -130,7 +133,7 @@ void Writer::render(const Tav::Record& record, std::string& out) const {
     }
 }
 
-void Writer::record(const Tav::Record& record) {
+void Writer::writeRecord(const Tav::Record& record) {
     if (options_.tally) {
         std::string module;
         std::string log;

@@ -22,7 +22,14 @@ class Writer {
 
     /// Before the first record: the CSV header row.
     void start();
-    void record(const Tav::Record& record);
+    void record(const Tav::Record& record) {
+        // The common case, a plain line for every record, without a call.
+        if (linesAsIs_) {
+            output_.write(record.text);
+            return;
+        }
+        writeRecord(record);
+    }
     /// Appends what record() writes for a record (not with --tally). Only
     /// reads the writer: worker threads render records with it side by side.
     void render(const Tav::Record& record, std::string& out) const;
@@ -42,6 +49,7 @@ class Writer {
     void finish();
 
   private:
+    void writeRecord(const Tav::Record& record);
     void line(const Tav::Record* record, std::string_view text, std::string_view capture);
     void appendLine(std::string& out, const Tav::Record* record, std::string_view text,
                     std::string_view capture) const;
@@ -49,6 +57,9 @@ class Writer {
     Output& output_;
     const Options& options_;
     bool colour_;
+    /// record() writes each record's line as it is (rendersLineAsIs(), no
+    /// tally).
+    bool linesAsIs_;
     std::string buffer_;
     /// --tally: (module, log, level) -> records.
     std::map<std::tuple<std::string, std::string, std::string>, std::uint64_t> tally_;
