@@ -377,11 +377,17 @@ void StreamSource::look() {
 }
 
 void StreamSource::inflateStep() {
+    // Eof inside a member: a truncated stream, which gzread reports as a
+    // plain end too. zlib may still hold output of the input it has read (a
+    // match the room left cut short, after a replay's pass-over or a full
+    // window), so it is asked once more; the stream ends when it gives
+    // nothing.
+    bool inputEnded = false;
     if (inAvail_ == 0) {
         const Pull pull = pullInput();
-        if (pull != Pull::Data) {
-            // Eof inside a member: a truncated stream, which gzread reports
-            // as a plain end too.
+        if (pull == Pull::Eof) {
+            inputEnded = true;
+        } else if (pull != Pull::Data) {
             handlePull(pull);
             return;
         }
@@ -398,6 +404,12 @@ void StreamSource::inflateStep() {
     available_ += room - stream.avail_out;
     inNext_ = stream.next_in;
     inAvail_ = stream.avail_in;
+    if (inputEnded && (ret == Z_OK || ret == Z_BUF_ERROR)) {
+        if (!progress) {
+            handlePull(Pull::Eof);
+        }
+        return;
+    }
     switch (ret) {
         case Z_OK:
         case Z_BUF_ERROR:
