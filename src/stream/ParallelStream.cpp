@@ -47,7 +47,7 @@ struct Batch {
     /// that handing out reads few of the cache lines a worker wrote.
     struct Out {
         std::size_t renderedOffset = 0;
-        std::uint32_t renderedSize = 0;
+        std::size_t renderedSize = 0;
         // The events handed out with the item (before a record), in
         // `events` from `firstEvent`.
         std::uint32_t firstEvent = 0;
@@ -243,8 +243,7 @@ struct ParallelStream::Impl {
             if (out.produced) {
                 render(state.decoder.record(), batch.rendered);
             }
-            out.renderedSize =
-                static_cast<std::uint32_t>(batch.rendered.size() - out.renderedOffset);
+            out.renderedSize = batch.rendered.size() - out.renderedOffset;
         }
         batch.handouts = handouts;
         state.decoder.setLineBuffer(nullptr);
@@ -263,7 +262,7 @@ struct ParallelStream::Impl {
             item.renderedOffset = batch.lines.size();
             batch.lines.append(line);
         }
-        item.renderedSize = static_cast<std::uint32_t>(line.size());
+        item.renderedSize = line.size();
     }
 
     /// Reads the next item of the capture into `batch`; false at its end.
