@@ -21,8 +21,8 @@
 //
 // The capture stream (not following a file) must outlive this object and is
 // not used otherwise while it is; its texts and values settings play no part.
-// Memory stays bounded: at most 2 x jobs + 1 batches of at most 2048 records
-// or 1 MiB of records are under way.
+// Memory stays bounded: at most 2 x jobs + 1 batches of at most 2048 items
+// (records and events) or 1 MiB of records and event texts are under way.
 #ifndef WEX_OAM_BINLOG_PARALLEL_STREAM_H
 #define WEX_OAM_BINLOG_PARALLEL_STREAM_H
 

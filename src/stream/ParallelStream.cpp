@@ -17,7 +17,10 @@ namespace Tav {
 
 namespace {
 
-constexpr std::size_t kBatchRecords = 2048;
+// A batch ends at this many items (records and the capture stream's events)
+// or bytes (payloads and event texts): a capture of nothing but events, a log
+// id the dictionary lacks in every record, is cut into batches too.
+constexpr std::size_t kBatchItems = 2048;
 constexpr std::size_t kBatchBytes = 1024 * 1024;
 
 /// A run of items in capture order: the records to decode and render, and
@@ -90,11 +93,12 @@ struct Batch {
         payloads.clear();
         rendered.clear();
         lines.clear();
-        records = 0;
         done = false;
         error = nullptr;
     }
-    bool full() const { return records >= kBatchRecords || payloads.size() >= kBatchBytes; }
+    bool full() const {
+        return items.size() >= kBatchItems || payloads.size() + eventTexts.size() >= kBatchBytes;
+    }
 
     std::vector<Item> items;
     std::vector<Out> outs;  // one for each item
@@ -108,7 +112,6 @@ struct Batch {
     /// lines themselves, which the decoder writes here.
     std::string rendered;
     detail::TextBuilder lines;
-    std::size_t records = 0;
     bool done = false;  // guarded by the stream's mutex
     std::exception_ptr error;
 };
@@ -295,7 +298,6 @@ struct ParallelStream::Impl {
         item.headers.seconds = detail::shownSeconds(inputs.pcap, settings.utcOffsetMinutes);
         item.headers.kind = detail::recordKindOf(inputs.header.packetType);
         item.offset = inputs.offset;
-        ++batch.records;
         return true;
     }
 

@@ -1112,6 +1112,37 @@ TEST(CaptureStreamThreads, WorkersPrintWhatOneThreadPrints) {
     }
 }
 
+TEST(CaptureStreamThreads, EventsAloneAreCutIntoBatchesToo) {
+    // Records of a log id the dictionary lacks are events, not records:
+    // batches that counted only records held the whole capture at once.
+    Random random{79};
+    TempDir dict;
+    writeRandomDictionary(dict, random, 1);
+    TempDir dir;
+    std::string file = pcapHeader(150);
+    LogRecord unknown;
+    unknown.logId = 0x7F7F0001;
+    for (std::uint32_t i = 0; i < 10000; ++i) {
+        unknown.seqNo = i;
+        unknown.tsUsec = i % 1000000;
+        appendLink150(file, unknown);
+    }
+    const std::vector<std::string> paths{dir.writeFile("unknown.pcap", file)};
+    StderrCapture loading;
+    const Tav::BinaryLogXmlReader reader(dict.slash(), false, 5000, 8);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    const Printed serial = readWithStreams(reader, paths, true);
+    ASSERT_EQ(std::count(serial.err.begin(), serial.err.end(), '\n'), 10000);
+    for (const unsigned jobs : {1u, 2u}) {
+        std::size_t runs = 0;
+        const Printed parallel = readInParallel(reader, paths, jobs, true, &runs);
+        EXPECT_EQ(parallel.out, serial.out) << jobs << " workers";
+        EXPECT_EQ(parallel.err, serial.err) << jobs << " workers";
+        EXPECT_GE(runs, 10000u / 2048u) << jobs << " workers";
+    }
+}
+
 TEST(CaptureStreamThreads, AStopEndsTheWorkersAtTheItemHandedOut) {
     Random random{79};
     TempDir dict;
