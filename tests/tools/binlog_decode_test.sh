@@ -2182,6 +2182,48 @@ EOF
     expect_out_file "$W/numbers.txt"
 }
 
+case_diagnostics_many_texts() {
+    # Past 10,000 different messages in one capture (a capture of garbage,
+    # another log id in every record), the others are shown as they come and
+    # not kept: a repeat of one of them is shown again, and the end of the
+    # capture says how many were shown so.
+    local i ids=10003
+    {
+        for i in $(seq 1 $ids); do
+            printf 'record logid=0x%x\n' $((0x7f000000 + i))
+        done
+        echo "repeat 12 record logid=0x7f002713"
+        echo "repeat 12 record logid=0x7f000001"
+    } >"$W/many.script"
+    synth "$W/many.pcap" --plain <"$W/many.script"
+    local f=$W/many.pcap
+    {
+        for i in $(seq 1 $ids); do
+            printf 'binlog-decode: %s: record %d: log id 0x%x not valid\n' "$f" "$i" \
+                $((0x7f000000 + i))
+        done
+        for i in $(seq $((ids + 1)) $((ids + 12))); do
+            echo "binlog-decode: $f: record $i: log id 0x7f002713 not valid"
+        done
+        # The first id: shown 10 times in all, then counted.
+        for i in $(seq $((ids + 13)) $((ids + 21))); do
+            echo "binlog-decode: $f: record $i: log id 0x7f000001 not valid"
+        done
+        echo "binlog-decode: $f: log id 0x7f000001 not valid: 13 times in all, 3 more not shown"
+        echo "binlog-decode: $f: 15 more messages, past 10000 different ones, were each shown, their repeats not counted"
+    } >"$W/many.err"
+    run_decode "$DICT" "$f"
+    expect_rc 0
+    expect_out_empty
+    same_file "$W/many.err" "$W/err" "standard error"
+    # --verbose shows every message and counts none.
+    run_decode --verbose "$DICT" "$f"
+    expect_rc 0
+    [ "$(wc -l <"$W/err")" = $((ids + 24)) ] || fail "--verbose: not one line a record"
+    grep -q "more messages\|times in all" "$W/err" && fail "--verbose: a count"
+    true
+}
+
 # run_decode_merged ARGS...: binlog-decode with standard output and standard
 # error into one file, $W/all (as "> all 2>&1").
 run_decode_merged() {

@@ -10,6 +10,10 @@ namespace {
 
 /// Messages of one kind shown per capture before they are only counted.
 constexpr std::uint64_t kShown = 10;
+/// Different texts counted per capture at the most. In a capture of garbage
+/// nearly every message differs (a log id each); past this many, the others
+/// are shown as they come and not kept, so memory stays bounded.
+constexpr std::size_t kTracked = 10000;
 
 std::string hex(std::uint32_t value) {
     char text[16];
@@ -23,16 +27,23 @@ void Diagnostics::startCapture(const std::string& name) {
     capture_ = name;
     seen_.clear();
     order_.clear();
+    untracked_ = 0;
 }
 
 void Diagnostics::print(std::uint64_t record, const std::string& text) {
-    std::uint64_t& count = seen_[text];
-    if (count == 0) {
-        order_.push_back(text);
-    }
-    ++count;
-    if (!verbose_ && count > kShown) {
-        return;
+    // --verbose shows every message: nothing to count.
+    if (!verbose_) {
+        const auto found = seen_.find(text);
+        if (found != seen_.end()) {
+            if (++found->second > kShown) {
+                return;
+            }
+        } else if (seen_.size() < kTracked) {
+            seen_.emplace(text, 1);
+            order_.push_back(text);
+        } else {
+            ++untracked_;
+        }
     }
     output_.flush();
     progress_.erase();
@@ -168,8 +179,18 @@ void Diagnostics::endCapture() {
                     static_cast<unsigned long long>(count - kShown));
         }
     }
+    if (untracked_ != 0) {
+        output_.flush();
+        progress_.erase();
+        fprintf(stderr,
+                "%s: %s: %llu more messages, past %zu different ones, were each shown, "
+                "their repeats not counted\n",
+                wexbl_cli::kProgramName, capture_.c_str(),
+                static_cast<unsigned long long>(untracked_), kTracked);
+    }
     seen_.clear();
     order_.clear();
+    untracked_ = 0;
 }
 
 }  // namespace wexbl_decode

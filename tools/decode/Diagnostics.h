@@ -47,6 +47,8 @@ class Diagnostics {
     /// Text -> times seen in this capture, and the texts in first-seen order.
     std::unordered_map<std::string, std::uint64_t> seen_;
     std::vector<std::string> order_;
+    /// Messages shown past the different texts counted (see kTracked).
+    std::uint64_t untracked_ = 0;
     bool enumerationsReported_ = false;
 };
 
