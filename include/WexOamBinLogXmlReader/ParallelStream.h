@@ -15,13 +15,17 @@
 // payloads with texts and values, apply the stream's filter, report what the
 // payloads hold (display formats not found, ...) and hand each record kept to
 // `render`, which appends what the program prints for it; next() then hands
-// out the events and the renderings in capture order. So a program that
+// out the events and the renderings in capture order. The calling thread
+// renders batches too while it waits for the next one, and so does the
+// capture's reading thread, when it reads in a thread of its own
+// (StreamOptions::inflateThread), while it holds all the bytes it may: on
+// two cores, no worker thread at all (jobs 0) keeps both busy. So a program that
 // prints the renderings and the events in the order next() gives prints
 // byte for byte what it prints from the capture stream alone.
 //
 // The capture stream (not following a file) must outlive this object and is
 // not used otherwise while it is; its texts and values settings play no part.
-// Memory stays bounded: at most 2 x jobs + 1 batches of at most 2048 items
+// Memory stays bounded: at most 2 x jobs + 3 batches of at most 2048 items
 // (records and events) or 1 MiB of records and event texts are under way.
 #ifndef WEX_OAM_BINLOG_PARALLEL_STREAM_H
 #define WEX_OAM_BINLOG_PARALLEL_STREAM_H
@@ -44,7 +48,8 @@ class WEXBL_API ParallelStream {
     /// read shared state. The record and its values are valid during the call.
     using Render = std::function<void(const Record& record, std::string& out)>;
 
-    /// Decodes `stream`'s records with `jobs` worker threads (at least 1).
+    /// Decodes `stream`'s records with `jobs` worker threads beside the
+    /// calling thread and the capture's reading thread (0: none).
     /// Without a `render` (an empty function), a record's rendering is its
     /// line, Record::text, which the worker writes where rendered() hands it
     /// out from: no copy.

@@ -8,12 +8,15 @@
 // the reader sees exactly what the inner source would have shown it, in the
 // same order: the bytes, then the state with its message and offset. A
 // recovery after a data error is asked of the producer, which calls the
-// inner source's recover() and goes on.
+// inner source's recover() and goes on. While the queue is full, the producer
+// does the idle work its reader gave it (rendering decoded records) instead
+// of waiting idle.
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -73,6 +76,30 @@ class PipelinedSource final : public ByteSource {
         return true;
     }
 
+    bool setIdleWork(std::function<bool()> work) override {
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return !idleRunning_; });
+            idleWork_ = std::move(work);
+            idlePending_ = static_cast<bool>(idleWork_);
+        }
+        // The producer may be waiting for room already.
+        changed_.notify_all();
+        return true;
+    }
+
+    void idleWorkQueued() override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!idleWork_) {
+                return;
+            }
+            ++idleRequests_;
+            idlePending_ = true;
+        }
+        changed_.notify_all();
+    }
+
   protected:
     std::size_t refill(std::size_t n) override {
         n = std::min(n, kWindowLimit);
@@ -129,7 +156,7 @@ class PipelinedSource final : public ByteSource {
                 std::vector<unsigned char> buffer;
                 {
                     std::unique_lock<std::mutex> lock(mutex_);
-                    changed_.wait(lock, [this] { return quit_ || queue_.size() < kQueuedChunks; });
+                    waitForRoom(lock);
                     if (quit_) {
                         return;
                     }
@@ -175,6 +202,29 @@ class PipelinedSource final : public ByteSource {
         }
     }
 
+    /// Waits until the queue has room (or the source goes away), doing the
+    /// idle work meanwhile.
+    void waitForRoom(std::unique_lock<std::mutex>& lock) {
+        while (!quit_ && queue_.size() >= kQueuedChunks) {
+            if (!idlePending_) {
+                changed_.wait(lock);
+                continue;
+            }
+            // setIdleWork() waits while the work runs: it stays in place.
+            idleRunning_ = true;
+            const std::uint64_t requests = idleRequests_;
+            lock.unlock();
+            const bool did = idleWork_();
+            lock.lock();
+            idleRunning_ = false;
+            // Nothing to do, and nothing new since the work looked.
+            if (!did && idleRequests_ == requests) {
+                idlePending_ = false;
+            }
+            changed_.notify_all();
+        }
+    }
+
     /// After the inner source stopped: waits until the reader asks for a
     /// recovery (true when it succeeded: produce on) or the source goes away.
     bool awaitRecovery() {
@@ -211,6 +261,10 @@ class PipelinedSource final : public ByteSource {
     std::uint64_t recoverSkipped_ = 0;
     bool innerCompressed_ = false;
     std::uint64_t innerInput_ = 0;
+    std::function<bool()> idleWork_;
+    bool idlePending_ = false;        // idleWork_ may have something to do
+    std::uint64_t idleRequests_ = 0;  // idleWorkQueued() calls
+    bool idleRunning_ = false;
     std::thread producer_;  // last: started once everything else exists
 };
 

@@ -42,6 +42,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -125,6 +126,18 @@ class ByteSource {
     /// more bytes yet (a non-blocking descriptor, or end of file while
     /// following); a later ensure() may get more.
     bool wouldBlock() const { return wouldBlock_; }
+    /// Work for a source that reads in a thread of its own (pipelined()) to do
+    /// there while it holds all the bytes it may: `work` is called again and
+    /// again until it returns false (nothing to do now), and again after
+    /// idleWorkQueued(). It must not throw. Returns whether the source takes
+    /// such work (false: it has no thread of its own). Null withdraws the
+    /// work; the call returns once the work is no longer running.
+    virtual bool setIdleWork(std::function<bool()> work) {
+        (void)work;
+        return false;
+    }
+    /// Tells the source that its idle work has something to do again.
+    virtual void idleWorkQueued() {}
 
   protected:
     ByteSource() = default;

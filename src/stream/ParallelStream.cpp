@@ -138,7 +138,7 @@ struct ParallelStream::Impl {
         : core(*captureStream.impl_),
           saved(core.settings),
           render(std::move(renderer)),
-          limit(2 * static_cast<std::size_t>(jobs) + 1) {
+          limit(2 * static_cast<std::size_t>(jobs) + 3) {
         // The capture stream decides in record order what the headers
         // decide; the workers decode the payloads, filter and report.
         core.keepInputs = true;
@@ -155,7 +155,18 @@ struct ParallelStream::Impl {
         // Copied here, before any thread starts: the reading thread's table
         // grows while the workers run.
         const std::map<std::uint16_t, std::string> names = core.session.levelNames;
+        readerState = std::make_unique<WorkerDecoder>(names);
         try {
+            // A capture read in a thread of its own: that thread renders
+            // batches while it holds all the bytes it may.
+            if (core.source) {
+                auto helper = std::make_unique<WorkerDecoder>(names);
+                WorkerDecoder& state = *helper;
+                if (core.source->setIdleWork(
+                        [this, &state] { return renderQueued(state, nullptr); })) {
+                    helperState = std::move(helper);
+                }
+            }
             for (unsigned i = 0; i < jobs; ++i) {
                 workers.emplace_back([this, names] { work(names); });
             }
@@ -170,6 +181,9 @@ struct ParallelStream::Impl {
     ~Impl() { stopWorkers(); }
 
     void stopWorkers() {
+        if (helperState) {
+            core.source->setIdleWork(nullptr);
+        }
         {
             std::lock_guard<std::mutex> lock(mutex);
             quit = true;
@@ -196,17 +210,38 @@ struct ParallelStream::Impl {
                 batch = queued.front();
                 queued.pop_front();
             }
-            try {
-                renderBatch(state, *batch);
-            } catch (...) {
-                batch->error = std::current_exception();
-            }
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                batch->done = true;
-            }
-            finished.notify_all();
+            finish(state, *batch);
         }
+    }
+
+    /// Renders `batch`, taken from the queue, and marks it done.
+    void finish(WorkerDecoder& state, Batch& batch) {
+        try {
+            renderBatch(state, batch);
+        } catch (...) {
+            batch.error = std::current_exception();
+        }
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            batch.done = true;
+        }
+        finished.notify_all();
+    }
+
+    /// Renders the batch first in the queue, if any: false when there is
+    /// none (or, with `awaited`, once that batch is done).
+    bool renderQueued(WorkerDecoder& state, const Batch* awaited) {
+        Batch* batch = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (quit || queued.empty() || (awaited != nullptr && awaited->done)) {
+                return false;
+            }
+            batch = queued.front();
+            queued.pop_front();
+        }
+        finish(state, *batch);
+        return true;
     }
 
     void renderBatch(WorkerDecoder& state, Batch& batch) {
@@ -330,6 +365,9 @@ struct ParallelStream::Impl {
                 queued.push_back(handed);
             }
             wake.notify_one();
+            if (helperState) {
+                core.source->idleWorkQueued();
+            }
         }
     }
 
@@ -353,6 +391,10 @@ struct ParallelStream::Impl {
                 return false;
             }
             Batch& batch = *window.front();
+            // The batches not yet taken, the front one first, are rendered
+            // here while it is not done.
+            while (renderQueued(*readerState, &batch)) {
+            }
             {
                 std::unique_lock<std::mutex> lock(mutex);
                 finished.wait(lock, [&batch] { return batch.done; });
@@ -415,6 +457,10 @@ struct ParallelStream::Impl {
     std::deque<Batch*> queued;         // guarded by mutex
     bool quit = false;                 // guarded by mutex
     std::vector<std::thread> workers;
+    // The reading thread's decoder, for the batches it renders itself, and
+    // the source thread's, for those it renders while it waits for room.
+    std::unique_ptr<WorkerDecoder> readerState;
+    std::unique_ptr<WorkerDecoder> helperState;
 
     // The reading thread's own.
     std::deque<std::unique_ptr<Batch>> window;  // handed to the workers, in order
@@ -434,7 +480,7 @@ struct ParallelStream::Impl {
 };
 
 ParallelStream::ParallelStream(CaptureStream& stream, unsigned jobs, Render render)
-    : impl_(std::make_unique<Impl>(stream, jobs == 0 ? 1 : jobs, std::move(render))) {}
+    : impl_(std::make_unique<Impl>(stream, jobs, std::move(render))) {}
 
 ParallelStream::~ParallelStream() = default;
 

@@ -8,8 +8,12 @@
 #include <zlib.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "CaptureBytes.h"
@@ -652,6 +656,63 @@ TEST(CaptureSourcePipeline, ASourceLeftEarlyStopsItsThread) {
     }
     auto failing = Tav::capture::pipelined(Tav::capture::openFile("/nonexistent/x.pcap"));
     EXPECT_EQ(failing, nullptr);
+}
+
+TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadWhileItsQueueIsFull) {
+    const Bytes big = noise(5000000, 46);
+    auto direct = openMemory(big.data(), big.size());
+    EXPECT_FALSE(direct->setIdleWork([] { return false; }))
+        << "a source without a thread of its own takes no idle work";
+
+    auto source = Tav::capture::pipelined(openMemory(big.data(), big.size()));
+    std::mutex mutex;
+    std::condition_variable called;
+    int tasks = 3;  // what the work has to do, taken one call at a time
+    int calls = 0;
+    std::thread::id where;
+    ASSERT_TRUE(source->setIdleWork([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++calls;
+        where = std::this_thread::get_id();
+        called.notify_all();
+        if (tasks == 0) {
+            return false;
+        }
+        --tasks;
+        return true;
+    }));
+    // Nothing is read: the thread fills its queue, then works until nothing
+    // is left (three tasks and the call that finds none).
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 4; }));
+        EXPECT_EQ(tasks, 0);
+        EXPECT_NE(where, std::this_thread::get_id());
+    }
+    // Asked again once told that there is more.
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        tasks = 1;
+    }
+    source->idleWorkQueued();
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 6; }));
+        EXPECT_EQ(tasks, 0);
+    }
+    // Withdrawn: never called again, and the bytes come through whole.
+    source->setIdleWork(nullptr);
+    int after = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        after = calls;
+        tasks = 5;
+    }
+    source->idleWorkQueued();
+    EXPECT_TRUE(drain(*source, 65536) == big);
+    EXPECT_EQ(source->state(), SourceState::End);
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(calls, after);
 }
 
 }  // namespace

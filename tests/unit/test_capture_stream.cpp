@@ -12,6 +12,8 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -334,21 +336,26 @@ struct SeenHeaders {
     Tav::RecordKind kind;
 };
 
-/// The same captures through ParallelStream: `jobs` workers render each
-/// record's line; events come from the capture stream in the calling thread.
+/// The same captures through ParallelStream: `jobs` workers (and the calling
+/// thread) render each record's line; events come from the capture stream in
+/// the calling thread.
 /// The headers and number handed out with a record are those its worker saw.
 /// The renderings of a run are still in place when its last item is out
 /// (`runs` counts the runs).
 /// Without `render` (`linesOnly`), the renderings are the lines the workers
 /// wrote in place, and only the headers' presence is checked.
+/// `inflateThread`: the capture is read in a thread of its own, which renders
+/// batches too.
 Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
                        unsigned jobs, bool strict, std::size_t* runs = nullptr,
-                       bool linesOnly = false) {
+                       bool linesOnly = false, bool inflateThread = false) {
     Printed printed;
     std::vector<std::pair<std::string_view, std::string>> inRun;
     Tav::StreamSession session(reader);
     for (const std::string& path : paths) {
-        Tav::CaptureStream stream(reader, path, streamOptionsOf(reader, strict, session));
+        Tav::StreamOptions options = streamOptionsOf(reader, strict, session);
+        options.inflateThread = inflateThread;
+        Tav::CaptureStream stream(reader, path, options);
         Tav::ParallelStream::Render render;
         if (!linesOnly) {
             render = [](const Tav::Record& record, std::string& out) {
@@ -468,16 +475,18 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
         const Printed piped = readWithStreams(fresh, paths, round % 2 == 0, true, round % 3 != 0);
         ASSERT_EQ(piped.out, expected.out) << "round " << round << " inflating in a thread";
         ASSERT_EQ(piped.err, expected.err) << "round " << round << " inflating in a thread";
-        // Decoded again by one to four workers.
-        const unsigned jobs = 1 + static_cast<unsigned>(round % 4);
-        const Printed parallel = readInParallel(fresh, paths, jobs, round % 2 == 1);
+        // Decoded again by no to four workers, the capture read in a thread
+        // of its own (which renders too) or not.
+        const unsigned jobs = static_cast<unsigned>(round % 5);
+        const Printed parallel =
+            readInParallel(fresh, paths, jobs, round % 2 == 1, nullptr, false, round % 3 == 0);
         ASSERT_EQ(parallel.out, expected.out)
             << "round " << round << " with " << jobs << " workers";
         ASSERT_EQ(parallel.err, expected.err)
             << "round " << round << " with " << jobs << " workers";
         // The lines written in place by the workers, without a render.
         const Printed lines =
-            readInParallel(fresh, paths, 1 + (jobs % 3), round % 2 == 0, nullptr, true);
+            readInParallel(fresh, paths, jobs % 3, round % 2 == 0, nullptr, true, round % 3 == 1);
         ASSERT_EQ(lines.out, expected.out) << "round " << round << " lines in place";
         ASSERT_EQ(lines.err, expected.err) << "round " << round << " lines in place";
         // Every line written piece by piece rather than in steps.
@@ -1096,20 +1105,85 @@ TEST(CaptureStreamThreads, WorkersPrintWhatOneThreadPrints) {
     ASSERT_TRUE(reader.isGood());
     const Printed serial = readWithStreams(reader, paths, false);
     ASSERT_GT(std::count(serial.out.begin(), serial.out.end(), '\n'), 5000);
-    for (const unsigned jobs : {1u, 2u, 3u, 4u}) {
+    for (const unsigned jobs : {0u, 1u, 2u, 3u, 4u}) {
         std::size_t runs = 0;
-        const Printed parallel = readInParallel(reader, paths, jobs, false, &runs);
+        const Printed parallel =
+            readInParallel(reader, paths, jobs, false, &runs, false, jobs % 2 == 0);
         EXPECT_EQ(parallel.out, serial.out) << jobs << " workers";
         EXPECT_EQ(parallel.err, serial.err) << jobs << " workers";
         // Several runs in each capture.
         EXPECT_GT(runs, 2 * paths.size()) << jobs << " workers";
         // The lines written in place, and unmoved until their run ends.
         runs = 0;
-        const Printed lines = readInParallel(reader, paths, jobs, false, &runs, true);
+        const Printed lines =
+            readInParallel(reader, paths, jobs, false, &runs, true, jobs % 2 == 1);
         EXPECT_EQ(lines.out, serial.out) << jobs << " workers, lines in place";
         EXPECT_EQ(lines.err, serial.err) << jobs << " workers, lines in place";
         EXPECT_GT(runs, 2 * paths.size()) << jobs << " workers, lines in place";
     }
+}
+
+TEST(CaptureStreamThreads, WithoutWorkersTheCallingAndTheReadingThreadsRender) {
+    // Larger than the bytes the reading thread may hold: it waits for room,
+    // and renders batches meanwhile.
+    Random random{83};
+    TempDir dict;
+    writeRandomDictionary(dict, random, 3);
+    TempDir dir;
+    std::string file = pcapHeader(150);
+    while (file.size() < 6u * 1024 * 1024) {
+        file += randomCapture(random, 3, false, false).substr(24);
+    }
+    const std::vector<std::string> paths{dir.writeFile("big.pcap", file)};
+    StderrCapture loading;
+    const Tav::BinaryLogXmlReader reader(dict.slash(), true, 5000, 8);
+    loading.stop();
+    ASSERT_TRUE(reader.isGood());
+    const Printed serial = readWithStreams(reader, paths, false);
+    ASSERT_GT(std::count(serial.out.begin(), serial.out.end(), '\n'), 20000);
+
+    // The threads that rendered, as each rendering names its own.
+    auto renderers = [&](bool inflateThread, Printed& printed) {
+        std::mutex mutex;
+        std::set<std::thread::id> threads;
+        Tav::StreamSession session(reader);
+        Tav::StreamOptions options = streamOptionsOf(reader, false, session);
+        options.inflateThread = inflateThread;
+        Tav::CaptureStream stream(reader, paths[0], options);
+        Tav::ParallelStream parallel(stream, 0, [&](const Tav::Record& record, std::string& out) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                threads.insert(std::this_thread::get_id());
+            }
+            out.append(record.text.data(), record.text.size());
+        });
+        while (parallel.next()) {
+            if (parallel.isRecord()) {
+                printed.out.append(parallel.rendered().data(), parallel.rendered().size());
+            } else {
+                const Tav::Event* event = parallel.event();
+                (event->stream == Tav::EventStream::Output ? printed.out : printed.err)
+                    .append(event->text.data(), event->text.size());
+            }
+        }
+        return threads;
+    };
+    Printed alone;
+    const std::set<std::thread::id> one = renderers(false, alone);
+    EXPECT_EQ(alone.out, serial.out);
+    EXPECT_EQ(alone.err, serial.err);
+    EXPECT_EQ(one, std::set<std::thread::id>{std::this_thread::get_id()});
+    // With a reading thread: both render (asked up to three times, as a
+    // busy machine may let the calling thread render everything).
+    std::set<std::thread::id> two;
+    for (int run = 0; run < 3 && two.size() < 2; ++run) {
+        Printed helped;
+        two = renderers(true, helped);
+        EXPECT_EQ(helped.out, serial.out) << "run " << run;
+        EXPECT_EQ(helped.err, serial.err) << "run " << run;
+    }
+    EXPECT_EQ(two.size(), 2u);
+    EXPECT_EQ(two.count(std::this_thread::get_id()), 1u);
 }
 
 TEST(CaptureStreamThreads, EventsAloneAreCutIntoBatchesToo) {

@@ -717,7 +717,9 @@ class Run {
                     }
                 };
             }
-            Tav::ParallelStream workers(stream, jobs_, std::move(render));
+            // N threads decode: this one, the inflating one (both render
+            // batches while they wait) and N - 2 workers.
+            Tav::ParallelStream workers(stream, jobs_ - 2, std::move(render));
             // The renderings are written from the workers' batches: what
             // waits goes out before the batches go, whatever ends the loop.
             struct FlushFirst {
@@ -767,7 +769,7 @@ class Run {
     std::string& activity_;
     wexbl_decode::Summary* summary_ = nullptr;
     Tav::StreamSession session_;
-    /// Decoding workers for a capture file (1: none, the run's own thread).
+    /// Decoding threads for a capture file (1: the run's own thread alone).
     unsigned jobs_;
     int status_ = kExitOk;
     std::uint64_t records_ = 0;
@@ -1040,18 +1042,13 @@ int run(int argc, char** argv, std::string& activity) {
     Progress progress(progressShown);
     Diagnostics diagnostics(output, progress, options.verbose, options.resync);
     Writer writer(output, options, colour);
-    // The default workers: as many as the CPUs, beside the inflating and the
-    // reading threads; but for text one fewer, as a text line now costs about
-    // as much as inflating its record and the one decoding thread beside the
-    // inflating one is the faster on two cores (JSON and CSV cost more a
-    // record and gain from every core). One for a terminal: a person
-    // reading along wants the first lines at once, not a batch.
+    // The default: a decoding thread for each CPU (the main thread and the
+    // inflating one count, as both render batches while they wait). One for
+    // a terminal: a person reading along wants the first lines at once, not
+    // a batch.
     unsigned jobs = options.jobs;
     if (jobs == 0) {
-        long online = sysconf(_SC_NPROCESSORS_ONLN);
-        if (options.format == Format::Text) {
-            --online;
-        }
+        const long online = sysconf(_SC_NPROCESSORS_ONLN);
         jobs =
             isatty(fileno(out)) || online < 1 ? 1 : static_cast<unsigned>(std::min(online, 256L));
     }
