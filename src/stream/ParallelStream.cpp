@@ -107,7 +107,7 @@ struct Batch {
     std::size_t handouts = 0;
     std::vector<Kept> events;
     std::string eventTexts;
-    std::string payloads;
+    detail::TextBuilder payloads;  // appended inline, unlike a string
     /// The renderings: what `render` appended, or without a `render` the
     /// lines themselves, which the decoder writes here.
     std::string rendered;
@@ -250,6 +250,10 @@ struct ParallelStream::Impl {
         // Without a `render`, a record's rendering is its line: written
         // where it is handed out from, not copied there.
         state.decoder.setLineBuffer(render ? nullptr : &batch.lines);
+        // Taken once: the capture stream's state lies near what the reading
+        // thread writes for every record.
+        const std::string_view capture = core.name;
+        const detail::PlanSet& plans = core.plans;
         std::size_t handouts = 0;
         for (std::size_t i = 0; i < batch.items.size(); ++i) {
             const Batch::Item& item = batch.items[i];
@@ -259,11 +263,11 @@ struct ParallelStream::Impl {
                 continue;
             }
             detail::RecordOrigin origin;
-            origin.capture = core.name;
+            origin.capture = capture;
             origin.number = item.headers.number;
             origin.offset = item.offset;
             out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
-            state.decoder.decode(core.plans, settings, item.headers.pcap, item.headers.header,
+            state.decoder.decode(plans, settings, item.headers.pcap, item.headers.header,
                                  ByteReader(payloads + item.payloadOffset, item.payloadSize),
                                  item.statsLength, origin);
             out.eventCount = static_cast<std::uint32_t>(batch.events.size() - out.firstEvent);
