@@ -16,9 +16,10 @@
 //     from the payload, must equal the JSON written from the fields of a
 //     copy of the record;
 //   - the same stream read by two workers (ParallelStream), their lines
-//     written in place or, for inputs of odd length, appended by a render
-//     function: the same records and events in the same order as the stream
-//     read alone (the statistics summary too: the whole capture is read);
+//     written in place (and taken with those that follow them in one piece)
+//     or, for inputs of odd length, appended by a render function: the same
+//     records and events in the same order as the stream read alone (the
+//     statistics summary too: the whole capture is read);
 //   - a CaptureStream that reads every format (not strict). Where the harness
 //     knows what the capture holds, it must give what a strict stream gives
 //     for the same records written as a little-endian microsecond pcap
@@ -646,6 +647,13 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::string&
         if (workers.isRecord()) {
             const std::string_view line = workers.rendered();
             printed.out.append(line.data(), line.size());
+            // Lines in place: those that follow it, in one piece.
+            std::uint64_t following = 0;
+            const std::string_view lines = workers.moreLines(following);
+            if (lines.size() != 0 && (withRender || lines.data() != line.data() + line.size())) {
+                wexbl_fuzz::mismatch("more lines", std::string(line), std::string(lines));
+            }
+            printed.out.append(lines.data(), lines.size());
             continue;
         }
         const Tav::Event* event = workers.event();

@@ -66,6 +66,14 @@ class WEXBL_API ParallelStream {
     /// appended for it (valid until the next call of next()).
     bool isRecord() const;
     std::string_view rendered() const;
+    /// After a record whose rendering is its line (no `render`): moves past
+    /// the records that follow it in its run up to the next event, as far as
+    /// their lines lie one after another right behind its own, and returns
+    /// those lines in one piece; `count` is set to how many records that is
+    /// (0, with nothing returned, when there is none). The current item is
+    /// then the last of them. A program that prints every line at once so
+    /// hands out a run's records with a call or two instead of one each.
+    std::string_view moreLines(std::uint64_t& count);
     /// Whether the current item ends a run: the items are handed out in
     /// runs, and the renderings of a run stay in place until the call of
     /// next() after the one that handed out its last item (the item for

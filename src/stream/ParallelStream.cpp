@@ -157,16 +157,7 @@ struct ParallelStream::Impl {
         const std::map<std::uint16_t, std::string> names = core.session.levelNames;
         readerState = std::make_unique<WorkerDecoder>(names);
         try {
-            // A capture read in a thread of its own: that thread renders
-            // batches while it holds all the bytes it may.
-            if (core.source) {
-                auto helper = std::make_unique<WorkerDecoder>(names);
-                WorkerDecoder& state = *helper;
-                if (core.source->setIdleWork(
-                        [this, &state] { return renderQueued(state, nullptr); })) {
-                    helperState = std::move(helper);
-                }
-            }
+            offerIdleWork(names);
             for (unsigned i = 0; i < jobs; ++i) {
                 workers.emplace_back([this, names] { work(names); });
             }
@@ -179,6 +170,20 @@ struct ParallelStream::Impl {
     }
 
     ~Impl() { stopWorkers(); }
+
+    /// A capture read in a thread of its own: that thread renders batches
+    /// while it holds all the bytes it may. (Apart from the constructor,
+    /// whose worker threads' lambda keeps its exported name.)
+    void offerIdleWork(const std::map<std::uint16_t, std::string>& names) {
+        if (!core.source) {
+            return;
+        }
+        auto helper = std::make_unique<WorkerDecoder>(names);
+        WorkerDecoder& state = *helper;
+        if (core.source->setIdleWork([this, &state] { return renderQueued(state, nullptr); })) {
+            helperState = std::move(helper);
+        }
+    }
 
     void stopWorkers() {
         if (helperState) {
@@ -449,6 +454,45 @@ struct ParallelStream::Impl {
         return false;
     }
 
+    /// See ParallelStream::moreLines().
+    std::string_view moreLines(std::uint64_t& count) {
+        count = 0;
+        if (!recordNow || render) {
+            return std::string_view();
+        }
+        const Batch& batch = *current;
+        const std::size_t start = currentOut->renderedOffset + currentOut->renderedSize;
+        std::size_t end = start;
+        std::size_t last = at;
+        for (std::size_t i = at + 1; i < batch.outs.size(); ++i) {
+            const Batch::Out& out = batch.outs[i];
+            if (!out.isRecord || out.eventCount != 0) {
+                break;  // an event comes first
+            }
+            if (!out.produced) {
+                continue;  // dropped by the filter: nothing to hand out
+            }
+            if (out.renderedOffset != end) {
+                break;
+            }
+            end += out.renderedSize;
+            last = i;
+            ++count;
+        }
+        if (count == 0) {
+            return std::string_view();
+        }
+        // The last of them is now the current item, handed out whole (its
+        // events are none).
+        at = last;
+        sub = 1;
+        remaining -= count;
+        records += count;
+        currentItem = &batch.items[last];
+        currentOut = &batch.outs[last];
+        return std::string_view(batch.lines.data() + start, end - start);
+    }
+
     CaptureStream::Impl& core;
     const detail::DecodeSettings saved;  // the capture stream's own settings
     Render render;
@@ -504,6 +548,10 @@ std::string_view ParallelStream::rendered() const {
     const char* base = impl_->render ? batch.rendered.data() : batch.lines.data();
     return std::string_view(base + impl_->currentOut->renderedOffset,
                             impl_->currentOut->renderedSize);
+}
+
+std::string_view ParallelStream::moreLines(std::uint64_t& count) {
+    return impl_->moreLines(count);
 }
 
 bool ParallelStream::runEnds() const {

@@ -345,10 +345,11 @@ struct SeenHeaders {
 /// Without `render` (`linesOnly`), the renderings are the lines the workers
 /// wrote in place, and only the headers' presence is checked.
 /// `inflateThread`: the capture is read in a thread of its own, which renders
-/// batches too.
+/// batches too. `moreLines`: the lines in place that follow a record's are
+/// taken with it, in one piece.
 Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<std::string>& paths,
                        unsigned jobs, bool strict, std::size_t* runs = nullptr,
-                       bool linesOnly = false, bool inflateThread = false) {
+                       bool linesOnly = false, bool inflateThread = false, bool moreLines = false) {
     Printed printed;
     std::vector<std::pair<std::string_view, std::string>> inRun;
     Tav::StreamSession session(reader);
@@ -366,14 +367,33 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
             };
         }
         Tav::ParallelStream parallel(stream, jobs, std::move(render));
+        std::uint64_t records = 0;
         while (parallel.next()) {
+            std::uint64_t following = 0;
+            if (parallel.isRecord()) {
+                ++records;
+            }
             if (parallel.isRecord() && linesOnly) {
                 EXPECT_EQ(parallel.event(), nullptr);
                 EXPECT_NE(parallel.headers(), nullptr);
                 const std::string_view line = parallel.rendered();
                 inRun.emplace_back(line, std::string(line));
                 printed.out.append(line.data(), line.size());
+                if (moreLines) {
+                    const std::string_view lines = parallel.moreLines(following);
+                    // Right behind the record's own line.
+                    EXPECT_EQ(following == 0 ? nullptr : lines.data(),
+                              following == 0 ? nullptr : line.data() + line.size());
+                    EXPECT_EQ(lines.empty(), following == 0);
+                    inRun.emplace_back(lines, std::string(lines));
+                    printed.out.append(lines.data(), lines.size());
+                    records += following;
+                    EXPECT_TRUE(parallel.isRecord());
+                }
             } else if (parallel.isRecord()) {
+                std::uint64_t none = 1;
+                EXPECT_TRUE(parallel.moreLines(none).empty()) << "a render function's renderings";
+                EXPECT_EQ(none, 0u);
                 EXPECT_EQ(parallel.event(), nullptr);
                 std::string_view rendered = parallel.rendered();
                 SeenHeaders seen;
@@ -422,6 +442,7 @@ Printed readInParallel(const Tav::BinaryLogXmlReader& reader, const std::vector<
         }
         EXPECT_TRUE(inRun.empty()) << "the capture ended inside a run";
         inRun.clear();
+        EXPECT_EQ(parallel.records(), records);
     }
     return printed;
 }
@@ -485,8 +506,8 @@ TEST(CaptureStreamDifferential, RandomDictionariesAndCapturesPrintAsReadBinaryFi
         ASSERT_EQ(parallel.err, expected.err)
             << "round " << round << " with " << jobs << " workers";
         // The lines written in place by the workers, without a render.
-        const Printed lines =
-            readInParallel(fresh, paths, jobs % 3, round % 2 == 0, nullptr, true, round % 3 == 1);
+        const Printed lines = readInParallel(fresh, paths, jobs % 3, round % 2 == 0, nullptr, true,
+                                             round % 3 == 1, round % 4 != 0);
         ASSERT_EQ(lines.out, expected.out) << "round " << round << " lines in place";
         ASSERT_EQ(lines.err, expected.err) << "round " << round << " lines in place";
         // Every line written piece by piece rather than in steps.
@@ -1116,7 +1137,7 @@ TEST(CaptureStreamThreads, WorkersPrintWhatOneThreadPrints) {
         // The lines written in place, and unmoved until their run ends.
         runs = 0;
         const Printed lines =
-            readInParallel(reader, paths, jobs, false, &runs, true, jobs % 2 == 1);
+            readInParallel(reader, paths, jobs, false, &runs, true, jobs % 2 == 1, jobs != 3);
         EXPECT_EQ(lines.out, serial.out) << jobs << " workers, lines in place";
         EXPECT_EQ(lines.err, serial.err) << jobs << " workers, lines in place";
         EXPECT_GT(runs, 2 * paths.size()) << jobs << " workers, lines in place";

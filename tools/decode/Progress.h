@@ -17,11 +17,13 @@ class Progress {
 
     /// A new capture of `size` bytes on disk (0 when unknown).
     void startCapture(const std::string& name, std::uint64_t size);
-    /// Called for every record; redraws now and then. `bytesRead` gives
-    /// the bytes read so far, asked for only when the line is redrawn.
+    /// Called for every record, or for `added` records at once; redraws
+    /// every 4096 records or so. `bytesRead` gives the bytes read so far,
+    /// asked for only when the line is redrawn.
     template <typename BytesRead>
-    void update(const BytesRead& bytesRead, std::uint64_t records) {
-        if (enabled_ && ++calls_ % 4096 == 0) {
+    void update(const BytesRead& bytesRead, std::uint64_t records, std::uint64_t added = 1) {
+        if (enabled_ && (counted_ += added) >= nextDraw_) {
+            nextDraw_ = counted_ + 4096;
             draw(bytesRead(), records);
         }
     }
@@ -35,7 +37,8 @@ class Progress {
     bool shown_ = false;
     std::string name_;
     std::uint64_t size_ = 0;
-    std::uint64_t calls_ = 0;
+    std::uint64_t counted_ = 0;  // records given to update()
+    std::uint64_t nextDraw_ = 4096;
     double started_ = 0;
     double lastDrawn_ = 0;
 };

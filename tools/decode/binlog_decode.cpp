@@ -629,10 +629,17 @@ class Run {
                 summary_->record(facts, tag);
             }
             // Written from where the worker left it: it stays there until
-            // the run ends.
+            // the run ends. Lines in place come with those that follow them.
             out_.writeInPlace(rendered);
-            ++records_;
-            progress_.update([&stream] { return stream.inputBytesRead(); }, records_);
+            std::uint64_t count = 1;
+            std::uint64_t following = 0;
+            const std::string_view lines = workers.moreLines(following);
+            if (following != 0) {
+                out_.writeInPlace(lines);
+                count += following;
+            }
+            records_ += count;
+            progress_.update([&stream] { return stream.inputBytesRead(); }, records_, count);
             more = !limitReached();
         } else {
             more = handleEvent(*workers.event(), writer_);
