@@ -15,13 +15,13 @@
 // payloads with texts and values, apply the stream's filter, report what the
 // payloads hold (display formats not found, ...) and hand each record kept to
 // `render`, which appends what the program prints for it; next() then hands
-// out the events and the renderings in capture order. The calling thread
-// renders batches too while it waits for the next one, and so does the
-// capture's reading thread, when it reads in a thread of its own
-// (StreamOptions::inflateThread), while it holds all the bytes it may: on
-// two cores, no worker thread at all (jobs 0) keeps both busy. So a program that
+// out the events and the renderings in capture order. So a program that
 // prints the renderings and the events in the order next() gives prints
-// byte for byte what it prints from the capture stream alone.
+// byte for byte what it prints from the capture stream alone. The calling
+// thread renders batches too while it waits for the next one, and so does
+// the capture's reading thread, when it reads in a thread of its own
+// (StreamOptions::inflateThread), while it holds all the bytes it may: on
+// two cores, no worker thread at all (jobs 0) keeps both busy.
 //
 // The capture stream (not following a file) must outlive this object and is
 // not used otherwise while it is; its texts and values settings play no part.
