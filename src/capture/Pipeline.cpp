@@ -1,16 +1,19 @@
 // A byte source whose inflating runs in a thread of its own.
 //
-// The producer thread reads the inner source in chunks of up to kChunkBytes
-// and hands them over through a queue of at most kQueuedChunks chunks (so at
-// most about 2 MiB are ever in flight); the reader's thread copies them into
-// its own window as it asks for bytes. The inner source's end, data error or
-// read error travels through the queue behind the last bytes before it, so
-// the reader sees exactly what the inner source would have shown it, in the
-// same order: the bytes, then the state with its message and offset. A
-// recovery after a data error is asked of the producer, which calls the
-// inner source's recover() and goes on. While the queue is full, the producer
-// does the idle work its reader gave it (rendering decoded records) instead
-// of waiting idle.
+// The producer thread has the inner source write its bytes straight into
+// chunks of up to kChunkBytes (readInto()) and hands them over through a
+// queue of at most kQueuedChunks chunks (so at most about 2 MiB are ever in
+// flight). The reader's thread reads a chunk where it lies: the few bytes
+// left of the one before (a record cut by the chunk's start) are put in
+// front of it, in room every chunk keeps there; a request larger than that
+// is served from a window of the reader's own, the chunks copied into it.
+// The inner source's end, data error or read error travels through the
+// queue behind the last bytes before it, so the reader sees exactly what the
+// inner source would have shown it, in the same order: the bytes, then the
+// state with its message and offset. A recovery after a data error is asked
+// of the producer, which calls the inner source's recover() and goes on.
+// While the queue is full, the producer does the idle work its reader gave
+// it (rendering decoded records) instead of waiting idle.
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
@@ -31,15 +34,21 @@ namespace {
 
 constexpr std::size_t kChunkBytes = 256 * 1024;
 constexpr std::size_t kQueuedChunks = 8;
+/// Room before a chunk's bytes for the bytes left of the chunk before.
+constexpr std::size_t kHeadroom = 64 * 1024;
 constexpr std::size_t kWindowCapacity = ByteSource::kWindowLimit + kChunkBytes;
 
 /// Bytes from the inner source, or how it stopped.
 struct Chunk {
-    std::vector<unsigned char> bytes;
+    /// kHeadroom bytes of room, then `size` bytes (null: no bytes).
+    std::unique_ptr<unsigned char[]> storage;
+    std::size_t size = 0;
     bool last = false;  // the inner source stopped after these bytes
     SourceState state = SourceState::Ok;
     std::string error;
     std::uint64_t errorOffset = 0;
+
+    unsigned char* bytes() const { return storage.get() + kHeadroom; }
 };
 
 class PipelinedSource final : public ByteSource {
@@ -107,45 +116,81 @@ class PipelinedSource final : public ByteSource {
         if (state_ != SourceState::Ok || n <= available_) {
             return available_;
         }
+        Chunk chunk = take();
+        if (chunk.size == 0) {
+            // The last chunk, without bytes: the bytes stay where they are.
+            settle(chunk);
+            return available_;
+        }
+        if (available_ <= kHeadroom && (available_ + chunk.size >= n || chunk.last)) {
+            // The bytes left go in front of the chunk, which becomes the
+            // window; the chunk read before goes back to the producer.
+            unsigned char* const start = chunk.bytes() - available_;
+            if (available_ != 0) {
+                std::memcpy(start, data_, available_);
+            }
+            data_ = start;
+            available_ += chunk.size;
+            settle(chunk);
+            recycle(std::move(current_.storage));
+            current_ = std::move(chunk);
+            return available_;
+        }
+        // More than fits in front of a chunk, or than one chunk brings: the
+        // reader's own window, the chunks copied into it.
         if (data_ != window_.get()) {
             std::memmove(window_.get(), data_, available_);
             data_ = window_.get();
         }
-        while (available_ < n && state_ == SourceState::Ok) {
-            Chunk chunk;
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                changed_.wait(lock, [this] { return !queue_.empty(); });
-                // A chunk larger than the room left waits for the next call:
-                // the room is at least kChunkBytes, as available_ < n.
-                chunk = std::move(queue_.front());
-                queue_.pop_front();
-                compressed_ = innerCompressed_;
-                inputRead_ = innerInput_;
+        recycle(std::move(current_.storage));
+        for (;;) {
+            // A chunk fits: fewer than n <= kWindowLimit bytes are there.
+            if (chunk.size != 0) {
+                std::memcpy(window_.get() + available_, chunk.bytes(), chunk.size);
+                available_ += chunk.size;
             }
-            changed_.notify_all();
-            // (The last chunk may hold no bytes, and no buffer.)
-            if (!chunk.bytes.empty()) {
-                std::memcpy(window_.get() + available_, chunk.bytes.data(), chunk.bytes.size());
-                available_ += chunk.bytes.size();
+            settle(chunk);
+            recycle(std::move(chunk.storage));
+            if (available_ >= n || state_ != SourceState::Ok) {
+                return available_;
             }
-            if (chunk.last) {
-                state_ = chunk.state;
-                error_ = std::move(chunk.error);
-                errorOffset_ = chunk.errorOffset;
-            }
-            recycle(std::move(chunk.bytes));
+            chunk = take();
         }
-        return available_;
     }
 
   private:
-    /// Keeps a used buffer for the producer.
-    void recycle(std::vector<unsigned char> bytes) {
+    /// The next chunk of the queue, waited for.
+    Chunk take() {
+        Chunk chunk;
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return !queue_.empty(); });
+            chunk = std::move(queue_.front());
+            queue_.pop_front();
+            compressed_ = innerCompressed_;
+            inputRead_ = innerInput_;
+        }
+        changed_.notify_all();
+        return chunk;
+    }
+
+    /// Takes over how the inner source stopped, after the last chunk.
+    void settle(Chunk& chunk) {
+        if (chunk.last) {
+            state_ = chunk.state;
+            error_ = std::move(chunk.error);
+            errorOffset_ = chunk.errorOffset;
+        }
+    }
+
+    /// Keeps a chunk's storage for the producer.
+    void recycle(std::unique_ptr<unsigned char[]> storage) {
+        if (!storage) {
+            return;
+        }
         std::lock_guard<std::mutex> lock(mutex_);
         if (spare_.size() < kQueuedChunks) {
-            bytes.clear();
-            spare_.push_back(std::move(bytes));
+            spare_.push_back(std::move(storage));
         }
     }
 
@@ -153,7 +198,7 @@ class PipelinedSource final : public ByteSource {
     void produce() {
         try {
             for (;;) {
-                std::vector<unsigned char> buffer;
+                Chunk chunk;
                 {
                     std::unique_lock<std::mutex> lock(mutex_);
                     waitForRoom(lock);
@@ -161,17 +206,15 @@ class PipelinedSource final : public ByteSource {
                         return;
                     }
                     if (!spare_.empty()) {
-                        buffer = std::move(spare_.back());
+                        chunk.storage = std::move(spare_.back());
                         spare_.pop_back();
                     }
                 }
-                const std::size_t have = inner_->ensure(kChunkBytes);
-                const std::size_t take = std::min(have, kChunkBytes);
-                buffer.assign(inner_->data(), inner_->data() + take);
-                inner_->consume(take);
-                Chunk chunk;
-                chunk.bytes = std::move(buffer);
-                if (take < kChunkBytes) {
+                if (!chunk.storage) {
+                    chunk.storage.reset(new unsigned char[kHeadroom + kChunkBytes]);
+                }
+                chunk.size = inner_->readInto(chunk.bytes(), kChunkBytes);
+                if (chunk.size < kChunkBytes) {
                     // Fewer bytes than asked for: the inner source stopped.
                     chunk.last = true;
                     chunk.state = inner_->state();
@@ -254,7 +297,8 @@ class PipelinedSource final : public ByteSource {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<Chunk> queue_;
-    std::vector<std::vector<unsigned char>> spare_;
+    std::vector<std::unique_ptr<unsigned char[]>> spare_;
+    Chunk current_;  // the chunk the available bytes lie in, if any (reader's)
     bool quit_ = false;
     bool recoverAsked_ = false;
     bool recovered_ = false;

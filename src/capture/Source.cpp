@@ -48,6 +48,23 @@ namespace capture {
 
 ByteSource::~ByteSource() = default;
 
+std::size_t ByteSource::readInto(unsigned char* to, std::size_t n) {
+    std::size_t done = 0;
+    while (done < n) {
+        const std::size_t want = std::min(n - done, kWindowLimit);
+        const std::size_t take = std::min(ensure(want), want);
+        if (take != 0) {
+            std::memcpy(to + done, data_, take);
+            consume(take);
+            done += take;
+        }
+        if (take < want) {
+            break;
+        }
+    }
+    return done;
+}
+
 void ByteSource::fail(SourceState state, std::string message) {
     state_ = state;
     error_ = std::move(message);
@@ -175,11 +192,16 @@ class StreamSource final : public ByteSource {
 
     bool recover(std::uint64_t& skipped) override;
 
+    std::size_t readInto(unsigned char* to, std::size_t n) override;
+
   protected:
     std::size_t refill(std::size_t n) override;
 
   private:
     enum class Mode { Look, Gzip, Copy };
+    /// Runs the steps of the current mode until `n` bytes are available or
+    /// the stream stops (or would block).
+    void produce(std::size_t n);
     enum class Pull { Data, Eof, Again, Error };
 
     bool fromMemory() const { return fromMemory_; }
@@ -223,6 +245,10 @@ class StreamSource final : public ByteSource {
     bool inputEnded_ = false;
 
     std::unique_ptr<unsigned char[]> window_;
+    /// Where inflating and reading write the bytes they produce, available_
+    /// bytes in: the window, or the buffer of a readInto() call.
+    unsigned char* out_ = nullptr;
+    std::size_t outCapacity_ = 0;
     ZlibInflater inflater_;
     Mode mode_ = Mode::Look;
     bool hadMember_ = false;
@@ -310,6 +336,8 @@ void StreamSource::useWindow() {
     if (!window_) {
         window_.reset(new unsigned char[kWindowCapacity]);
         data_ = window_.get();
+        out_ = window_.get();
+        outCapacity_ = kWindowCapacity;
     }
 }
 
@@ -393,8 +421,8 @@ void StreamSource::inflateStep() {
         }
     }
     z_stream& stream = inflater_.stream();
-    unsigned char* out = window_.get() + available_;
-    const std::size_t room = kWindowCapacity - available_;
+    unsigned char* out = out_ + available_;
+    const std::size_t room = outCapacity_ - available_;
     stream.next_in = const_cast<unsigned char*>(inNext_);
     stream.avail_in = static_cast<uInt>(inAvail_);
     stream.next_out = out;
@@ -443,8 +471,7 @@ void StreamSource::copyStep() {
         return;
     }
     for (;;) {
-        const ssize_t got =
-            ::read(fd_.get(), window_.get() + available_, kWindowCapacity - available_);
+        const ssize_t got = ::read(fd_.get(), out_ + available_, outCapacity_ - available_);
         if (got > 0) {
             available_ += static_cast<std::size_t>(got);
             inputRead_ += static_cast<std::uint64_t>(got);
@@ -481,11 +508,11 @@ void StreamSource::isalStep() {
         }
     }
     inflate_state& state = isal_->state();
-    const std::size_t room = std::min<std::size_t>(kWindowCapacity - available_, UINT32_MAX);
+    const std::size_t room = std::min<std::size_t>(outCapacity_ - available_, UINT32_MAX);
     const std::size_t offered = std::min<std::size_t>(inAvail_, UINT32_MAX);
     state.next_in = const_cast<unsigned char*>(inNext_);
     state.avail_in = static_cast<std::uint32_t>(offered);
-    state.next_out = window_.get() + available_;
+    state.next_out = out_ + available_;
     state.avail_out = static_cast<std::uint32_t>(room);
     const int ret = isal_inflate(&state);
     if (state.avail_out > room) {
@@ -710,6 +737,46 @@ std::size_t StreamSource::refill(std::size_t n) {
         std::memmove(window_.get(), data_, available_);
         data_ = window_.get();
     }
+    produce(n);
+    return available_;
+}
+
+std::size_t StreamSource::readInto(unsigned char* to, std::size_t n) {
+    // Once the kind of stream is known, the bytes in the window are copied
+    // and the rest is inflated or read straight into `to` (an inflated
+    // stream only ever looks for further members, which uses the window for
+    // nothing); before, everything goes through the window.
+    if (state_ != SourceState::Ok || !window_ || (mode_ != Mode::Gzip && mode_ != Mode::Copy)) {
+        return ByteSource::readInto(to, n);
+    }
+    const std::size_t copied = std::min(available_, n);
+    if (copied != 0) {
+        std::memcpy(to, data_, copied);
+        consume(copied);
+    }
+    if (copied == n) {
+        return n;
+    }
+    wouldBlock_ = false;
+    struct Restore {
+        StreamSource& source;
+        ~Restore() {
+            source.out_ = source.window_.get();
+            source.outCapacity_ = kWindowCapacity;
+            source.data_ = source.window_.get();
+            source.available_ = 0;
+        }
+    } restore{*this};
+    out_ = to + copied;
+    outCapacity_ = n - copied;
+    data_ = out_;
+    produce(outCapacity_);
+    const std::size_t produced = available_;
+    consume(produced);
+    return copied + produced;
+}
+
+void StreamSource::produce(std::size_t n) {
     while (available_ < n && state_ == SourceState::Ok && !wouldBlock_) {
         switch (mode_) {
             case Mode::Look:
@@ -727,7 +794,6 @@ std::size_t StreamSource::refill(std::size_t n) {
                 break;
         }
     }
-    return available_;
 }
 
 }  // namespace

@@ -138,6 +138,11 @@ class ByteSource {
     }
     /// Tells the source that its idle work has something to do again.
     virtual void idleWorkQueued() {}
+    /// Moves up to `n` bytes to `to` and consumes them; fewer only when
+    /// ensure() would come back short (see state() and wouldBlock()). A source
+    /// that produces bytes (inflating, reading a descriptor) may write them
+    /// to `to` itself rather than to its window and copy them from there.
+    virtual std::size_t readInto(unsigned char* to, std::size_t n);
 
   protected:
     ByteSource() = default;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -603,29 +604,86 @@ TEST(CaptureSourceInflaters, RandomlyDamagedStreamsComeOutAsWithZlib) {
 
 // ---- Inflating in a thread of its own --------------------------------------------------------
 
-/// A stream read directly and through a pipeline must come out the same.
+/// A stream read directly and through a pipeline must come out the same,
+/// from memory and from a file (whose bytes the source reads or inflates
+/// straight into the pipeline's chunks).
 void expectPipelineAgrees(const Bytes& stream, const std::string& what, std::size_t step) {
+    TempDir dir;
+    const std::string path = writeBytes(dir, "stream", stream);
     auto direct = openMemory(stream.data(), stream.size());
     const Drained expected = drainAll(*direct, step);
-    auto piped = Tav::capture::pipelined(openMemory(stream.data(), stream.size()));
-    const Drained actual = drainAll(*piped, step);
-    EXPECT_TRUE(actual.bytes == expected.bytes) << what;
-    EXPECT_EQ(actual.state, expected.state) << what;
-    EXPECT_EQ(actual.error, expected.error) << what;
-    EXPECT_EQ(actual.errorOffset, expected.errorOffset) << what;
-    EXPECT_EQ(piped->compressed(), direct->compressed()) << what;
-    EXPECT_EQ(piped->offset(), direct->offset()) << what;
+    for (const bool fromFile : {false, true}) {
+        auto piped = Tav::capture::pipelined(fromFile ? openFile(path)
+                                                      : openMemory(stream.data(), stream.size()));
+        const std::string where = what + (fromFile ? ", file" : ", memory");
+        const Drained actual = drainAll(*piped, step);
+        EXPECT_TRUE(actual.bytes == expected.bytes)
+            << where << ": " << actual.bytes.size() << " bytes, " << expected.bytes.size();
+        EXPECT_EQ(actual.state, expected.state) << where;
+        EXPECT_EQ(actual.error, expected.error) << where;
+        EXPECT_EQ(actual.errorOffset, expected.errorOffset) << where;
+        EXPECT_EQ(piped->compressed(), direct->compressed()) << where;
+        EXPECT_EQ(piped->offset(), direct->offset()) << where;
+    }
 }
 
 TEST(CaptureSourcePipeline, BytesEndsAndErrorsComeThroughInOrder) {
     const Bytes big = noise(3000000, 41);
-    for (const std::size_t step : {std::size_t(1000), std::size_t(25016), std::size_t(1) << 20}) {
+    // Requests that leave a few bytes of a chunk for the next, more than fit
+    // in front of it (65 KiB and more), and more than a chunk holds.
+    for (const std::size_t step : {std::size_t(1000), std::size_t(25016), std::size_t(70001),
+                                   std::size_t(200003), std::size_t(1) << 20}) {
         expectPipelineAgrees(big, "plain", step);
         expectPipelineAgrees(gzip(big), "gzip", step);
         expectPipelineAgrees(withBadCrc(gzip(big)), "wrong CRC", step);
         expectPipelineAgrees(gzipThenBadBlock(big), "reserved block type", step);
         expectPipelineAgrees(truncated(gzip(big), 1234567), "cut", step);
         expectPipelineAgrees(Bytes(), "empty", step);
+    }
+}
+
+TEST(CaptureSourcePipeline, ReadingIntoABufferGivesTheBytesEnsureGives) {
+    // readInto() between ensure() and consume(), with bytes still in the
+    // source's window and without, plain and gzip, file and memory: the
+    // bytes of the stream in order, and the source's state and offset as
+    // draining it gives them.
+    const Bytes data = noise(2500000, 46);
+    TempDir dir;
+    for (const bool compressed : {false, true}) {
+        const Bytes stream =
+            compressed ? concat(gzip(sub(data, 0, 900000)), gzip(sub(data, 900000, data.size())))
+                       : data;
+        const std::string path = writeBytes(dir, "stream", stream);
+        for (const bool fromFile : {false, true}) {
+            const std::string what =
+                std::string(compressed ? "gzip" : "plain") + (fromFile ? ", file" : ", memory");
+            auto source = fromFile ? openFile(path) : openMemory(stream.data(), stream.size());
+            Bytes out;
+            std::uint32_t seed = 5;
+            for (int round = 0; round < 10000; ++round) {
+                seed = seed * 1103515245u + 12345u;
+                const std::size_t n = 1 + (seed >> 8) % 300000;
+                if (seed % 3 == 0) {
+                    // Some bytes through the window first.
+                    const std::size_t have = source->ensure(n % 5000 + 1);
+                    const std::size_t take = std::min(have, n % 5000 + 1);
+                    out.insert(out.end(), source->data(), source->data() + take);
+                    source->consume(take);
+                }
+                Bytes buffer(n);
+                const std::size_t got = source->readInto(buffer.data(), n);
+                ASSERT_LE(got, n) << what;
+                out.insert(out.end(), buffer.begin(),
+                           buffer.begin() + static_cast<std::ptrdiff_t>(got));
+                if (got < n) {
+                    break;
+                }
+            }
+            EXPECT_TRUE(out == data) << what << ": " << out.size() << " bytes";
+            EXPECT_EQ(source->state(), SourceState::End) << what;
+            EXPECT_EQ(source->offset(), data.size()) << what;
+            EXPECT_EQ(source->ensure(1), 0u) << what;
+        }
     }
 }
 
