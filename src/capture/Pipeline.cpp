@@ -12,8 +12,9 @@
 // inner source would have shown it, in the same order: the bytes, then the
 // state with its message and offset. A recovery after a data error is asked
 // of the producer, which calls the inner source's recover() and goes on.
-// While the queue is full, the producer does the idle work its reader gave
-// it (rendering decoded records) instead of waiting idle.
+// While the queue is full, and after the inner source stopped, the producer
+// does the idle work its reader gave it (rendering decoded records) instead
+// of waiting idle.
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
@@ -248,7 +249,13 @@ class PipelinedSource final : public ByteSource {
     /// Waits until the queue has room (or the source goes away), doing the
     /// idle work meanwhile.
     void waitForRoom(std::unique_lock<std::mutex>& lock) {
-        while (!quit_ && queue_.size() >= kQueuedChunks) {
+        waitWorking(lock, [this] { return quit_ || queue_.size() < kQueuedChunks; });
+    }
+
+    /// Waits until `done` holds, doing the idle work while there is some.
+    template <typename Done>
+    void waitWorking(std::unique_lock<std::mutex>& lock, Done done) {
+        while (!done()) {
             if (!idlePending_) {
                 changed_.wait(lock);
                 continue;
@@ -270,15 +277,16 @@ class PipelinedSource final : public ByteSource {
 
     /// After the inner source stopped: waits until the reader asks for a
     /// recovery (true when it succeeded: produce on) or the source goes away.
+    /// Meanwhile the idle work goes on: the reader still has the bytes of the
+    /// queue before it.
     bool awaitRecovery() {
+        std::unique_lock<std::mutex> lock(mutex_);
         if (inner_->state() != SourceState::DataError) {
             // An end or a read error is final; wait only to be destroyed.
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [this] { return quit_; });
+            waitWorking(lock, [this] { return quit_; });
             return false;
         }
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return quit_ || recoverAsked_; });
+        waitWorking(lock, [this] { return quit_ || recoverAsked_; });
         if (quit_) {
             return false;
         }

@@ -127,9 +127,10 @@ class ByteSource {
     /// following); a later ensure() may get more.
     bool wouldBlock() const { return wouldBlock_; }
     /// Work for a source that reads in a thread of its own (pipelined()) to do
-    /// there while it holds all the bytes it may: `work` is called again and
-    /// again until it returns false (nothing to do now), and again after
-    /// idleWorkQueued(). It must not throw. Returns whether the source takes
+    /// there while it holds all the bytes it may, and once its inner source
+    /// stopped (the reader still has the last bytes before it): `work` is
+    /// called again and again until it returns false (nothing to do now), and
+    /// again after idleWorkQueued(). It must not throw. Returns whether the source takes
     /// such work (false: it has no thread of its own). Null withdraws the
     /// work; the call returns once the work is no longer running.
     virtual bool setIdleWork(std::function<bool()> work) {

@@ -172,8 +172,9 @@ struct ParallelStream::Impl {
     ~Impl() { stopWorkers(); }
 
     /// A capture read in a thread of its own: that thread renders batches
-    /// while it holds all the bytes it may. (Apart from the constructor,
-    /// whose worker threads' lambda keeps its exported name.)
+    /// while it holds all the bytes it may and after the capture's last ones.
+    /// (Apart from the constructor, whose worker threads' lambda keeps its
+    /// exported name.)
     void offerIdleWork(const std::map<std::uint16_t, std::string>& names) {
         if (!core.source) {
             return;

@@ -773,4 +773,44 @@ TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadWhileItsQueueIsFull) {
     EXPECT_EQ(calls, after);
 }
 
+TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadOnceTheInnerSourceStopped) {
+    // Fewer bytes than the queue holds: it never fills, and the work is done
+    // once the stream is read to its end, while the reader still has every
+    // byte before it; and again when told, until the source goes.
+    const Bytes small = noise(100000, 47);
+    auto source = Tav::capture::pipelined(openMemory(small.data(), small.size()));
+    std::mutex mutex;
+    std::condition_variable called;
+    int tasks = 2;
+    int calls = 0;
+    std::thread::id where;
+    ASSERT_TRUE(source->setIdleWork([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++calls;
+        where = std::this_thread::get_id();
+        called.notify_all();
+        if (tasks == 0) {
+            return false;
+        }
+        --tasks;
+        return true;
+    }));
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 3; }));
+        EXPECT_EQ(tasks, 0);
+        EXPECT_NE(where, std::this_thread::get_id());
+        tasks = 1;
+    }
+    source->idleWorkQueued();
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 5; }));
+        EXPECT_EQ(tasks, 0);
+    }
+    source->setIdleWork(nullptr);
+    EXPECT_TRUE(drain(*source, 4096) == small);
+    EXPECT_EQ(source->state(), SourceState::End);
+}
+
 }  // namespace
