@@ -312,6 +312,11 @@ void planLineSteps(LogPlan& plan) {
         texts += pending;
         pending.clear();
         bound += step.textLength + width;
+        step.code = stepCode(step.value, step.type);
+        if (step.code < kStepCodeNone) {
+            plan.stepsPayloadBound = std::max<std::uint64_t>(
+                plan.stepsPayloadBound, std::uint64_t{step.offset} + elementSize(step.type));
+        }
         plan.lineSteps.push_back(step);
     };
     auto addValue = [&](const TablePlan& table, std::size_t index) {

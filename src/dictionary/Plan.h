@@ -165,12 +165,39 @@ enum class StepValue : std::uint8_t {
     Other,
 };
 
+/// A step's value kind and integer type in one code, so that a step takes
+/// one dispatch: the integer kinds (Decimal, Hex, FrameStamp, Enum), eight
+/// codes each, one for every integer type in ParamType's order; then None,
+/// Bytes, Text and Other.
+constexpr std::uint8_t kStepIntegerTypes = 8;
+constexpr std::uint8_t kStepCodeNone = 4 * kStepIntegerTypes;
+inline std::uint8_t stepCode(StepValue value, ParamType type) {
+    switch (value) {
+        case StepValue::Decimal:
+        case StepValue::Hex:
+        case StepValue::FrameStamp:
+        case StepValue::Enum:
+            return static_cast<std::uint8_t>((static_cast<unsigned>(value) - 1u) *
+                                                 kStepIntegerTypes +
+                                             static_cast<unsigned>(type));
+        case StepValue::Bytes:
+            return kStepCodeNone + 1;
+        case StepValue::Text:
+            return kStepCodeNone + 2;
+        case StepValue::Other:
+            return kStepCodeNone + 3;
+        default:
+            return kStepCodeNone;
+    }
+}
+
 /// One step of a line: constant text, then the text of one value (or none).
 struct LineStep {
     std::uint32_t textStart = 0;  ///< in LogPlan::lineText
     std::uint32_t textLength = 0;
     StepValue value = StepValue::None;
     ParamType type = ParamType::Uint8;
+    std::uint8_t code = kStepCodeNone;  ///< stepCode(value, type)
     /// Where the value's bytes start in the payload, and their count (Bytes
     /// and Text).
     std::uint32_t offset = 0;
@@ -244,6 +271,9 @@ struct LogPlan {
     std::uint32_t messageOffset = 0;
     /// The most characters the steps write, Other values left out.
     std::size_t lineBound = 0;
+    /// The payload size from which every integer a step reads lies within
+    /// the payload (so that none reads past its end as zero).
+    std::uint64_t stepsPayloadBound = 0;
     /// The constant parts of a record's JSON: `,"subsystem":..,"module":..,
     /// "log":..,"level":` and `,"category":..`.
     std::string jsonNames;

@@ -671,10 +671,27 @@ inline char* copyText(char* to, const std::string& text) {
     return to + n;
 }
 
+/// The little-endian integer of type T at `offset`. Checked: bytes past the
+/// end of the payload read as zero. Unchecked: the caller knows the integer
+/// lies within the payload (LogPlan::stepsPayloadBound).
+template <typename T, bool Checked>
+inline __attribute__((always_inline)) T stepInteger(const ByteReader& payload,
+                                                    std::uint32_t offset) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if constexpr (!Checked) {
+        T value;
+        std::memcpy(&value, payload.data() + offset, sizeof value);
+        return value;
+    }
+#endif
+    return readLittleEndian<T>(payload, offset);
+}
+
 /// Writes the integer of type T at the step's offset as its kind shows it.
-template <StepValue Kind, typename T>
-inline char* writeScalar(char* at, const LineStep& step, const ByteReader& payload) {
-    const T value = readLittleEndian<T>(payload, step.offset);
+template <StepValue Kind, typename T, bool Checked>
+inline __attribute__((always_inline)) char* writeScalar(char* at, const LineStep& step,
+                                                        const ByteReader& payload) {
+    const T value = stepInteger<T, Checked>(payload, step.offset);
     if constexpr (Kind == StepValue::Decimal) {
         return writeDecimal(at, value);
     } else if constexpr (Kind == StepValue::Hex) {
@@ -691,16 +708,76 @@ inline char* writeScalar(char* at, const LineStep& step, const ByteReader& paylo
     }
 }
 
-/// writeScalar() for the step's integer type.
-template <StepValue Kind>
-char* writeStepValue(char* at, const LineStep& step, const ByteReader& payload) {
-    char* end = at;  // not a scalar step: nothing
-    withIntegerType(step.type,
-                    [&](auto zero) { end = writeScalar<Kind, decltype(zero)>(at, step, payload); });
-    return end;
+constexpr unsigned stepCodeOf(StepValue value, ParamType type) {
+    return (static_cast<unsigned>(value) - 1u) * kStepIntegerTypes + static_cast<unsigned>(type);
 }
 
 }  // namespace
+
+template <bool Checked>
+char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payload,
+                                     std::size_t first, std::size_t last, char* at, char*& start) {
+    TextBuilder& line = *line_;
+    const char* const texts = plan.lineText.data();
+    const LineStep* const steps = plan.lineSteps.data();
+    for (std::size_t i = first; i < last; ++i) {
+        const LineStep& step = steps[i];
+        at = copyStepText(at, texts + step.textStart, step.textLength);
+        switch (step.code) {
+// One case for each integer type of a kind, in ParamType's order.
+#define WEXBL_STEP_CASES(KIND)                                             \
+    case stepCodeOf(KIND, ParamType::Uint64):                              \
+        at = writeScalar<KIND, std::uint64_t, Checked>(at, step, payload); \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Int64):                               \
+        at = writeScalar<KIND, std::int64_t, Checked>(at, step, payload);  \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Uint32):                              \
+        at = writeScalar<KIND, std::uint32_t, Checked>(at, step, payload); \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Int32):                               \
+        at = writeScalar<KIND, std::int32_t, Checked>(at, step, payload);  \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Uint16):                              \
+        at = writeScalar<KIND, std::uint16_t, Checked>(at, step, payload); \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Int16):                               \
+        at = writeScalar<KIND, std::int16_t, Checked>(at, step, payload);  \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Uint8):                               \
+        at = writeScalar<KIND, std::uint8_t, Checked>(at, step, payload);  \
+        break;                                                             \
+    case stepCodeOf(KIND, ParamType::Int8):                                \
+        at = writeScalar<KIND, std::int8_t, Checked>(at, step, payload);   \
+        break;
+            WEXBL_STEP_CASES(StepValue::Decimal)
+            WEXBL_STEP_CASES(StepValue::Hex)
+            WEXBL_STEP_CASES(StepValue::FrameStamp)
+            WEXBL_STEP_CASES(StepValue::Enum)
+#undef WEXBL_STEP_CASES
+            case kStepCodeNone + 1:  // Bytes
+                at = writeHexBytes(at, payload, step.offset, step.length);
+                break;
+            case kStepCodeNone + 2: {  // Text
+                const std::string_view text = payloadString(payload, step.offset, step.length);
+                if (!text.empty()) {
+                    std::memcpy(at, text.data(), text.size());
+                    at += text.size();
+                }
+                break;
+            }
+            case kStepCodeNone + 3:  // Other
+                line.commit(static_cast<std::size_t>(at - start));
+                appendDirect(line, *step.table, step.index, payload);
+                start = line.reserveTail(plan.lineBound + 16);
+                at = start;
+                break;
+            default:  // None
+                break;
+        }
+    }
+    return at;
+}
 
 void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) {
     // One room check for the whole line but the Other values, which are
@@ -714,50 +791,19 @@ void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) 
     at = copyText(at, level);
     at = copyText(at, plan.lineCategory);
     at = writeDecimal(at, header_.seqNo);
-    const char* const texts = plan.lineText.data();
-    const LineStep* const steps = plan.lineSteps.data();
-    const std::size_t count = plan.lineSteps.size();
+    // The steps before the message, then the message's: where it starts is
+    // known once the steps before it are written.
     const std::size_t messageStep = plan.messageStep;
+    const std::size_t count = plan.lineSteps.size();
     std::size_t messageStart = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        const LineStep& step = steps[i];
-        if (i == messageStep) {
-            messageStart = line.size() + static_cast<std::size_t>(at - start) + plan.messageOffset;
-        }
-        at = copyStepText(at, texts + step.textStart, step.textLength);
-        switch (step.value) {
-            case StepValue::None:
-                break;
-            case StepValue::Bytes:
-                at = writeHexBytes(at, payload, step.offset, step.length);
-                break;
-            case StepValue::Text: {
-                const std::string_view text = payloadString(payload, step.offset, step.length);
-                if (!text.empty()) {
-                    std::memcpy(at, text.data(), text.size());
-                    at += text.size();
-                }
-                break;
-            }
-            case StepValue::Other:
-                line.commit(static_cast<std::size_t>(at - start));
-                appendDirect(line, *step.table, step.index, payload);
-                start = line.reserveTail(plan.lineBound + 16);
-                at = start;
-                break;
-            case StepValue::Decimal:
-                at = writeStepValue<StepValue::Decimal>(at, step, payload);
-                break;
-            case StepValue::Hex:
-                at = writeStepValue<StepValue::Hex>(at, step, payload);
-                break;
-            case StepValue::FrameStamp:
-                at = writeStepValue<StepValue::FrameStamp>(at, step, payload);
-                break;
-            case StepValue::Enum:
-                at = writeStepValue<StepValue::Enum>(at, step, payload);
-                break;
-        }
+    if (payload.size() >= plan.stepsPayloadBound) {
+        at = renderStepRange<false>(plan, payload, 0, messageStep, at, start);
+        messageStart = line.size() + static_cast<std::size_t>(at - start) + plan.messageOffset;
+        at = renderStepRange<false>(plan, payload, messageStep, count, at, start);
+    } else {
+        at = renderStepRange<true>(plan, payload, 0, messageStep, at, start);
+        messageStart = line.size() + static_cast<std::size_t>(at - start) + plan.messageOffset;
+        at = renderStepRange<true>(plan, payload, messageStep, count, at, start);
     }
     line.commit(static_cast<std::size_t>(at - start));
     record_.text = line.view(lineStart_, line.size() - lineStart_);

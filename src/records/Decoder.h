@@ -239,6 +239,13 @@ class RecordDecoder : private SequenceReport {
     /// The line of a log whose values render straight from the payload.
     void renderDirect(const LogPlan& plan, const ByteReader& payload);
     void renderSteps(const LogPlan& plan, const ByteReader& payload);
+    /// Writes steps [first, last) of the plan's line at `at`, which has room
+    /// for them, and returns where they end; `start` is where the line's
+    /// uncommitted text starts (moved by an Other value). Checked: integers
+    /// past the payload's end read as zero; else all lie within it.
+    template <bool Checked>
+    char* renderStepRange(const LogPlan& plan, const ByteReader& payload, std::size_t first,
+                          std::size_t last, char* at, char*& start);
     /// Reads the counts of the table's var binary strings (reporting those
     /// above their declared size).
     void scanVarBinaries(const TablePlan& plan, const ByteReader& payload);
