@@ -745,8 +745,10 @@ std::size_t StreamSource::readInto(unsigned char* to, std::size_t n) {
     // Once the kind of stream is known, the bytes in the window are copied
     // and the rest is inflated or read straight into `to` (an inflated
     // stream only ever looks for further members, which uses the window for
-    // nothing); before, everything goes through the window.
-    if (state_ != SourceState::Ok || !window_ || (mode_ != Mode::Gzip && mode_ != Mode::Copy)) {
+    // nothing); before, everything goes through the window, as does a
+    // request larger than the window (the inflaters count room in 32 bits).
+    if (state_ != SourceState::Ok || !window_ || (mode_ != Mode::Gzip && mode_ != Mode::Copy) ||
+        n > kWindowCapacity) {
         return ByteSource::readInto(to, n);
     }
     const std::size_t copied = std::min(available_, n);
