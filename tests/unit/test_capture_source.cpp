@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -717,6 +718,51 @@ TEST(CaptureSourcePipeline, ASourceLeftEarlyStopsItsThread) {
     EXPECT_EQ(failing, nullptr);
 }
 
+/// Idle work that has `tasks` things to do, one a call, and counts its calls
+/// and the thread of the last.
+struct CountedWork {
+    std::mutex mutex;
+    std::condition_variable called;
+    int tasks = 0;
+    int calls = 0;
+    std::thread::id where;
+
+    std::function<bool()> work() {
+        return [this] {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++calls;
+            where = std::this_thread::get_id();
+            called.notify_all();
+            if (tasks == 0) {
+                return false;
+            }
+            --tasks;
+            return true;
+        };
+    }
+    /// Waits (30 s at the most) for `count` calls in all: whether they came.
+    bool waitForCalls(int count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= count; });
+    }
+    void give(int more) {
+        std::lock_guard<std::mutex> lock(mutex);
+        tasks = more;
+    }
+    int tasksLeft() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return tasks;
+    }
+    int callCount() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return calls;
+    }
+    std::thread::id lastThread() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return where;
+    }
+};
+
 TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadWhileItsQueueIsFull) {
     const Bytes big = noise(5000000, 46);
     auto direct = openMemory(big.data(), big.size());
@@ -724,54 +770,27 @@ TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadWhileItsQueueIsFull) {
         << "a source without a thread of its own takes no idle work";
 
     auto source = Tav::capture::pipelined(openMemory(big.data(), big.size()));
-    std::mutex mutex;
-    std::condition_variable called;
-    int tasks = 3;  // what the work has to do, taken one call at a time
-    int calls = 0;
-    std::thread::id where;
-    ASSERT_TRUE(source->setIdleWork([&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++calls;
-        where = std::this_thread::get_id();
-        called.notify_all();
-        if (tasks == 0) {
-            return false;
-        }
-        --tasks;
-        return true;
-    }));
+    CountedWork counted;
+    counted.give(3);
+    ASSERT_TRUE(source->setIdleWork(counted.work()));
     // Nothing is read: the thread fills its queue, then works until nothing
     // is left (three tasks and the call that finds none).
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 4; }));
-        EXPECT_EQ(tasks, 0);
-        EXPECT_NE(where, std::this_thread::get_id());
-    }
+    ASSERT_TRUE(counted.waitForCalls(4));
+    EXPECT_EQ(counted.tasksLeft(), 0);
+    EXPECT_NE(counted.lastThread(), std::this_thread::get_id());
     // Asked again once told that there is more.
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        tasks = 1;
-    }
+    counted.give(1);
     source->idleWorkQueued();
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 6; }));
-        EXPECT_EQ(tasks, 0);
-    }
+    ASSERT_TRUE(counted.waitForCalls(6));
+    EXPECT_EQ(counted.tasksLeft(), 0);
     // Withdrawn: never called again, and the bytes come through whole.
     source->setIdleWork(nullptr);
-    int after = 0;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        after = calls;
-        tasks = 5;
-    }
+    const int after = counted.callCount();
+    counted.give(5);
     source->idleWorkQueued();
     EXPECT_TRUE(drain(*source, 65536) == big);
     EXPECT_EQ(source->state(), SourceState::End);
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(calls, after);
+    EXPECT_EQ(counted.callCount(), after);
 }
 
 TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadOnceTheInnerSourceStopped) {
@@ -780,35 +799,16 @@ TEST(CaptureSourcePipeline, IdleWorkRunsInTheThreadOnceTheInnerSourceStopped) {
     // byte before it; and again when told, until the source goes.
     const Bytes small = noise(100000, 47);
     auto source = Tav::capture::pipelined(openMemory(small.data(), small.size()));
-    std::mutex mutex;
-    std::condition_variable called;
-    int tasks = 2;
-    int calls = 0;
-    std::thread::id where;
-    ASSERT_TRUE(source->setIdleWork([&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++calls;
-        where = std::this_thread::get_id();
-        called.notify_all();
-        if (tasks == 0) {
-            return false;
-        }
-        --tasks;
-        return true;
-    }));
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 3; }));
-        EXPECT_EQ(tasks, 0);
-        EXPECT_NE(where, std::this_thread::get_id());
-        tasks = 1;
-    }
+    CountedWork counted;
+    counted.give(2);
+    ASSERT_TRUE(source->setIdleWork(counted.work()));
+    ASSERT_TRUE(counted.waitForCalls(3));
+    EXPECT_EQ(counted.tasksLeft(), 0);
+    EXPECT_NE(counted.lastThread(), std::this_thread::get_id());
+    counted.give(1);
     source->idleWorkQueued();
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(called.wait_for(lock, std::chrono::seconds(30), [&] { return calls >= 5; }));
-        EXPECT_EQ(tasks, 0);
-    }
+    ASSERT_TRUE(counted.waitForCalls(5));
+    EXPECT_EQ(counted.tasksLeft(), 0);
     source->setIdleWork(nullptr);
     EXPECT_TRUE(drain(*source, 4096) == small);
     EXPECT_EQ(source->state(), SourceState::End);
