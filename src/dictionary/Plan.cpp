@@ -339,6 +339,14 @@ void planLineSteps(LogPlan& plan) {
             addStep(step, param.length);
             return;
         }
+        if (param.type == ParamType::VarBinaryString && &table == &plan.params &&
+            param.length <= kStepBytes) {
+            // The counts are read when the record is decoded (of the log's
+            // own parameters only: a module header's are never decoded).
+            step.value = StepValue::VarBytes;
+            addStep(step, sizeof kVarBytesLead - 1 + 5 + 1 + 3 * std::size_t{param.length});
+            return;
+        }
         if (param.type < ParamType::String && param.length != 0 && param.length <= kStepArray &&
             param.display != DisplayKind::Enum) {
             // "[name[0]=v0,name[1]=v1,...]": one step an element.

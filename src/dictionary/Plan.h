@@ -163,12 +163,16 @@ enum class StepValue : std::uint8_t {
     Bytes,  ///< a byte string, `length` bytes in hex
     Text,   ///< a string, up to `length` bytes and its first NUL
     Other,
+    VarBytes,  ///< a var binary string of the log's own parameters, "payload size:N " and hex
 };
+
+/// What a var binary string's text starts with, before its count.
+constexpr char kVarBytesLead[] = "payload size:";
 
 /// A step's value kind and integer type in one code, so that a step takes
 /// one dispatch: the integer kinds (Decimal, Hex, FrameStamp, Enum), eight
 /// codes each, one for every integer type in ParamType's order; then None,
-/// Bytes, Text and Other.
+/// Bytes, Text, Other and VarBytes.
 constexpr std::uint8_t kStepIntegerTypes = 8;
 constexpr std::uint8_t kStepCodeNone = 4 * kStepIntegerTypes;
 inline std::uint8_t stepCode(StepValue value, ParamType type) {
@@ -186,6 +190,8 @@ inline std::uint8_t stepCode(StepValue value, ParamType type) {
             return kStepCodeNone + 2;
         case StepValue::Other:
             return kStepCodeNone + 3;
+        case StepValue::VarBytes:
+            return kStepCodeNone + 4;
         default:
             return kStepCodeNone;
     }

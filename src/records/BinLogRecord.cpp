@@ -766,6 +766,21 @@ char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payl
                 }
                 break;
             }
+            case kStepCodeNone + 4: {  // VarBytes, counted when the record was decoded
+                const VarBinary& var =
+                    varBinaries_[step.index - static_cast<std::size_t>(step.table->firstVarBinary)];
+                std::memcpy(at, kVarBytesLead, sizeof kVarBytesLead - 1);
+                at = writeDecimal(at + sizeof kVarBytesLead - 1,
+                                  static_cast<unsigned int>(var.count));
+                *at++ = ' ';
+                const std::uint32_t shown = var.count < settings_.maxVarBinaryBytes
+                                                ? var.count
+                                                : settings_.maxVarBinaryBytes;
+                if (shown != 0) {
+                    at = writeHexBytes(at, payload, var.offset, shown);
+                }
+                break;
+            }
             case kStepCodeNone + 3:  // Other
                 line.commit(static_cast<std::size_t>(at - start));
                 appendDirect(line, *step.table, step.index, payload);
