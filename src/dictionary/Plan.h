@@ -151,9 +151,9 @@ struct MessagePiece {
 };
 
 /// How one step of a line shows its value: integers (an array's elements
-/// are steps of their own), byte strings and strings are written in place;
-/// Other values (var binary strings, long arrays and strings, enumerated
-/// arrays) through the general value writer.
+/// are steps of their own), byte strings, strings and var binary strings are
+/// written in place; Other values (long arrays, strings and var binary
+/// strings, enumerated arrays) through the general value writer.
 enum class StepValue : std::uint8_t {
     None,
     Decimal,
