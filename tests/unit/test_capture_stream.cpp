@@ -1194,17 +1194,20 @@ TEST(CaptureStreamThreads, WithoutWorkersTheCallingAndTheReadingThreadsRender) {
     EXPECT_EQ(alone.out, serial.out);
     EXPECT_EQ(alone.err, serial.err);
     EXPECT_EQ(one, std::set<std::thread::id>{std::this_thread::get_id()});
-    // With a reading thread: both render (asked up to three times, as a
-    // busy machine may let the calling thread render everything).
+    // With a reading thread: it renders too, and no third thread does (how
+    // the batches fall to the two threads is up to the machine: asked up to
+    // three times, as a busy one may let the calling thread render them all;
+    // the reading thread, done reading, may as well render them all).
     std::set<std::thread::id> two;
-    for (int run = 0; run < 3 && two.size() < 2; ++run) {
+    const auto others = [&two] { return two.size() - two.count(std::this_thread::get_id()); };
+    for (int run = 0; run < 3 && others() == 0; ++run) {
         Printed helped;
         two = renderers(true, helped);
         EXPECT_EQ(helped.out, serial.out) << "run " << run;
         EXPECT_EQ(helped.err, serial.err) << "run " << run;
     }
-    EXPECT_EQ(two.size(), 2u);
-    EXPECT_EQ(two.count(std::this_thread::get_id()), 1u);
+    EXPECT_LE(two.size(), 2u);
+    EXPECT_EQ(others(), 1u);
 }
 
 TEST(CaptureStreamThreads, EventsAloneAreCutIntoBatchesToo) {
