@@ -172,29 +172,20 @@ constexpr char kVarBytesLead[] = "payload size:";
 /// A step's value kind and integer type in one code, so that a step takes
 /// one dispatch: the integer kinds (Decimal, Hex, FrameStamp, Enum), eight
 /// codes each, one for every integer type in ParamType's order; then None,
-/// Bytes, Text, Other and VarBytes.
+/// Bytes, Text, Other and VarBytes (for which the type does not count).
 constexpr std::uint8_t kStepIntegerTypes = 8;
 constexpr std::uint8_t kStepCodeNone = 4 * kStepIntegerTypes;
-inline std::uint8_t stepCode(StepValue value, ParamType type) {
-    switch (value) {
-        case StepValue::Decimal:
-        case StepValue::Hex:
-        case StepValue::FrameStamp:
-        case StepValue::Enum:
-            return static_cast<std::uint8_t>((static_cast<unsigned>(value) - 1u) *
-                                                 kStepIntegerTypes +
-                                             static_cast<unsigned>(type));
-        case StepValue::Bytes:
-            return kStepCodeNone + 1;
-        case StepValue::Text:
-            return kStepCodeNone + 2;
-        case StepValue::Other:
-            return kStepCodeNone + 3;
-        case StepValue::VarBytes:
-            return kStepCodeNone + 4;
-        default:
-            return kStepCodeNone;
+constexpr std::uint8_t stepCode(StepValue value, ParamType type = ParamType::Uint64) {
+    const unsigned kind = static_cast<unsigned>(value);
+    if (value == StepValue::None) {
+        return kStepCodeNone;
     }
+    if (value < StepValue::Bytes) {
+        return static_cast<std::uint8_t>((kind - 1u) * kStepIntegerTypes +
+                                         static_cast<unsigned>(type));
+    }
+    return static_cast<std::uint8_t>(kStepCodeNone + 1u + kind -
+                                     static_cast<unsigned>(StepValue::Bytes));
 }
 
 /// One step of a line: constant text, then the text of one value (or none).

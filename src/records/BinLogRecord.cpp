@@ -708,10 +708,6 @@ inline __attribute__((always_inline)) char* writeScalar(char* at, const LineStep
     }
 }
 
-constexpr unsigned stepCodeOf(StepValue value, ParamType type) {
-    return (static_cast<unsigned>(value) - 1u) * kStepIntegerTypes + static_cast<unsigned>(type);
-}
-
 }  // namespace
 
 template <bool Checked>
@@ -726,28 +722,28 @@ char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payl
         switch (step.code) {
 // One case for each integer type of a kind, in ParamType's order.
 #define WEXBL_STEP_CASES(KIND)                                             \
-    case stepCodeOf(KIND, ParamType::Uint64):                              \
+    case stepCode(KIND, ParamType::Uint64):                                \
         at = writeScalar<KIND, std::uint64_t, Checked>(at, step, payload); \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Int64):                               \
+    case stepCode(KIND, ParamType::Int64):                                 \
         at = writeScalar<KIND, std::int64_t, Checked>(at, step, payload);  \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Uint32):                              \
+    case stepCode(KIND, ParamType::Uint32):                                \
         at = writeScalar<KIND, std::uint32_t, Checked>(at, step, payload); \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Int32):                               \
+    case stepCode(KIND, ParamType::Int32):                                 \
         at = writeScalar<KIND, std::int32_t, Checked>(at, step, payload);  \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Uint16):                              \
+    case stepCode(KIND, ParamType::Uint16):                                \
         at = writeScalar<KIND, std::uint16_t, Checked>(at, step, payload); \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Int16):                               \
+    case stepCode(KIND, ParamType::Int16):                                 \
         at = writeScalar<KIND, std::int16_t, Checked>(at, step, payload);  \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Uint8):                               \
+    case stepCode(KIND, ParamType::Uint8):                                 \
         at = writeScalar<KIND, std::uint8_t, Checked>(at, step, payload);  \
         break;                                                             \
-    case stepCodeOf(KIND, ParamType::Int8):                                \
+    case stepCode(KIND, ParamType::Int8):                                  \
         at = writeScalar<KIND, std::int8_t, Checked>(at, step, payload);   \
         break;
             WEXBL_STEP_CASES(StepValue::Decimal)
@@ -755,10 +751,10 @@ char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payl
             WEXBL_STEP_CASES(StepValue::FrameStamp)
             WEXBL_STEP_CASES(StepValue::Enum)
 #undef WEXBL_STEP_CASES
-            case kStepCodeNone + 1:  // Bytes
+            case stepCode(StepValue::Bytes):
                 at = writeHexBytes(at, payload, step.offset, step.length);
                 break;
-            case kStepCodeNone + 2: {  // Text
+            case stepCode(StepValue::Text): {
                 const std::string_view text = payloadString(payload, step.offset, step.length);
                 if (!text.empty()) {
                     std::memcpy(at, text.data(), text.size());
@@ -766,7 +762,7 @@ char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payl
                 }
                 break;
             }
-            case kStepCodeNone + 4: {  // VarBytes, counted when the record was decoded
+            case stepCode(StepValue::VarBytes): {  // counted when the record was decoded
                 const VarBinary& var =
                     varBinaries_[step.index - static_cast<std::size_t>(step.table->firstVarBinary)];
                 std::memcpy(at, kVarBytesLead, sizeof kVarBytesLead - 1);
@@ -781,7 +777,7 @@ char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payl
                 }
                 break;
             }
-            case kStepCodeNone + 3:  // Other
+            case stepCode(StepValue::Other):
                 line.commit(static_cast<std::size_t>(at - start));
                 appendDirect(line, *step.table, step.index, payload);
                 start = line.reserveTail(plan.lineBound + 16);
