@@ -115,7 +115,12 @@ void RecordDecoder::startLine(const PcapRecHeader& pcap) {
 int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
                           const PcapRecHeader& pcap, const BinLogHeader& header,
                           const ByteReader& payload, std::uint32_t statsLength,
-                          const RecordOrigin& origin) {
+                          const RecordOrigin& origin, const LogPlan* checked) {
+    // Without statistics, a header-only decoding needs the prologue below
+    // only for a record that has something to report.
+    if (settings.headerOnly && !settings.stats && passesQuietly(plans, settings, header)) {
+        return 0;
+    }
     settings_ = settings;
     origin_ = origin;
     record_.pcapHeader = pcap;
@@ -170,10 +175,12 @@ int RecordDecoder::decode(const PlanSet& plans, const DecodeSettings& settings,
         decodeCapture();
         return 0;
     }
-    const LogPlan* plan = nullptr;
-    const int checked = checkLog(plans, settings, header, plan);
-    if (checked != 1) {
-        return checked;
+    const LogPlan* plan = checked;
+    if (plan == nullptr) {
+        const int result = checkLog(plans, settings, header, plan);
+        if (result != 1) {
+            return result;
+        }
     }
     if (header.packetType == Legacy) {
         decodeLegacy(*plan, payload);
@@ -192,6 +199,7 @@ int RecordDecoder::decodeHeaderOnly(const PlanSet& plans, const DecodeSettings& 
     // The record itself is not filled: its second decoding does that. What
     // the events below carry is set: the origin, the headers and the payload.
     payload_ = payload;
+    checkedPlan_ = nullptr;
     if (header.packetType == Syslog || header.packetType == PcapCapture) {
         // A syslog record long enough for its tag shows its level: the
         // table grows as when it is decoded.
@@ -208,10 +216,28 @@ int RecordDecoder::decodeHeaderOnly(const PlanSet& plans, const DecodeSettings& 
     }
     if (header.packetType == Legacy || header.packetType == BinLog) {
         levels_->get(header.logLevel);
+        checkedPlan_ = plan;
         produced_ = true;
         return 0;
     }
     return invalidPacketType(header);
+}
+
+bool RecordDecoder::passesQuietly(const PlanSet& plans, const DecodeSettings& settings,
+                                  const BinLogHeader& header) {
+    if (header.packetType != BinLog && header.packetType != Legacy) {
+        return false;
+    }
+    // checkLog()'s checks, in its order, without its reports.
+    const LogPlan* plan = plans.find(header.logId);
+    if (plan == nullptr || header.logVersion != plan->binlogVersion ||
+        (!settings.levelChecked && header.logLevel > levels_->size())) {
+        return false;
+    }
+    levels_->get(header.logLevel);
+    checkedPlan_ = plan;
+    produced_ = true;
+    return true;
 }
 
 int RecordDecoder::checkLog(const PlanSet& plans, const DecodeSettings& settings,

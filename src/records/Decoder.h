@@ -180,11 +180,17 @@ class RecordDecoder : private SequenceReport {
     /// the record was rendered or deliberately skipped with a version or
     /// level message, -1 when its log id or packet type is unknown or it
     /// cannot be decoded. produced() tells whether a record came out.
+    /// `checked`: for a binlog or legacy record, the plan a header-only
+    /// decoding of it found (checkedPlan()): its log, version and level
+    /// checks passed there and are not made again.
     int decode(const PlanSet& plans, const DecodeSettings& settings, const PcapRecHeader& pcap,
                const BinLogHeader& header, const ByteReader& payload, std::uint32_t statsLength,
-               const RecordOrigin& origin);
+               const RecordOrigin& origin, const LogPlan* checked = nullptr);
 
     bool produced() const { return produced_; }
+    /// After a header-only decoding that produced a binlog or legacy
+    /// record: the plan its checks found; else null.
+    const LogPlan* checkedPlan() const { return checkedPlan_; }
     /// The values of the record decoded last, decoded now if they were not
     /// yet (without reporting anything again).
     View<ParamField> headerFields() const;
@@ -275,6 +281,11 @@ class RecordDecoder : private SequenceReport {
     void decodeLegacy(const LogPlan& plan, const ByteReader& payload);
     int decodeSyslog(const ByteReader& payload);
     void decodeCapture();
+    /// A header-only decoding of a binlog or legacy record that passes its
+    /// checks, the common case: done without setting up what an event
+    /// would carry. False, with nothing done, for any other record.
+    bool passesQuietly(const PlanSet& plans, const DecodeSettings& settings,
+                       const BinLogHeader& header);
     /// What a header-only decoding does (DecodeSettings::headerOnly).
     int decodeHeaderOnly(const PlanSet& plans, const DecodeSettings& settings,
                          const PcapRecHeader& pcap, const BinLogHeader& header,
@@ -297,6 +308,7 @@ class RecordDecoder : private SequenceReport {
     ByteReader payload_;
 
     bool produced_ = false;
+    const LogPlan* checkedPlan_ = nullptr;
     Record record_;
     /// The headers of the record being decoded (the record's own copies).
     const PcapRecHeader& pcap_ = record_.pcapHeader;

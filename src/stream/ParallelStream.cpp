@@ -39,11 +39,19 @@ struct Batch {
     /// A record to decode, as the reading thread read it (left as it is for
     /// an event of the capture stream).
     struct Item {
+        // Provided, not defaulted: an item made in place then gets its
+        // members' initialisers only, not the zeroing of the whole object
+        // that value-initialisation does first (with a slow string
+        // instruction, at this size).
+        Item() {}  // NOLINT(modernize-use-equals-default)
         ParallelStream::RecordHeaders headers;
         std::size_t payloadOffset = 0;
         std::size_t payloadSize = 0;
         std::uint32_t statsLength = 0;
         std::uint64_t offset = 0;
+        /// The plan the reading thread's checks found (binlog and legacy
+        /// records): the worker does not look it up and check again.
+        const detail::LogPlan* plan = nullptr;
     };
 
     /// What is handed out for an item: kept apart from the items, small, so
@@ -275,7 +283,7 @@ struct ParallelStream::Impl {
             out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
             state.decoder.decode(plans, settings, item.headers.pcap, item.headers.header,
                                  ByteReader(payloads + item.payloadOffset, item.payloadSize),
-                                 item.statsLength, origin);
+                                 item.statsLength, origin, item.plan);
             out.eventCount = static_cast<std::uint32_t>(batch.events.size() - out.firstEvent);
             out.produced = state.decoder.produced();
             handouts += out.eventCount + (out.produced ? 1 : 0);
@@ -320,29 +328,29 @@ struct ParallelStream::Impl {
         if (!core.next()) {
             return false;
         }
-        batch.items.emplace_back();
-        batch.outs.emplace_back();
-        Batch::Item& item = batch.items.back();
         if (core.item == CaptureStream::Impl::Item::Event) {
-            Batch::Out& out = batch.outs.back();
+            batch.items.emplace_back();
+            Batch::Out& out = batch.outs.emplace_back();
             out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
             out.eventCount = 1;
             batch.keep(core.current);
             return true;
         }
-        batch.outs.back().isRecord = true;
         const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
+        Batch::Item& item = batch.items.emplace_back();
         item.headers.pcap = inputs.pcap;
         item.headers.header = inputs.header;
-        item.payloadOffset = batch.payloads.size();
-        item.payloadSize = inputs.payload.size();
-        batch.payloads.append(reinterpret_cast<const char*>(inputs.payload.data()),
-                              inputs.payload.size());
-        item.statsLength = inputs.statsLength;
         item.headers.number = inputs.number;
         item.headers.seconds = detail::shownSeconds(inputs.pcap, settings.utcOffsetMinutes);
         item.headers.kind = detail::recordKindOf(inputs.header.packetType);
+        item.payloadOffset = batch.payloads.size();
+        item.payloadSize = inputs.payload.size();
+        item.statsLength = inputs.statsLength;
         item.offset = inputs.offset;
+        item.plan = core.decoder.checkedPlan();
+        batch.outs.emplace_back().isRecord = true;
+        batch.payloads.append(reinterpret_cast<const char*>(inputs.payload.data()),
+                              inputs.payload.size());
         return true;
     }
 
