@@ -161,7 +161,18 @@ ReadResult PcapReader::nextPcap(RawRecord& record) {
             result == ReadResult::Truncated ? static_cast<long>(have - kPcapRecordHeaderBytes) : -1;
         return result;
     }
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    if (!bigEndian_ && !nanoseconds_) {
+        // The header as it lies, in one copy: a reader that loads two of its
+        // fields at once then finds them in one store, not in two it cannot
+        // combine (which stalls the load until both are written).
+        std::memcpy(&record.header, source_.data(), sizeof record.header);
+    } else {
+        record.header = header;
+    }
+#else
     record.header = header;
+#endif
     record.linkType = linkType_;
     record.data = ByteReader(source_.data() + kPcapRecordHeaderBytes, length);
     record.offset = source_.offset();

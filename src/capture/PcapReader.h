@@ -66,12 +66,16 @@ enum class CaptureFormat {
 
 /// One record.
 struct RawRecord {
+    // `offset` and `number` lie apart: the reader writes each on its own,
+    // and a caller copying both would otherwise load them at once, which
+    // stalls until both stores are done rather than taking them from the
+    // stores.
     PcapRecHeader header;        // host-order fields, time in microseconds
+    std::uint64_t offset = 0;    // uncompressed stream offset of the record header (pcapng:
+                                 // of the block)
     std::uint32_t linkType = 0;  // of this record (pcapng: its interface's)
     ByteReader data;             // exactly header.storageLength bytes; a view into the source's
                                  // window, valid until the next call on the reader or the source
-    std::uint64_t offset = 0;    // uncompressed stream offset of the record header (pcapng:
-                                 // of the block)
     std::uint64_t number = 0;    // 1-based record number in the capture
 };
 
