@@ -39,11 +39,6 @@ struct Batch {
     /// A record to decode, as the reading thread read it (left as it is for
     /// an event of the capture stream).
     struct Item {
-        // Provided, not defaulted: an item made in place then gets its
-        // members' initialisers only, not the zeroing of the whole object
-        // that value-initialisation does first (with a slow string
-        // instruction, at this size).
-        Item() {}  // NOLINT(modernize-use-equals-default)
         ParallelStream::RecordHeaders headers;
         std::size_t payloadOffset = 0;
         std::size_t payloadSize = 0;
@@ -92,9 +87,18 @@ struct Batch {
         return event;
     }
 
+    /// The items' room is made once: a batch is used again and again, and
+    /// an item is set where it lies.
+    Batch() : items(kBatchItems), outs(kBatchItems) {}
+
+    /// The next item's place and its out, reset.
+    Item& add() {
+        outs[count] = Out();
+        return items[count++];
+    }
+
     void clear() {
-        items.clear();
-        outs.clear();
+        count = 0;
         handouts = 0;
         events.clear();
         eventTexts.clear();
@@ -105,9 +109,10 @@ struct Batch {
         error = nullptr;
     }
     bool full() const {
-        return items.size() >= kBatchItems || payloads.size() + eventTexts.size() >= kBatchBytes;
+        return count == kBatchItems || payloads.size() + eventTexts.size() >= kBatchBytes;
     }
 
+    std::size_t count = 0;  // items in use
     std::vector<Item> items;
     std::vector<Out> outs;  // one for each item
     /// Items to hand out: the events, and the records the filter kept; set
@@ -269,7 +274,7 @@ struct ParallelStream::Impl {
         const std::string_view capture = core.name;
         const detail::PlanSet& plans = core.plans;
         std::size_t handouts = 0;
-        for (std::size_t i = 0; i < batch.items.size(); ++i) {
+        for (std::size_t i = 0; i < batch.count; ++i) {
             const Batch::Item& item = batch.items[i];
             Batch::Out& out = batch.outs[i];
             if (!out.isRecord) {
@@ -329,15 +334,15 @@ struct ParallelStream::Impl {
             return false;
         }
         if (core.item == CaptureStream::Impl::Item::Event) {
-            batch.items.emplace_back();
-            Batch::Out& out = batch.outs.emplace_back();
+            batch.add() = Batch::Item();
+            Batch::Out& out = batch.outs[batch.count - 1];
             out.firstEvent = static_cast<std::uint32_t>(batch.events.size());
             out.eventCount = 1;
             batch.keep(core.current);
             return true;
         }
         const CaptureStream::Impl::DecodeInputs& inputs = core.inputs;
-        Batch::Item& item = batch.items.emplace_back();
+        Batch::Item& item = batch.add();
         item.headers.pcap = inputs.pcap;
         item.headers.header = inputs.header;
         item.headers.number = inputs.number;
@@ -348,7 +353,7 @@ struct ParallelStream::Impl {
         item.statsLength = inputs.statsLength;
         item.offset = inputs.offset;
         item.plan = core.decoder.checkedPlan();
-        batch.outs.emplace_back().isRecord = true;
+        batch.outs[batch.count - 1].isRecord = true;
         batch.payloads.append(reinterpret_cast<const char*>(inputs.payload.data()),
                               inputs.payload.size());
         return true;
@@ -372,7 +377,7 @@ struct ParallelStream::Impl {
                     break;
                 }
             }
-            if (batch->items.empty()) {
+            if (batch->count == 0) {
                 spare.push_back(std::move(batch));
                 break;
             }
@@ -438,7 +443,7 @@ struct ParallelStream::Impl {
     /// the capture stream, or those a record's decoding reported), then the
     /// record unless the filter dropped it. False at the batch's end.
     bool deliver() {
-        while (at < current->outs.size()) {
+        while (at < current->count) {
             const Batch::Out& out = current->outs[at];
             if (sub < out.eventCount) {
                 currentItem = &current->items[at];
@@ -473,7 +478,7 @@ struct ParallelStream::Impl {
         const std::size_t start = currentOut->renderedOffset + currentOut->renderedSize;
         std::size_t end = start;
         std::size_t last = at;
-        for (std::size_t i = at + 1; i < batch.outs.size(); ++i) {
+        for (std::size_t i = at + 1; i < batch.count; ++i) {
             const Batch::Out& out = batch.outs[i];
             if (!out.isRecord || out.eventCount != 0) {
                 break;  // an event comes first
