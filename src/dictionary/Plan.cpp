@@ -439,7 +439,7 @@ void planLineSteps(LogPlan& plan) {
     bound += pending.size();
     plan.lineSteps.push_back(last);
     plan.lineText = std::move(texts);
-    plan.lineText.append(16, '\0');
+    plan.lineText.append(kStepTextSlack, '\0');
     plan.lineBound = bound;
 }
 

@@ -188,6 +188,11 @@ constexpr std::uint8_t stepCode(StepValue value, ParamType type = ParamType::Uin
                                      static_cast<unsigned>(StepValue::Bytes));
 }
 
+/// The spare bytes after a plan's step texts, and the room a line's steps
+/// take beyond their bound: a step's text is copied 32 bytes at a time, so
+/// that most take a fixed copy and no loop.
+constexpr std::size_t kStepTextSlack = 32;
+
 /// One step of a line: constant text, then the text of one value (or none).
 struct LineStep {
     std::uint32_t textStart = 0;  ///< in LogPlan::lineText
@@ -259,8 +264,9 @@ struct LogPlan {
     /// A direct log's line after its sequence number, in steps (see
     /// planLineSteps()); empty when it is written piece by piece (text that
     /// may hold a NUL, or a message that needs the general substitution).
-    /// The texts of the steps lie in `lineText`, followed by 16 spare bytes
-    /// so that they can be copied 16 at a time. The message starts
+    /// The texts of the steps lie in `lineText`, followed by
+    /// kStepTextSlack spare bytes so that they can be copied that many at a
+    /// time. The message starts
     /// `messageOffset` characters into the text of step `messageStep`.
     std::vector<LineStep> lineSteps;
     std::string lineText;

@@ -646,12 +646,16 @@ bool RecordDecoder::directBrace(const TablePlan& plan, std::size_t index,
 
 namespace {
 
-/// Copies `n` characters of a plan's step texts, which are followed by 16
-/// spare bytes, to `to`, which has 16 spare bytes of room: 16 at a time.
+/// Copies `n` characters of a plan's step texts, which are followed by
+/// kStepTextSlack spare bytes, to `to`, which has as many spare bytes of
+/// room: 32 at a time, texts up to 32 characters (most) without a branch.
 inline char* copyStepText(char* to, const char* from, std::size_t n) {
+    static_assert(kStepTextSlack == 32, "one copy is 32 bytes");
     std::memcpy(to, from, 16);
-    for (std::size_t i = 16; i < n; i += 16) {
+    std::memcpy(to + 16, from + 16, 16);
+    for (std::size_t i = 32; i < n; i += 32) {
         std::memcpy(to + i, from + i, 16);
+        std::memcpy(to + i + 16, from + i + 16, 16);
     }
     return to + n;
 }
@@ -780,7 +784,7 @@ char* RecordDecoder::renderStepRange(const LogPlan& plan, const ByteReader& payl
             case stepCode(StepValue::Other):
                 line.commit(static_cast<std::size_t>(at - start));
                 appendDirect(line, *step.table, step.index, payload);
-                start = line.reserveTail(plan.lineBound + 16);
+                start = line.reserveTail(plan.lineBound + kStepTextSlack);
                 at = start;
                 break;
             default:  // None
@@ -797,7 +801,7 @@ void RecordDecoder::renderSteps(const LogPlan& plan, const ByteReader& payload) 
     TextBuilder& line = *line_;
     const std::string& level = levels_->get(header_.logLevel).padded;
     char* start = line.reserveTail(plan.lineHead.size() + level.size() + plan.lineCategory.size() +
-                                   10 + plan.lineBound + 16);
+                                   10 + plan.lineBound + kStepTextSlack);
     char* at = copyText(start, plan.lineHead);
     at = copyText(at, level);
     at = copyText(at, plan.lineCategory);
