@@ -1,10 +1,13 @@
 // The small pieces record lines are built from: digit counts and decimal
 // texts written in place, checked against the standard library's texts at
-// every power-of-ten boundary of every integer width.
+// every power-of-ten boundary of every integer width and for random values,
+// and kept within the room they are given.
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -40,6 +43,20 @@ void expectDecimal(T value) {
     Tav::detail::appendDecimal(text, value);
     text.push_back(';');
     EXPECT_EQ(std::string(text.view()), "x=" + std::to_string(value) + ";") << "value " << +value;
+    // Appended to a string (through a buffer of its own).
+    std::string appended = "y=";
+    Tav::detail::appendDecimal(appended, value);
+    EXPECT_EQ(appended, "y=" + std::to_string(value)) << "value " << +value;
+    // Written in place: within its room of 21 characters, nothing before.
+    char buffer[48];
+    std::memset(buffer, '#', sizeof buffer);
+    char* const at = buffer + 8;
+    const char* const end = Tav::detail::writeDecimal(at, value);
+    EXPECT_EQ(std::string(static_cast<const char*>(at), end), std::to_string(value))
+        << "value " << +value;
+    EXPECT_EQ(std::string(buffer, at), std::string(8, '#')) << "value " << +value;
+    EXPECT_EQ(std::string(at + 21, buffer + sizeof buffer), std::string(sizeof buffer - 29, '#'))
+        << "value " << +value;
 }
 
 TEST(TextPieces, DecimalDigitsAtEveryBoundary) {
@@ -67,6 +84,22 @@ TEST(TextPieces, DecimalTextOfEveryWidthAtEveryBoundary) {
     expectDecimal(std::numeric_limits<std::int32_t>::min());
     expectDecimal(std::numeric_limits<std::int16_t>::min());
     expectDecimal(std::numeric_limits<std::int8_t>::min());
+}
+
+TEST(TextPieces, DecimalTextOfRandomValuesOfEveryWidth) {
+    // Every number of digits, in a random order, for each width.
+    std::mt19937_64 random(20261125);
+    for (int i = 0; i < 20000; ++i) {
+        const std::uint64_t value = random() >> (random() % 64);
+        expectDecimal(static_cast<std::uint8_t>(value));
+        expectDecimal(static_cast<std::int8_t>(value));
+        expectDecimal(static_cast<std::uint16_t>(value));
+        expectDecimal(static_cast<std::int16_t>(value));
+        expectDecimal(static_cast<std::uint32_t>(value));
+        expectDecimal(static_cast<std::int32_t>(value));
+        expectDecimal(value);
+        expectDecimal(static_cast<std::int64_t>(value));
+    }
 }
 
 TEST(TextPieces, DecimalTextsFollowEachOtherAcrossGrowth) {
