@@ -204,23 +204,36 @@ inline unsigned decimalDigits(std::uint64_t value) {
 
 /// Writes `value` (below 2^32) in decimal at `at`, which has room for 16
 /// characters, and returns where the digits end. The same work whatever the
-/// number of digits: all ten are worked out and the significant ones moved
-/// in one 16-byte copy. Numbers of varying widths (most values a log shows)
-/// would otherwise make the processor guess wrong about the branches that
-/// pick the width, which costs more than the digits themselves.
+/// number of digits: all ten are worked out, in registers, and stored with
+/// the leading zeros shifted out. Numbers of varying widths (most values a
+/// log shows) would otherwise make the processor guess wrong about the
+/// branches that pick the width, which costs more than the digits
+/// themselves; and digits stored piece by piece and loaded again at once
+/// would wait for the stores.
 inline __attribute__((always_inline)) char* writeDigits32(char* at, std::uint32_t value) {
     const unsigned digits = decimalDigits(value);
-    const std::uint32_t high = value / 100000000u;  // 0 to 42
-    const std::uint32_t low = value % 100000000u;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    const auto pair = [](std::uint32_t twoDigits) {
+        std::uint16_t text;
+        std::memcpy(&text, kDigitPairs + 2 * twoDigits, 2);
+        return std::uint64_t{text};
+    };
+    const std::uint32_t high = value / 100000000u;  // 0 to 42: the first two digits
+    const std::uint32_t low = value % 100000000u;   // the last eight
     const std::uint32_t upper = low / 10000u;
     const std::uint32_t lower = low % 10000u;
-    char text[32] = {};
-    std::memcpy(text, kDigitPairs + 2 * high, 2);
-    std::memcpy(text + 2, kDigitPairs + 2 * (upper / 100u), 2);
-    std::memcpy(text + 4, kDigitPairs + 2 * (upper % 100u), 2);
-    std::memcpy(text + 6, kDigitPairs + 2 * (lower / 100u), 2);
-    std::memcpy(text + 8, kDigitPairs + 2 * (lower % 100u), 2);
-    std::memcpy(at, text + 10 - digits, 16);
+    // The last eight digits as characters, the first in the lowest byte.
+    const std::uint64_t last = pair(upper / 100u) | pair(upper % 100u) << 16 |
+                               pair(lower / 100u) << 32 | pair(lower % 100u) << 48;
+    const unsigned first = digits > 8 ? digits - 8 : 0;  // digits before the last eight
+    const unsigned lastShown = digits - first;           // of the last eight
+    const auto head = static_cast<std::uint16_t>(pair(high) >> (8 * (2 - first)));
+    const std::uint64_t tail = last >> (8 * (8 - lastShown));
+    std::memcpy(at, &head, 2);
+    std::memcpy(at + first, &tail, 8);
+#else
+    writeDigitsBackwards(at + digits, value);
+#endif
     return at + digits;
 }
 
