@@ -97,24 +97,23 @@ inline std::string_view payloadString(const ByteReader& payload, std::uint64_t o
         at, nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
 }
 
-/// Appends "0x" and the bit pattern in lowercase hex without leading zeros:
-/// the value's own width, except that 8-bit signed values are widened to 32
-/// bits first.
-template <typename Out, typename T>
-void appendHex(Out& out, T value) {
-    unsigned long long pattern;
-    if constexpr (std::is_same<T, std::int8_t>::value) {
-        pattern = static_cast<std::uint32_t>(static_cast<std::int32_t>(value));
-    } else {
-        pattern = static_cast<std::make_unsigned_t<T>>(value);
-    }
-    char buf[24] = {'0', 'x'};
-    const auto result = std::to_chars(buf + 2, buf + sizeof buf, pattern, 16);
-    out.append(buf, static_cast<std::size_t>(result.ptr - buf));
+/// Eight hex digits (lowercase) of `value` as characters, the first in the
+/// lowest byte: its nibbles spread one to a byte, then made digits all at
+/// once.
+inline std::uint64_t hexCharacters(std::uint32_t value) {
+    std::uint64_t nibbles = value;
+    nibbles = (nibbles | nibbles << 16) & 0x0000FFFF0000FFFFull;
+    nibbles = (nibbles | nibbles << 8) & 0x00FF00FF00FF00FFull;
+    nibbles = (nibbles | nibbles << 4) & 0x0F0F0F0F0F0F0F0Full;  // the last nibble first
+    const std::uint64_t letters = (nibbles + 0x0606060606060606ull) >> 4 & 0x0101010101010101ull;
+    return __builtin_bswap64(nibbles + 0x3030303030303030ull + letters * ('a' - '0' - 10));
 }
 
-/// Writes the text appendHex() appends at `at`, which has room for 18
-/// characters, and returns where it ends.
+/// Writes "0x" and the bit pattern of `value` in lowercase hex without
+/// leading zeros (the value's own width, except that 8-bit signed values are
+/// widened to 32 bits first) at `at`, which has room for 18 characters (what
+/// lies past the text's end may be overwritten), and returns where it ends.
+/// The same work whatever the number of digits, as writeDigits32() does.
 template <typename T>
 char* writeHex(char* at, T value) {
     std::uint64_t pattern;
@@ -123,16 +122,36 @@ char* writeHex(char* at, T value) {
     } else {
         pattern = static_cast<std::make_unsigned_t<T>>(value);
     }
-    static const char kDigits[] = "0123456789abcdef";
-    const unsigned digits =
-        pattern == 0 ? 1u : static_cast<unsigned>((67 - __builtin_clzll(pattern)) / 4);
+    const unsigned digits = static_cast<unsigned>((67 - __builtin_clzll(pattern | 1u)) / 4);
     at[0] = '0';
     at[1] = 'x';
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    const unsigned first = digits > 8 ? digits - 8 : 0;  // digits before the last eight
+    const unsigned lastShown = digits - first;           // of the last eight
+    // (In two shifts: one of 64 bits would be undefined.)
+    const unsigned headShift = 4 * (8 - first);
+    const std::uint64_t head =
+        hexCharacters(static_cast<std::uint32_t>(pattern >> 32)) >> headShift >> headShift;
+    const std::uint64_t tail =
+        hexCharacters(static_cast<std::uint32_t>(pattern)) >> (8 * (8 - lastShown));
+    std::memcpy(at + 2, &head, 8);
+    std::memcpy(at + 2 + first, &tail, 8);
+#else
+    static const char kDigits[] = "0123456789abcdef";
     for (unsigned i = digits; i > 0; --i) {
         at[1 + i] = kDigits[pattern & 0x0F];
         pattern >>= 4;
     }
+#endif
     return at + 2 + digits;
+}
+
+/// Appends the text writeHex() writes.
+template <typename Out, typename T>
+void appendHex(Out& out, T value) {
+    char text[24];
+    const char* const end = writeHex(text, value);
+    out.append(text, static_cast<std::size_t>(end - text));
 }
 
 /// appendHex into a TextBuilder: the digits are written in place.

@@ -1,17 +1,20 @@
 // The small pieces record lines are built from: digit counts and decimal
 // texts written in place, checked against the standard library's texts at
 // every power-of-ten boundary of every integer width and for random values,
-// and kept within the room they are given.
+// and kept within the room they are given; hex texts likewise.
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "records/Text.h"
+#include "records/Values.h"
 
 namespace {
 
@@ -99,6 +102,66 @@ TEST(TextPieces, DecimalTextOfRandomValuesOfEveryWidth) {
         expectDecimal(static_cast<std::int32_t>(value));
         expectDecimal(value);
         expectDecimal(static_cast<std::int64_t>(value));
+    }
+}
+
+/// "0x" and the pattern in lowercase hex, signed 8-bit values widened to 32
+/// bits: as "%#x"-like texts from std::to_chars.
+template <typename T>
+std::string hexText(T value) {
+    std::uint64_t pattern;
+    if constexpr (std::is_same<T, std::int8_t>::value) {
+        pattern = static_cast<std::uint32_t>(static_cast<std::int32_t>(value));
+    } else {
+        pattern = static_cast<std::make_unsigned_t<T>>(value);
+    }
+    char digits[20];
+    const auto result = std::to_chars(digits, digits + sizeof digits, pattern, 16);
+    return "0x" + std::string(digits, result.ptr);
+}
+
+template <typename T>
+void expectHex(T value) {
+    const std::string expected = hexText(value);
+    TextBuilder text;
+    text.append("x=", 2);
+    Tav::detail::appendHex(text, value);
+    EXPECT_EQ(std::string(text.view()), "x=" + expected) << "value " << +value;
+    std::string appended;
+    Tav::detail::appendHex(appended, value);
+    EXPECT_EQ(appended, expected) << "value " << +value;
+    // Written in place: within its room of 18 characters, nothing before.
+    char buffer[40];
+    std::memset(buffer, '#', sizeof buffer);
+    char* const at = buffer + 8;
+    const char* const end = Tav::detail::writeHex(at, value);
+    EXPECT_EQ(std::string(static_cast<const char*>(at), end), expected) << "value " << +value;
+    EXPECT_EQ(std::string(buffer, at), std::string(8, '#')) << "value " << +value;
+    EXPECT_EQ(std::string(at + 18, buffer + sizeof buffer), std::string(sizeof buffer - 26, '#'))
+        << "value " << +value;
+}
+
+TEST(TextPieces, HexTextOfEveryWidthAtEveryNibbleBoundary) {
+    std::vector<std::uint64_t> values = {
+        0, 1, 9, 10, 15, 16, 0xa5, 0xdeadbeef, 0x0123456789abcdefull, ~std::uint64_t{0}};
+    for (int bit = 0; bit < 64; ++bit) {
+        values.push_back((std::uint64_t{1} << bit) - 1);
+        values.push_back(std::uint64_t{1} << bit);
+        values.push_back(~std::uint64_t{0} << bit);
+    }
+    std::mt19937_64 random(20261125);
+    for (int i = 0; i < 20000; ++i) {
+        values.push_back(random() >> (random() % 64));
+    }
+    for (const std::uint64_t value : values) {
+        expectHex(static_cast<std::uint8_t>(value));
+        expectHex(static_cast<std::int8_t>(value));
+        expectHex(static_cast<std::uint16_t>(value));
+        expectHex(static_cast<std::int16_t>(value));
+        expectHex(static_cast<std::uint32_t>(value));
+        expectHex(static_cast<std::int32_t>(value));
+        expectHex(value);
+        expectHex(static_cast<std::int64_t>(value));
     }
 }
 
