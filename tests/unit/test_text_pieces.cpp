@@ -62,6 +62,20 @@ void expectDecimal(T value) {
         << "value " << +value;
 }
 
+/// Calls `check` with `value` cut to every integer width, unsigned and
+/// signed.
+template <typename Check>
+void atEveryWidth(std::uint64_t value, Check check) {
+    check(static_cast<std::uint8_t>(value));
+    check(static_cast<std::int8_t>(value));
+    check(static_cast<std::uint16_t>(value));
+    check(static_cast<std::int16_t>(value));
+    check(static_cast<std::uint32_t>(value));
+    check(static_cast<std::int32_t>(value));
+    check(value);
+    check(static_cast<std::int64_t>(value));
+}
+
 TEST(TextPieces, DecimalDigitsAtEveryBoundary) {
     for (const std::uint64_t value : boundaries()) {
         EXPECT_EQ(Tav::detail::decimalDigits(value), std::to_string(value).size())
@@ -71,14 +85,7 @@ TEST(TextPieces, DecimalDigitsAtEveryBoundary) {
 
 TEST(TextPieces, DecimalTextOfEveryWidthAtEveryBoundary) {
     for (const std::uint64_t value : boundaries()) {
-        expectDecimal(static_cast<std::uint8_t>(value));
-        expectDecimal(static_cast<std::uint16_t>(value));
-        expectDecimal(static_cast<std::uint32_t>(value));
-        expectDecimal(value);
-        expectDecimal(static_cast<std::int8_t>(value));
-        expectDecimal(static_cast<std::int16_t>(value));
-        expectDecimal(static_cast<std::int32_t>(value));
-        expectDecimal(static_cast<std::int64_t>(value));
+        atEveryWidth(value, [](auto cut) { expectDecimal(cut); });
         // The negative side: the most negative value of each width too.
         expectDecimal(static_cast<std::int64_t>(0 - value));
         expectDecimal(static_cast<std::int32_t>(0 - static_cast<std::uint32_t>(value)));
@@ -93,15 +100,7 @@ TEST(TextPieces, DecimalTextOfRandomValuesOfEveryWidth) {
     // Every number of digits, in a random order, for each width.
     std::mt19937_64 random(20261125);
     for (int i = 0; i < 20000; ++i) {
-        const std::uint64_t value = random() >> (random() % 64);
-        expectDecimal(static_cast<std::uint8_t>(value));
-        expectDecimal(static_cast<std::int8_t>(value));
-        expectDecimal(static_cast<std::uint16_t>(value));
-        expectDecimal(static_cast<std::int16_t>(value));
-        expectDecimal(static_cast<std::uint32_t>(value));
-        expectDecimal(static_cast<std::int32_t>(value));
-        expectDecimal(value);
-        expectDecimal(static_cast<std::int64_t>(value));
+        atEveryWidth(random() >> (random() % 64), [](auto cut) { expectDecimal(cut); });
     }
 }
 
@@ -154,14 +153,7 @@ TEST(TextPieces, HexTextOfEveryWidthAtEveryNibbleBoundary) {
         values.push_back(random() >> (random() % 64));
     }
     for (const std::uint64_t value : values) {
-        expectHex(static_cast<std::uint8_t>(value));
-        expectHex(static_cast<std::int8_t>(value));
-        expectHex(static_cast<std::uint16_t>(value));
-        expectHex(static_cast<std::int16_t>(value));
-        expectHex(static_cast<std::uint32_t>(value));
-        expectHex(static_cast<std::int32_t>(value));
-        expectHex(value);
-        expectHex(static_cast<std::int64_t>(value));
+        atEveryWidth(value, [](auto cut) { expectHex(cut); });
     }
 }
 
