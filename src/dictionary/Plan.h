@@ -264,10 +264,10 @@ struct LogPlan {
     /// A direct log's line after its sequence number, in steps (see
     /// planLineSteps()); empty when it is written piece by piece (text that
     /// may hold a NUL, or a message that needs the general substitution).
-    /// The texts of the steps lie in `lineText`, followed by
-    /// kStepTextSlack spare bytes so that they can be copied that many at a
-    /// time. The message starts
-    /// `messageOffset` characters into the text of step `messageStep`.
+    /// The texts of the steps lie in `lineText`, followed by kStepTextSlack
+    /// spare bytes so that they can be copied that many at a time. The
+    /// message starts `messageOffset` characters into the text of step
+    /// `messageStep`.
     std::vector<LineStep> lineSteps;
     std::string lineText;
     std::uint32_t messageStep = 0;

@@ -97,9 +97,9 @@ inline std::string_view payloadString(const ByteReader& payload, std::uint64_t o
         at, nul ? static_cast<std::size_t>(static_cast<const char*>(nul) - at) : span);
 }
 
-/// Eight hex digits (lowercase) of `value` as characters, the first in the
-/// lowest byte: its nibbles spread one to a byte, then made digits all at
-/// once.
+/// The eight hex digits (lowercase) of `value` as characters, the most
+/// significant in the lowest byte (first in memory): its nibbles spread one
+/// to a byte, then made digits all at once.
 inline std::uint64_t hexCharacters(std::uint32_t value) {
     std::uint64_t nibbles = value;
     nibbles = (nibbles | nibbles << 16) & 0x0000FFFF0000FFFFull;
